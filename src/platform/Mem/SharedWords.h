@@ -59,16 +59,15 @@ template <class Word> inline void storeShared(Word& word, Word value) {
 template <class Pair> inline Pair loadPair(Pair const& pair) {
    static_assert(sizeof(Pair) == 8 && alignof(Pair) == 8 && std::is_trivially_copyable_v<Pair>);
    Seam::load(&pair, 8);
-   auto& word = reinterpret_cast<u64&>(const_cast<Pair&>(pair));
-   return std::bit_cast<Pair>(std::atomic_ref<u64>(word).load(std::memory_order_acquire));
+   static_assert(std::atomic_ref<Pair>::is_always_lock_free);
+   return std::atomic_ref<Pair>(const_cast<Pair&>(pair)).load(std::memory_order_acquire);
 }
 
 /// Stores a pair in one 8-byte access. Writer only. This is the store by which links and counts are published.
 template <class Pair> inline void publishPair(Pair& pair, Pair value) {
    static_assert(sizeof(Pair) == 8 && alignof(Pair) == 8 && std::is_trivially_copyable_v<Pair>);
    Seam::store(&pair, &value, 8);
-   auto& word = reinterpret_cast<u64&>(pair);
-   std::atomic_ref<u64>(word).store(std::bit_cast<u64>(value), std::memory_order_release);
+   std::atomic_ref<Pair>(pair).store(value, std::memory_order_release);
 }
 
 /// Copies `bytes` (a multiple of 4) from an 8-aligned shared place into private memory, word by word.
