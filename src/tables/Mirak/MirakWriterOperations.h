@@ -262,6 +262,12 @@ template <class Ops> void MirakWriter<Ops>::directCommit() {
    if (directNew_) publishLink(slot.link, Mem::loadPair(*directPrevLink_).next); // 2
    ++counters_.directCommits;
    u32 const word = Mem::loadShared(slot.versionFlags);
+#ifndef NDEBUG
+   // A caller that changed the key would make the row unfindable.
+   Key const key = loadKey<Key>(word & SlotFlags::occupied ? slots_.lookaside().value : slot.value);
+   LOMI_ASSERT(Lomi::Util::reverse(ops_.hash(key)) == Mem::loadShared(slot.rhash), debugHandler_,
+               "direct operation changed the key of slot:{}", index);
+#endif
    if (word & SlotFlags::occupied) { // 4: an existing row; its new value stands in `lookaside`
       Mem::storeShared(slots_.lookaside().rhash, Mem::loadShared(slot.rhash));
       Mem::storeShared(slot.versionFlags, word + 2); // SYNC(slot-word) store

@@ -153,7 +153,6 @@ public:
 private:
    bool adopt(Parcel::KestorId kestor);
    void format(Parcel::KestorId kestor);
-   void formatSlots(u32 start, u32 end);
    void addFreeSlots(u32 start, u32 end);
    void resize(u32 newNumSlots);
    void refresh(u32 capacity);
@@ -276,31 +275,22 @@ template <class Ops> void SlotWriterTable<Ops>::format(Parcel::KestorId kestor) 
    Mem::storeShared(spare.versionFlags, u32{0});
    Mem::publishPair(spare.link, SlotLink{0, noSlot});
    fillLookaside(0, &Ops::typeDefault());
-   formatSlots(0, minSlots_);
    addFreeSlots(0, minSlots_);
    Mem::storeShared(header_->freeSlots, u32{0});
 }
 
-/// Gives slots their first content. The word comes first: a reader of an older table that is still inside the
-/// slot sees OCCUPIED fall before the value changes.
-template <class Ops> void SlotWriterTable<Ops>::formatSlots(u32 start, u32 end) {
-   for (u32 index = start; index < end; ++index) {
-      Slot& slot = slots_[index];
-      Mem::storeShared(slot.versionFlags, u32{0});
-      Mem::publishPair(slot.link, SlotLink{0, noSlot});
-      Mem::storeShared(slot.rhash, u32{0});
-      Mem::storeShared(slot.value, &Ops::typeDefault(), Table::valueSize);
-   }
-}
-
-/// Threads slots start to end - 1 on the empty free list, low indices first. The caller sets freeSlots.
+/// Gives slots start to end - 1 their first content and threads them on the empty free list, low indices first. The
+/// caller sets freeSlots; until then nobody reaches them, so the first link and its threading are one store. The word
+/// comes first: a reader of an older table that is still inside the slot sees OCCUPIED fall before the value changes.
 template <class Ops> void SlotWriterTable<Ops>::addFreeSlots(u32 start, u32 end) {
    LOMI_ASSERT(start < end, debugHandler_, "bad index range, start: {} end: {}", start, end);
    LOMI_ASSERT(Mem::loadShared(header_->freeSlots) == noSlot, debugHandler_, "{}", "free-list is not empty");
-   u32 above = noSlot;
-   for (u32 index = end; index-- > start;) {
-      publishLink(slots_[index].link, above);
-      above = index;
+   for (u32 index = start; index < end; ++index) {
+      Slot& slot = slots_[index];
+      Mem::storeShared(slot.versionFlags, u32{0});
+      Mem::publishPair(slot.link, SlotLink{4, index + 1 < end ? index + 1 : noSlot});
+      Mem::storeShared(slot.rhash, u32{0});
+      Mem::storeShared(slot.value, &Ops::typeDefault(), Table::valueSize);
    }
 }
 
@@ -316,7 +306,6 @@ template <class Ops> bool SlotWriterTable<Ops>::grow() {
       LOMI_TRACE(debugHandler_, 5, "SlotWriterTable", "overflowing by {} slots", to - maxSlots_);
    resize(to);
    slots_ = reinterpret_cast<Slot*>(base() + Table::headerSize);
-   formatSlots(from, to);
    addFreeSlots(from, to);
    if (Mem::loadShared(header_->mostSlots) < to) Mem::storeShared(header_->mostSlots, to);
    // SYNC(num-slots) store: everything below the new count is formatted.
