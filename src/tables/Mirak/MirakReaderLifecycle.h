@@ -154,8 +154,6 @@ template <class Ops> bool MirakReader<Ops>::follow() const {
    try {
       bool const slotsMoved = slots_.doResize();
       bool const bucketsMoved = buckets_.buckets().resize();
-      // A writer that finds only the bucket file unsound formats it first as the old generation.
-      if (bucketsMoved) checkKestorFile();
       checkGeneration();
       return slotsMoved || bucketsMoved;
    } catch (TableReformattedException const&) {

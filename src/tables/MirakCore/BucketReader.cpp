@@ -71,7 +71,7 @@ template <class Link> bool BucketReader<Link>::validate(Parcel::KestorId kestor,
 template <class Link> void BucketReader<Link>::doResize() {
    BucketTableHeader copy;
    u64 const size = copyHeader(copy);
-   // SYNC(kestor) load: a re-format stores its generation before it moves the count.
+   // SYNC(kestor): a re-format stores its generation before it moves the count.
    if (copy.kestor != kestor_.value())
       throw Mirak::TableReformattedException(
           fmt::format("bad kestor:{} wanted:{}", Parcel::KestorId(copy.kestor), kestor_));
