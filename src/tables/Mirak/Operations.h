@@ -7,6 +7,7 @@
 #pragma once
 
 #include "Mirak/SlotLink.h"
+#include "Tessel/DummyTesselWriter.h"
 #include "Zeb/Hash.h"
 
 #include <type_traits>
@@ -68,6 +69,8 @@ struct Ops {
    using Value = ValueType;
    using ValueOperationsType = ValueOperations;
    using TesselWriter = TesselWriterType;
+   /// Known without the queue's definition: readers of a table need not know how its queue is written.
+   static constexpr bool hasChangeQueue = !std::is_same_v<TesselWriterType, Tessel::DummyTesselWriter>;
    static_assert(std::is_same_v<PrevValueAnchor, NullPrevValueAnchor>, "previous values are not supported");
    static_assert(std::is_trivially_copyable_v<Key> && std::is_trivially_copyable_v<Value>);
 

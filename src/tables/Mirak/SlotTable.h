@@ -135,7 +135,7 @@ template <class Ops> struct SlotTable {
    static constexpr u32 valueSize = sizeof(Value);
    static constexpr u32 slotSize = sizeof(Slot);
    static constexpr u32 headerSize = sizeof(Header) + slotSize;
-   static constexpr u16 constFlags = Ops::TesselWriter::real ? Header::hasChangeQueue : 0;
+   static constexpr u16 constFlags = Ops::hasChangeQueue ? Header::hasChangeQueue : 0;
    static_assert(slotSize == (16 + valueSize + 7) / 8 * 8 && headerSize % 8 == 0 &&
                  offsetof(Slot, value) == 16);
 
