@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// One table as a demo reader follows it: attach, read, judge, and attach again when the files are no longer those
-// that are mapped. It shows all that a long-lived reader has to do.
+// One table as a demo reader follows it: attach, read, judge, and attach again when the files are no longer
+// those that are mapped. It shows all that a long-lived reader has to do.
 #pragma once
 
 #include "FlowTracking/Tables.h"
@@ -147,8 +147,8 @@ private:
       reader.reset();
    }
 
-   /// Whether the path still names the file that was there at the attach. A table made anew after its files were
-   /// removed can have the same generation, so that alone proves nothing.
+   /// Whether the path still names the file that was there at the attach. A table made anew after its files
+   /// were removed can have the same generation, so that alone proves nothing.
    bool same() const {
       struct stat now {};
       return ::stat((directory + "/slots").c_str(), &now) == 0 && now.st_ino == inode;

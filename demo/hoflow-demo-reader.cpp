@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-// A reader process of the demo: it reads both counter tables as fast as it can until SIGTERM, and judges what it
-// reads. `lookup` looks up every key that it has ever seen, `walk` walks the tables from end to end.
+// A reader process of the demo: it reads both counter tables as fast as it can until SIGTERM, and judges what
+// it reads. `lookup` looks up every key that it has ever seen, `walk` walks the tables from end to end.
 //
-// While a table is of one generation its tracker only adds rows and adds to their counts. So a key that was there
-// must be there, its counts must not fall, and no walk may pass a row twice: each breach is an anomaly. A
-// re-format or a new file ends the generation; the reader then attaches again and starts from nothing.
+// While a table is of one generation its tracker only adds rows and adds to their counts. So a key that was
+// there must be there, its counts must not fall, and no walk may pass a row twice: each breach is an anomaly.
+// A re-format or a new file ends the generation; the reader then attaches again and starts from nothing.
 //
 // Each second, and at the end, one JSON object with all counts so far goes to stdout.
 #include "Table.h"
