@@ -12,6 +12,7 @@
 #include "Mirak/Counters.h"
 #include "Mirak/IterHint.h"
 #include "Mirak/MapDescriptor.h"
+#include "Mirak/Operations.h"
 #include "Parcel/KestorId.h"
 
 #include <string>

@@ -1,23 +1,28 @@
 // SPDX-License-Identifier: Apache-2.0
-// The writer's object for one table: stores, removes and looks up rows, and takes a table directory from claim to
-// release. One writer process per table, one thread per object; any number of readers watch the same files.
+// The writer's object for one table: stores, removes and looks up rows, and takes a table directory from
+// claim to release. One writer process per table, one thread per object; any number of readers watch the same
+// files.
 //
 // Guarantees to readers (docs/concurrency.md tells the readers' side):
 //   G1  a row is visible from the store of its predecessor's link on, and not before; it is complete then
-//   G2  a row's value changes only between two stores of its versionFlags, and while LOOKASIDE is up the whole new
+//   G2  a row's value changes only between two stores of its versionFlags, and while LOOKASIDE is up the
+//   whole new
 //       value stands in the header's lookaside slot: a reader always finds one whole value and never waits
-//   G3  a removed slot keeps its value, and its link until it joins the free list; the word and the link's version
+//   G3  a removed slot keeps its value, and its link until it joins the free list; the word and the link's
+//   version
 //       move before anything in it can be taken for something else
 //   G4  numSlots and numBuckets move their version with every change, after a growth and before a cut
-// Crash promise: whatever store was the last one, the next start either adopts every row as it was before or after
-// the interrupted operation, or formats the table anew under a new generation. Nothing is rolled forward.
+// Crash promise: whatever store was the last one, the next start either adopts every row as it was before or
+// after the interrupted operation, or formats the table anew under a new generation. Nothing is rolled
+// forward.
 //
 // A write inside another operation on the same table (from a critical task, say) stops the process: "Mirak
-// reentrancy detected". After a MemoryResourceException out of write() the table's end has come for this process:
-// the critical section stays marked, the next write asserts, the next start re-formats. TableFullException is
-// harmless.
+// reentrancy detected". After a MemoryResourceException out of write() the table's end has come for this
+// process: the critical section stays marked, the next write asserts, the next start re-formats.
+// TableFullException is harmless.
 #pragma once
 
+#include "Mem/VersionMismatchException.h"
 #include "Mem/WriterLock.h"
 #include "Mirak/MirakInterface.h"
 #include "Mirak/SlotWriter.h"
@@ -43,14 +48,16 @@ public:
    using QuiesceHandler = std::function<void(bool)>;
 
    /// Does no file work. @param name the table's path under the root
-   MirakWriter(Lomi::Platform::DebugHandler const& handler, char const* name, MapDescriptor const& descriptor,
-               Ops const& ops = {}, QuiesceHandler quiesce = [](bool) {});
+   MirakWriter(
+       Lomi::Platform::DebugHandler const& handler, char const* name, MapDescriptor const& descriptor,
+       Ops const& ops = {}, QuiesceHandler quiesce = [](bool) {});
    ~MirakWriter() override;
 
    // --- lifecycle (MirakWriterLifecycle.h) ---
 
    /// Claims the directory, adopts the files or formats them, proves them sound, lets readers in.
-   /// @throws Lomi::InvalidInitializeException: another writer lives, the files can't be made, validation failed
+   /// @throws Lomi::InvalidInitializeException: another writer lives, the files can't be made, validation
+   /// failed
    ///         Lomi::MemoryResourceException: no space
    bool initialize(std::string const& event) override;
    void detach(bool force) override;
@@ -74,10 +81,10 @@ public:
    bool first(Value& value, IterHint& hint) const override;
    bool next(Key const& key, Value& value, IterHint& hint) const override;
 
-   /// Direct mode: the caller builds a value in place, directCommit() publishes it in one step. Between the two no
-   /// other change is allowed. The whole value must be filled, its key must stay the one given, or the row can't be
-   /// found again. The place is readers' spare copy (for a row that exists), so what is stored there is not shared
-   /// in the language's sense until the commit.
+   /// Direct mode: the caller builds a value in place, directCommit() publishes it in one step. Between the
+   /// two no other change is allowed. The whole value must be filled, its key must stay the one given, or the
+   /// row can't be found again. The place is readers' spare copy (for a row that exists), so what is stored
+   /// there is not shared in the language's sense until the commit.
    Value* directWrite(Value const& value) override;
    /// @return null if there is no such row; then direct mode isn't entered
    Value* directUpdate(Key const& key) override;
@@ -124,9 +131,9 @@ private:
 
    bool attached() const { return slots_.attached(); }
    bool inDirectMode() const { return directSlot_ != noSlot || directNew_; }
-   [[gnu::always_inline]] Place locate(Key const& key);
+   [[gnu::always_inline]] inline Place locate(Key const& key);
    Slot& slotBehind(SlotLink const* prev) { return slots_.slot(Mem::loadPair(*prev).next); }
-   void prepareInsert(Key const& key, Place& place);
+   void prepareInsert();
    Slot& allocate(Place& place);
    void overwriteSlot(Slot& slot, Value const& value);
    [[gnu::cold, gnu::noinline]] void growBuckets();

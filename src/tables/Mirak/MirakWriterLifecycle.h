@@ -1,12 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
-// MirakWriter from construction to destruction: claim the directory, adopt or format the files, prove them, let
-// readers in, let go. Included by MirakWriter.h only.
+// MirakWriter from construction to destruction: claim the directory, adopt or format the files, prove them,
+// let readers in, let go. Included by MirakWriter.h only.
 //
 // What a crash leaves, by the order of the steps in attach():
-//   - the kestor file is written last, and taken away before the first store that destroys a published table. So
-//     "a kestor file whose id stands in both table files" means: this table was complete, and only its operations
-//     since (the critical section bit, the walks) decide whether it is adopted;
-//   - a crash anywhere in a re-format leaves no kestor file; the next start makes a new id, which matches neither
+//   - the kestor file is written last, and taken away before the first store that destroys a published table.
+//   So
+//     "a kestor file whose id stands in both table files" means: this table was complete, and only its
+//     operations since (the critical section bit, the walks) decide whether it is adopted;
+//   - a crash anywhere in a re-format leaves no kestor file; the next start makes a new id, which matches
+//   neither
 //     file, and formats all anew. A half-formatted or emptied table is never taken for the published one.
 #pragma once
 
@@ -32,7 +34,8 @@ MirakWriter<Ops>::MirakWriter(Lomi::Platform::DebugHandler const& handler, char 
    , quiesce_(std::move(quiesce))
    , criticalTaskCheck_(descriptor.criticalTaskCheck)
    , slots_(handler, rootPath_, descriptor, ops_, counters_, [this] { beforeReformat(); })
-   , map_(handler, rootPath_, descriptor.local, ops_, slots_, anchor_, counters_, [this] { beforeReformat(); }) {
+   , map_(handler, rootPath_, descriptor.local, ops_, slots_, anchor_, counters_,
+          [this] { beforeReformat(); }) {
    if (descriptor.heap) {
       slots_.wrapper().useHeapIs(true);
       map_.buckets().wrapper().useHeapIs(true);
@@ -43,11 +46,12 @@ MirakWriter<Ops>::MirakWriter(Lomi::Platform::DebugHandler const& handler, char 
 template <class Ops> MirakWriter<Ops>::~MirakWriter() { detach(false); }
 
 template <class Ops> bool MirakWriter<Ops>::initialize(std::string const&) {
-   LOMI_ASSERT(localMem_ || Mem::Atomics::checkCpuSupport(), debugHandler_, "{}", "Hardware does not support Atomics");
+   LOMI_ASSERT(localMem_ || Mem::Atomics::checkCpuSupport(), debugHandler_, "{}",
+               "Hardware does not support Atomics");
    if (this->initialized()) return true;
    if (slots_.maxSlots() == 0)
-      throw Lomi::InvalidInitializeException(
-         fmt::format("0 is not a valid initialization size for collection {} in writer mode", rootPath_.name()));
+      throw Lomi::InvalidInitializeException(fmt::format(
+          "0 is not a valid initialization size for collection {} in writer mode", rootPath_.name()));
    try {
       attach();
    } catch (...) {
@@ -60,7 +64,8 @@ template <class Ops> bool MirakWriter<Ops>::initialize(std::string const&) {
    return true;
 }
 
-/// Low half: who made the table. High half: a number of its own for each table of the process. Never 0, "none".
+/// Low half: who made the table. High half: a number of its own for each table of the process. Never 0,
+/// "none".
 template <class Ops> Parcel::KestorId MirakWriter<Ops>::newKestorId() {
    static std::atomic<u16> counter{0};
    for (;;) {
@@ -86,11 +91,11 @@ template <class Ops> void MirakWriter<Ops>::attach() {
    }
    bool const ownerInvalid = !ownerFile.validate();
    if (ownerInvalid)
-      LOMI_TRACE(debugHandler_, 1, "MirakWriter", "owner file validation failed, dumping owner file string: {}",
-                 ownerFile.headerToString());
+      LOMI_TRACE(debugHandler_, 1, "MirakWriter",
+                 "owner file validation failed, dumping owner file string: {}", ownerFile.headerToString());
    kestorRemoved_ = false;
    ownerFile.typeNameIs(Ops::Value::typeName);
-   ownerFile.parcelTypeIs(1);
+   ownerFile.parcelTypeIs(Parcel::ParcelType::mirak);
    if (!attachAndValidate(ownerInvalid, ownerFile, tunnetInfo)) {
       LOMI_ASSERT(!ownerInvalid, debugHandler_, "{}", "failed to attach to and validate new files");
       attachAndValidate(true, ownerFile, tunnetInfo);
@@ -122,7 +127,7 @@ bool MirakWriter<Ops>::attachAndValidate(bool reformat, Parcel::OwnerFile& owner
             map_.buckets().wrapper().dumpToCoreIs(true);
             Lomi::Util::includeShmemInCore();
             throw Lomi::InvalidInitializeException(
-               fmt::format("failed initial validation of {} after re-attaching", rootPath_.str()));
+                fmt::format("failed initial validation of {} after re-attaching", rootPath_.str()));
          }
          return giveUp("failed to validate existing files");
       }
@@ -154,8 +159,8 @@ template <class Ops> bool MirakWriter<Ops>::attach(Parcel::KestorId kestor) {
    return result == MirakCore::attachedNew || result == MirakCore::attachedExisting;
 }
 
-/// One of the files is about to be destroyed: take the published generation back, so that no start after a crash
-/// and no reader believes in it, and tell the readers that are inside through the slot file's header.
+/// One of the files is about to be destroyed: take the published generation back, so that no start after a
+/// crash and no reader believes in it, and tell the readers that are inside through the slot file's header.
 template <class Ops> void MirakWriter<Ops>::beforeReformat() {
    if (localMem_) return;
    if (!kestorRemoved_) Parcel::KestorFile(debugHandler_, rootPath_, localMem_).remove();
@@ -169,7 +174,8 @@ template <class Ops> bool MirakWriter<Ops>::validate() {
    return validate(kestorId_, error, true);
 }
 
-template <class Ops> bool MirakWriter<Ops>::validate(Parcel::KestorId kestor, std::string& error, bool checkOwner) {
+template <class Ops>
+bool MirakWriter<Ops>::validate(Parcel::KestorId kestor, std::string& error, bool checkOwner) {
    refuseReentrancy();
    if (inDirectMode()) refuseUnbalanced("", "");
    bool sound = false;
@@ -186,7 +192,8 @@ template <class Ops> bool MirakWriter<Ops>::validate(Parcel::KestorId kestor, st
       }
       map_.validatorIs(nullptr);
    }
-   if (!sound) LOMI_TRACE(debugHandler_, 0, "MirakWriter", "Mirak {} validation failed: {}", rootPath_.str(), error);
+   if (!sound)
+      LOMI_TRACE(debugHandler_, 0, "MirakWriter", "Mirak {} validation failed: {}", rootPath_.str(), error);
    if (checkOwner) sound = Parcel::OwnerFile(debugHandler_, rootPath_, localMem_).validate() && sound;
    return sound;
 }
@@ -202,14 +209,15 @@ template <class Ops> bool MirakWriter<Ops>::validateFiles() {
 }
 
 template <class Ops> void MirakWriter<Ops>::detach(bool) {
-   LOMI_TRACE(debugHandler_, 5, "MirakWriter", "owner:{} localMem_:{} rootPath:{}", owner_, localMem_, rootPath_.str());
+   LOMI_TRACE(debugHandler_, 5, "MirakWriter", "owner:{} localMem_:{} rootPath:{}", owner_, localMem_,
+              rootPath_.str());
    if (directNew_) refuseUnbalanced("", "");
    directSlot_ = noSlot;
    if constexpr (Ops::hasChangeQueue) tesselWriter_.onDetach();
    if (owner_) {
       try {
          Parcel::OwnerFile ownerFile(debugHandler_, rootPath_, localMem_);
-         if (Mem::WriterLock::ownerIsMe(debugHandler_, ownerFile.tunnetInfo().socketName)) {
+         if (Mem::WriterLock::ownerIsMe(debugHandler_, rootPath_)) {
             LOMI_TRACE(debugHandler_, 5, "MirakWriter", "{}", "clearing tunnetInfo");
             ownerFile.tunnetInfoIs({});
          }
@@ -226,13 +234,15 @@ template <class Ops> void MirakWriter<Ops>::detach(bool) {
 }
 
 template <class Ops> void MirakWriter<Ops>::cleanup() {
-   LOMI_TRACE(debugHandler_, 5, "MirakWriter", "owner:{} localMem_:{} rootPath:{}", owner_, localMem_, rootPath_.str());
+   LOMI_TRACE(debugHandler_, 5, "MirakWriter", "owner:{} localMem_:{} rootPath:{}", owner_, localMem_,
+              rootPath_.str());
    if (localMem_ || !rootPath_.exists()) return;
    Parcel::OwnerFile ownerFile(debugHandler_, rootPath_, localMem_);
    ownerFile.lock();
    std::optional<Mem::WriterLock> lock;
    // A lock that another process holds can't be taken away from it: then this throws, and nothing is removed.
-   if (!writerLock_) lock.emplace(Mem::WriterLock::acquireWriterLock(debugHandler_, rootPath_, ownerFile, true));
+   if (!writerLock_)
+      lock.emplace(Mem::WriterLock::acquireWriterLock(debugHandler_, rootPath_, ownerFile, true));
    owner_ = ownerFile.validate();
    if (!owner_)
       LOMI_TRACE(debugHandler_, 1, "MirakWriter",

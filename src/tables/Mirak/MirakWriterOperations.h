@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // MirakWriter's operations on rows. Included by MirakWriter.h only.
 //
-// The numbered stores below are the protocol that readers rest on; their order is fixed. What a crash between any
-// two leaves: the critical section bit is set from the first to the last, so the next start re-formats. (Two
-// exceptions by design: directCommit after directUpdate, and lookups and misses, which change nothing.)
+// The numbered stores below are the protocol that readers rest on; their order is fixed. What a crash between
+// any two leaves: the critical section bit is set from the first to the last, so the next start re-formats.
+// (Two exceptions by design: directCommit after directUpdate, and lookups and misses, which change nothing.)
 #pragma once
 
 #include "Mirak/MirakWriter.h"
@@ -14,7 +14,10 @@ namespace Mirak {
 
 template <class Ops> class MirakWriter<Ops>::Restructuring {
 public:
-   explicit Restructuring(MirakWriter& writer) : writer_(writer) { writer_.restructuring_ = true; }
+   explicit Restructuring(MirakWriter& writer)
+      : writer_(writer) {
+      writer_.restructuring_ = true;
+   }
    ~Restructuring() { writer_.restructuring_ = false; }
    Restructuring(Restructuring const&) = delete;
    Restructuring& operator=(Restructuring const&) = delete;
@@ -25,8 +28,10 @@ private:
 
 namespace Detail {
 template <class Key> std::string textOf(Key const& key) {
-   if constexpr (requires { key.mirakString(); }) return std::string(key.mirakString());
-   else return std::string(key.str());
+   if constexpr (requires { key.mirakString(); })
+      return std::string(key.mirakString());
+   else
+      return std::string(key.str());
 }
 } // namespace Detail
 
@@ -43,7 +48,8 @@ template <class Ops> void MirakWriter<Ops>::refuseReentrancy() const {
 }
 
 /// The process stops here: a direct operation is open, and another change would destroy what it is building.
-template <class Ops> void MirakWriter<Ops>::refuseUnbalanced(char const* what, std::string const& subject) const {
+template <class Ops>
+void MirakWriter<Ops>::refuseUnbalanced(char const* what, std::string const& subject) const {
    std::string held = "none";
    if (directSlot_ != noSlot) {
       Slot const& slot = slots_.slot(directSlot_);
@@ -53,32 +59,34 @@ template <class Ops> void MirakWriter<Ops>::refuseUnbalanced(char const* what, s
       held = Detail::textOf(value);
    }
    std::string const tail = subject.empty() ? std::string() : fmt::format(" when {}{}", what, subject);
-   LOMI_ASSERT(false, debugHandler_,
-               "unbalanced directSlot:{} containing value:{}{} - Make sure the DirectIs/Commit are properly paired!",
-               directSlot_, held, tail);
+   LOMI_ASSERT(
+       false, debugHandler_,
+       "unbalanced directSlot:{} containing value:{}{} - Make sure the DirectIs/Commit are properly paired!",
+       directSlot_, held, tail);
 }
 
 /// Gives back, in passing, the blocks of what a shrink cut off a moment ago.
 template <class Ops> void MirakWriter<Ops>::releaseDue() {
-   if (slots_.wrapper().releasePending()) [[unlikely]] slots_.wrapper().releaseTailIfDue();
-   if (map_.buckets().wrapper().releasePending()) [[unlikely]] map_.buckets().wrapper().releaseTailIfDue();
+   if (slots_.wrapper().releasePending()) [[unlikely]]
+      slots_.wrapper().releaseTailIfDue();
+   if (map_.buckets().wrapper().releasePending()) [[unlikely]]
+      map_.buckets().wrapper().releaseTailIfDue();
 }
 
-/// Makes sure, before the first store of an insert, that the index can grow after it: a row that is linked must not
-/// be left behind by an exception.
-template <class Ops> void MirakWriter<Ops>::prepareInsert(Key const& key, Place& place) {
-   if (members() + 1 <= map_.growThreshold()) [[likely]] return;
-   map_.reserveGrow();
-   place = locate(key); // the bucket file may have moved
+/// Makes sure, before the first store of an insert, that the index can grow after it: a row that is linked
+/// must not be left behind by an exception.
+template <class Ops> void MirakWriter<Ops>::prepareInsert() {
+   if (members() + 1 > map_.growThreshold()) [[unlikely]]
+      map_.reserveGrow();
 }
 
-/// Steps 1 to 4 of an insert: a slot off the free list with its rhash set, and links that are right again if the
-/// slot file moved.
+/// Steps 1 to 4 of an insert: a slot off the free list with its rhash set, and links that are right again if
+/// the slot file moved.
 template <class Ops> typename MirakWriter<Ops>::Slot& MirakWriter<Ops>::allocate(Place& place) {
    char* const oldBase = slots_.base();
    bool const prevMoves = slots_.contains(place.prev);
    bool const currMoves = slots_.contains(place.curr);
-   Slot& slot = slots_.takeFreeSlot();                                    // 1
+   Slot& slot = slots_.takeFreeSlot();                                   // 1
    Mem::storeShared(slot.rhash, Lomi::Util::reverse(place.hash));        // 2
    slots_.joinOccupied(slot);                                            // 3
    if (char* const base = slots_.base(); base != oldBase) [[unlikely]] { // 4
@@ -95,8 +103,8 @@ template <class Ops> void MirakWriter<Ops>::overwriteSlot(Slot& slot, Value cons
    slots_.fillLookaside(Mem::loadShared(slot.rhash), &value); // 1
    u32 const word = Mem::loadShared(slot.versionFlags);
    // SYNC(slot-word) store: from here on readers take the value, which is whole there, from `lookaside`.
-   Mem::storeShared(slot.versionFlags, word + 2);               // 2
-   Mem::storeShared(slot.value, &value, sizeof(Value));         // 3
+   Mem::storeShared(slot.versionFlags, word + 2);       // 2
+   Mem::storeShared(slot.value, &value, sizeof(Value)); // 3
    // SYNC(slot-word) store: the value in the slot is whole again.
    Mem::storeShared(slot.versionFlags, (word + 4) | SlotFlags::occupied); // 4
 }
@@ -104,21 +112,22 @@ template <class Ops> void MirakWriter<Ops>::overwriteSlot(Slot& slot, Value cons
 template <class Ops>
 typename MirakWriter<Ops>::Value const* MirakWriter<Ops>::write(Value const& value, bool overwrite) {
    Key const key = Ops::key(value);
-   if (inDirectMode()) [[unlikely]] refuseUnbalanced("writing value:", Detail::textOf(value));
+   if (inDirectMode()) [[unlikely]]
+      refuseUnbalanced("writing value:", Detail::textOf(value));
    releaseDue();
    auto const section = slots_.enterCriticalSection();
    Place place = locate(key);
    if (place.found) {
       Slot& slot = *reinterpret_cast<Slot*>(place.curr);
-      LOMI_TRACE(debugHandler_, 9, "MirakWriter", "existing {} bucket:{} slot:{} next:{}", Detail::textOf(key),
-                 place.bucket, slots_.indexOf(slot), Mem::loadPair(slot.link).next);
+      LOMI_TRACE(debugHandler_, 9, "MirakWriter", "existing {} bucket:{} slot:{} next:{}",
+                 Detail::textOf(key), place.bucket, slots_.indexOf(slot), Mem::loadPair(slot.link).next);
       if (overwrite) {
          overwriteSlot(slot, value);
          tesselWriter_.notify(slots_.indexOf(slot)); // 5
       }
       return reinterpret_cast<Value const*>(slot.value);
    }
-   prepareInsert(key, place);
+   prepareInsert();
    Slot& slot = allocate(place); // 1 to 4
    u32 const index = slots_.indexOf(slot);
    publishLink(slot.link, Mem::loadPair(*place.prev).next); // 5: nobody points at the slot yet
@@ -130,20 +139,23 @@ typename MirakWriter<Ops>::Value const* MirakWriter<Ops>::write(Value const& val
    Mem::storeShared(slot.versionFlags, (word + 4) | SlotFlags::occupied);
    // SYNC(chain-link) store: publishes the row; a reader that follows this link sees all of the above.
    publishLink(*place.prev, index); // 8
-   LOMI_TRACE(debugHandler_, 9, "MirakWriter", "new {} bucket:{} slot:{} next:{}", Detail::textOf(key), place.bucket,
-              index, Mem::loadPair(slot.link).next);
-   if (members() > map_.growThreshold()) [[unlikely]] growBuckets(); // 9
-   tesselWriter_.notify(index);                                      // 10
+   LOMI_TRACE(debugHandler_, 9, "MirakWriter", "new {} bucket:{} slot:{} next:{}", Detail::textOf(key),
+              place.bucket, index, Mem::loadPair(slot.link).next);
+   if (members() > map_.growThreshold()) [[unlikely]]
+      growBuckets();            // 9
+   tesselWriter_.notify(index); // 10
    return reinterpret_cast<Value const*>(slot.value);
 }
 
 template <class Ops> bool MirakWriter<Ops>::remove(Key const& key, Value& removed) {
    refuseReentrancy();
-   if (inDirectMode()) [[unlikely]] refuseUnbalanced("removing key:", Detail::textOf(key));
+   if (inDirectMode()) [[unlikely]]
+      refuseUnbalanced("removing key:", Detail::textOf(key));
    releaseDue();
    Place const place = locate(key);
    if (!place.found) {
-      LOMI_TRACE(debugHandler_, 9, "MirakWriter", "{} bucket:{} not found", Detail::textOf(key), place.bucket);
+      LOMI_TRACE(debugHandler_, 9, "MirakWriter", "{} bucket:{} not found", Detail::textOf(key),
+                 place.bucket);
       return false;
    }
    // A miss never touches runtimeFlags: only from here on is the table half done.
@@ -155,9 +167,10 @@ template <class Ops> bool MirakWriter<Ops>::remove(Key const& key, Value& remove
    publishLink(*place.prev, Mem::loadPair(slot.link).next);
    [[maybe_unused]] u32 const shrinkThreshold = slots_.dealloc(index);
    tesselWriter_.notify(index);
-   LOMI_TRACE(debugHandler_, 9, "MirakWriter", "{} bucket:{} slot:{}", Detail::textOf(Ops::key(removed)), place.bucket,
-              index);
-   if (shrinkBuckets_ && members() < map_.shrinkThreshold()) [[unlikely]] shrinkBuckets();
+   LOMI_TRACE(debugHandler_, 9, "MirakWriter", "{} bucket:{} slot:{}", Detail::textOf(Ops::key(removed)),
+              place.bucket, index);
+   if (shrinkBuckets_ && members() < map_.shrinkThreshold()) [[unlikely]]
+      shrinkBuckets();
    return true;
 }
 
@@ -172,7 +185,8 @@ template <class Ops> void MirakWriter<Ops>::shrinkBuckets() {
 }
 
 template <class Ops>
-typename MirakWriter<Ops>::Value const* MirakWriter<Ops>::lookup(Key const& key, bool& found, void* buffer) const {
+typename MirakWriter<Ops>::Value const* MirakWriter<Ops>::lookup(Key const& key, bool& found,
+                                                                 void* buffer) const {
    refuseReentrancy();
    ++counters_.lookups;
    found = false;
@@ -201,19 +215,21 @@ template <class Ops> bool MirakWriter<Ops>::next(Key const& key, Value& value, I
 
 template <class Ops> typename MirakWriter<Ops>::Value* MirakWriter<Ops>::directWrite(Value const& value) {
    Key const key = Ops::key(value);
-   if (inDirectMode()) [[unlikely]] refuseUnbalanced("writing value:", Detail::textOf(value));
+   if (inDirectMode()) [[unlikely]]
+      refuseUnbalanced("writing value:", Detail::textOf(value));
    releaseDue();
    auto section = slots_.enterCriticalSection();
    Place place = locate(key);
-   if (!place.found) prepareInsert(key, place);
+   if (!place.found) prepareInsert();
    Slot& slot = place.found ? *reinterpret_cast<Slot*>(place.curr) : allocate(place);
    ++counters_.directWrites;
    bool const occupied = Mem::loadShared(slot.versionFlags) & SlotFlags::occupied;
    unsigned char* const destination = occupied ? slots_.lookaside().value : slot.value;
    Mem::storeShared(destination, &value, sizeof(Value));
    u32 const index = slots_.indexOf(slot);
-   LOMI_TRACE(debugHandler_, 9, "MirakWriter", "{}{} bucket:{} slot:{} next:{}", place.found ? " existing " : " new ",
-              Detail::textOf(key), place.bucket, index, Mem::loadPair(slot.link).next);
+   LOMI_TRACE(debugHandler_, 9, "MirakWriter", "{}{} bucket:{} slot:{} next:{}",
+              place.found ? " existing " : " new ", Detail::textOf(key), place.bucket, index,
+              Mem::loadPair(slot.link).next);
    directSlot_ = index;
    directPrevLink_ = place.prev;
    directNew_ = !place.found;
@@ -222,7 +238,8 @@ template <class Ops> typename MirakWriter<Ops>::Value* MirakWriter<Ops>::directW
 }
 
 template <class Ops> typename MirakWriter<Ops>::Value* MirakWriter<Ops>::directUpdate(Key const& key) {
-   if (inDirectMode()) [[unlikely]] refuseUnbalanced("modifying key:", Detail::textOf(key));
+   if (inDirectMode()) [[unlikely]]
+      refuseUnbalanced("modifying key:", Detail::textOf(key));
    releaseDue();
    auto const section = slots_.enterCriticalSection();
    Place const place = locate(key);
@@ -245,6 +262,12 @@ template <class Ops> void MirakWriter<Ops>::directCommit() {
    if (directNew_) publishLink(slot.link, Mem::loadPair(*directPrevLink_).next); // 2
    ++counters_.directCommits;
    u32 const word = Mem::loadShared(slot.versionFlags);
+#ifndef NDEBUG
+   // A caller that changed the key would make the row unfindable.
+   Key const key = loadKey<Key>(word & SlotFlags::occupied ? slots_.lookaside().value : slot.value);
+   LOMI_ASSERT(Lomi::Util::reverse(ops_.hash(key)) == Mem::loadShared(slot.rhash), debugHandler_,
+               "direct operation changed the key of slot:{}", index);
+#endif
    if (word & SlotFlags::occupied) { // 4: an existing row; its new value stands in `lookaside`
       Mem::storeShared(slots_.lookaside().rhash, Mem::loadShared(slot.rhash));
       Mem::storeShared(slot.versionFlags, word + 2); // SYNC(slot-word) store
@@ -255,14 +278,15 @@ template <class Ops> void MirakWriter<Ops>::directCommit() {
    } else {
       Mem::storeShared(slot.versionFlags, (word + 4) | SlotFlags::occupied); // SYNC(slot-word) store
    }
-   directSlot_ = noSlot; // 5
-   if (directNew_) {     // 6
+   directSlot_ = noSlot;                    // 5
+   if (directNew_) {                        // 6
       publishLink(*directPrevLink_, index); // SYNC(chain-link) store: publishes the row
       directNew_ = false;
    }
-   if (members() > map_.growThreshold()) [[unlikely]] growBuckets(); // 7
-   tesselWriter_.notify(index);                                      // 8
-   slots_.leaveCriticalSection();                                    // 9
+   if (members() > map_.growThreshold()) [[unlikely]]
+      growBuckets();              // 7
+   tesselWriter_.notify(index);   // 8
+   slots_.leaveCriticalSection(); // 9
 }
 
 template <class Ops> void MirakWriter<Ops>::validateVersionAnchor() const {

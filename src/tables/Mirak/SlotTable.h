@@ -126,6 +126,18 @@ template <class Value> struct SlotOf {
    alignas(8) unsigned char value[(sizeof(Value) + 7) / 8 * 8];
 };
 
+/// Copies the key, the front of a shared value, into private memory. One of the reader's copies may be torn;
+/// its slot's word tells.
+template <class Key> [[gnu::always_inline]] inline Key loadKey(unsigned char const* value) {
+   static_assert(std::is_trivially_copyable_v<Key>);
+   // A key that is no whole number of words is read with the word that it lies in.
+   u32 words[(sizeof(Key) + 3) / 4];
+   Mem::loadShared(words, value, sizeof words);
+   Key key;
+   std::memcpy(static_cast<void*>(&key), words, sizeof key);
+   return key;
+}
+
 /// Sizes and places that follow from a table's types, the same for its writer and its readers.
 template <class Ops> struct SlotTable {
    using Value = typename Ops::Value;

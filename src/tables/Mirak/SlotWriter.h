@@ -1,14 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
-// The writer's mapping of the slot file: formats or adopts it, hands out and takes back slots through the free
-// list, grows the file, and marks critical sections. It knows nothing of keys or buckets.
+// The writer's mapping of the slot file: formats or adopts it, hands out and takes back slots through the
+// free list, grows the file, and marks critical sections. It knows nothing of keys or buckets.
 //
-// Roles: one writer process, one thread. Readers follow numSlots (SYNC(num-slots)): new slots are complete before
-// the count that shows them is stored, and the free list is joined last.
+// Roles: one writer process, one thread. Readers follow numSlots (SYNC(num-slots)): new slots are complete
+// before the count that shows them is stored, and the free list is joined last.
 //
-// Crash: bit 0 of runtimeFlags is set while an operation is half done and survives the writer's death; the next
-// start then formats the table anew. An exception that escapes an operation leaves the bit set on purpose: the
-// table may be half changed, so the next write of this process asserts and the next start re-formats. A write from
-// a destructor that runs while somebody else's exception unwinds the stack leaves it set, too.
+// Crash: bit 0 of runtimeFlags is set while an operation is half done and survives the writer's death; the
+// next start then formats the table anew. An exception that escapes an operation leaves the bit set on
+// purpose: the table may be half changed, so the next write of this process asserts and the next start
+// re-formats. A write from a destructor that runs while somebody else's exception unwinds the stack leaves it
+// set, too.
 #pragma once
 
 #include "Lomi/Exception.h"
@@ -35,7 +36,8 @@ u32 drawHashSeed();
 /// The largest power of two of slots that fits beside the header in one page; 1 if none does.
 u32 slotsInOnePage(u32 headerSize, u32 slotSize);
 
-/// The next capacity of a table of `capacity` slots that is full: doubled up to `maxSlots`, then a tenth more.
+/// The next capacity of a table of `capacity` slots that is full: doubled up to `maxSlots`, then a tenth
+/// more.
 u32 grownCapacity(u32 capacity, u32 maxSlots);
 
 template <class Ops> class SlotWriterTable {
@@ -51,8 +53,8 @@ public:
                    MapDescriptor const& descriptor, Ops& ops, Writer::Counters& counters,
                    std::function<void()> beforeReformat);
 
-   /// Maps the file, creating it if need be; keeps its rows if it is sound, of this generation and of this type,
-   /// else formats it. @throws Lomi::InvalidInitializeException, Lomi::MemoryResourceException
+   /// Maps the file, creating it if need be; keeps its rows if it is sound, of this generation and of this
+   /// type, else formats it. @throws Lomi::InvalidInitializeException, Lomi::MemoryResourceException
    AttachResult attach(Parcel::KestorId kestor);
    void detach();
 
@@ -69,7 +71,8 @@ public:
 
    /// @throws Lomi::CorruptionDetectedException on an index outside the table
    Slot& slot(u32 index) const {
-      if (index >= capacity_) [[unlikely]] outOfRange(index);
+      if (index >= capacity_) [[unlikely]]
+         outOfRange(index);
       return slots_[index];
    }
    Slot& lookaside() const { return Table::lookaside(*header_); }
@@ -77,16 +80,20 @@ public:
    /// True if a link lies in this file, as opposed to the bucket file: then it moves with the mapping.
    bool contains(void const* at) const {
       auto const* place = static_cast<char const*>(at);
-      return place >= reinterpret_cast<char const*>(slots_) && place < reinterpret_cast<char const*>(slots_ + capacity_);
+      return place >= reinterpret_cast<char const*>(slots_) &&
+             place < reinterpret_cast<char const*>(slots_ + capacity_);
    }
 
-   /// Takes the head of the free list; the caller fills the slot. Grows the table if the list is empty, which may
-   /// move the mapping. @throws TableFullException (nothing changed, critical section left), MemoryResourceException
+   /// Takes the head of the free list; the caller fills the slot. Grows the table if the list is empty, which
+   /// may move the mapping. @throws TableFullException (nothing changed, critical section left),
+   /// MemoryResourceException
    Slot& takeFreeSlot() {
-      if (Mem::loadShared(header_->freeSlots) == noSlot) [[unlikely]] growOrRefuse();
+      if (Mem::loadShared(header_->freeSlots) == noSlot) [[unlikely]]
+         growOrRefuse();
       return slot(Mem::loadShared(header_->freeSlots));
    }
-   /// Second half of an allocation, after the slot's rhash is stored: unlinks it from the free list and counts it.
+   /// Second half of an allocation, after the slot's rhash is stored: unlinks it from the free list and
+   /// counts it.
    void joinOccupied(Slot& slot) {
       Mem::storeShared(header_->freeSlots, Mem::loadPair(slot.link).next);
       Mem::storeShared(header_->occupiedSlots, occupiedSlots() + 1);
@@ -99,11 +106,14 @@ public:
    /// Enlarges the table. @return false only if its size is fixed
    bool grow();
 
-   /// Holds bit 0 of runtimeFlags from enterCriticalSection() to the end of the scope; an exception leaves it set.
+   /// Holds bit 0 of runtimeFlags from enterCriticalSection() to the end of the scope; an exception leaves it
+   /// set.
    class CriticalSectionAnchor {
    public:
-      explicit CriticalSectionAnchor(SlotWriterTable& table) : table_(&table) {}
-      CriticalSectionAnchor(CriticalSectionAnchor&& other) noexcept : table_(std::exchange(other.table_, nullptr)) {}
+      explicit CriticalSectionAnchor(SlotWriterTable& table)
+         : table_(&table) {}
+      CriticalSectionAnchor(CriticalSectionAnchor&& other) noexcept
+         : table_(std::exchange(other.table_, nullptr)) {}
       CriticalSectionAnchor& operator=(CriticalSectionAnchor&&) = delete;
       ~CriticalSectionAnchor() {
          if (table_ && std::uncaught_exceptions() == 0) table_->leaveCriticalSection();
@@ -116,8 +126,10 @@ public:
    };
    [[nodiscard]] CriticalSectionAnchor enterCriticalSection() {
       u16 const flags = Mem::loadShared(header_->runtimeFlags);
-      LOMI_ASSERT(!(flags & Header::inCriticalSection), debugHandler_, "Mirak reentrancy detected: {}", rootPath_.str());
-      // SYNC(critical-section) store: the first store of an operation; the next start's validation relies on it.
+      LOMI_ASSERT(!(flags & Header::inCriticalSection), debugHandler_, "Mirak reentrancy detected: {}",
+                  rootPath_.str());
+      // SYNC(critical-section) store: the first store of an operation; the next start's validation relies on
+      // it.
       Mem::storeShared(header_->runtimeFlags, static_cast<u16>(flags | Header::inCriticalSection));
       return CriticalSectionAnchor(*this);
    }
@@ -141,12 +153,13 @@ public:
 private:
    bool adopt(Parcel::KestorId kestor);
    void format(Parcel::KestorId kestor);
-   void formatSlots(u32 start, u32 end);
    void addFreeSlots(u32 start, u32 end);
    void resize(u32 newNumSlots);
    void refresh(u32 capacity);
    void updateShrinkThreshold();
-   u64 bytesFor(u32 numSlots) const { return Lomi::Util::fileSizeHelper(numSlots, Table::slotSize, Table::headerSize); }
+   u64 bytesFor(u32 numSlots) const {
+      return Lomi::Util::fileSizeHelper(numSlots, Table::slotSize, Table::headerSize);
+   }
    [[gnu::cold]] void growOrRefuse();
    [[noreturn, gnu::cold]] void alloc();
    [[noreturn, gnu::cold]] void outOfRange(u32 index) const;
@@ -172,8 +185,9 @@ private:
 // ---------------------------------------------------------------------------------------------------------------
 
 template <class Ops>
-SlotWriterTable<Ops>::SlotWriterTable(Lomi::Platform::DebugHandler const& handler, Mem::NaoRootPath const& rootPath,
-                                      MapDescriptor const& descriptor, Ops& ops, Writer::Counters& counters,
+SlotWriterTable<Ops>::SlotWriterTable(Lomi::Platform::DebugHandler const& handler,
+                                      Mem::NaoRootPath const& rootPath, MapDescriptor const& descriptor,
+                                      Ops& ops, Writer::Counters& counters,
                                       std::function<void()> beforeReformat)
    : debugHandler_(handler)
    , rootPath_(rootPath)
@@ -192,39 +206,45 @@ template <class Ops> AttachResult SlotWriterTable<Ops>::attach(Parcel::KestorId 
    u64 const size = bytesFor(minSlots_);
    char* base = wrapper_.attach(size, Mem::Mode::writer);
    if (!base)
-      throw Lomi::InvalidInitializeException(
-         fmt::format("cannot attach to shmem {} size:{}: {}", wrapper_.getFilename(), size, wrapper_.lastError()));
+      throw Lomi::InvalidInitializeException(fmt::format("cannot attach to shmem {} size:{}: {}",
+                                                         wrapper_.getFilename(), size, wrapper_.lastError()));
    header_ = reinterpret_cast<Header*>(base);
    bool const kept = existing != 0 && adopt(kestor);
    if (!kept) {
       u32 const found = Mem::loadPair(header_->numSlots).value;
       if (fixedSize_ && found != minSlots_)
          LOMI_TRACE(debugHandler_, 1, "SlotWriterTable",
-                    "wanted capacity:{} for fixed-size table, but existing file has capacity:{}", minSlots_, found);
+                    "wanted capacity:{} for fixed-size table, but existing file has capacity:{}", minSlots_,
+                    found);
       if (existing != 0) {
          beforeReformat_();
-         // SYNC(kestor) store: readers that still have the old table mapped learn of the re-format before anything
-         // under them changes.
+         // SYNC(kestor) store: readers that still have the old table mapped learn of the re-format before
+         // anything under them changes.
          Mem::storeShared(header_->kestor, kestor.value());
       }
       format(kestor);
       wrapper_.releaseTailAfter(size);
    }
-   AttachResult const result =
-      kept ? MirakCore::attachedExisting : existing != 0 ? MirakCore::attachedReformatted : MirakCore::attachedNew;
-   if (kept) LOMI_TRACE(debugHandler_, 2, "SlotWriterTable", "to existing {}", wrapper_.getFilename());
-   else if (existing != 0) LOMI_TRACE(debugHandler_, 1, "SlotWriterTable", "re-formatted {}", wrapper_.getFilename());
-   else if (rootPath_.shared()) LOMI_TRACE(debugHandler_, 2, "SlotWriterTable", "to new file {}", wrapper_.getFilename());
+   AttachResult const result = kept            ? MirakCore::attachedExisting
+                               : existing != 0 ? MirakCore::attachedReformatted
+                                               : MirakCore::attachedNew;
+   if (kept)
+      LOMI_TRACE(debugHandler_, 2, "SlotWriterTable", "to existing {}", wrapper_.getFilename());
+   else if (existing != 0)
+      LOMI_TRACE(debugHandler_, 1, "SlotWriterTable", "re-formatted {}", wrapper_.getFilename());
+   else if (rootPath_.shared())
+      LOMI_TRACE(debugHandler_, 2, "SlotWriterTable", "to new file {}", wrapper_.getFilename());
    LOMI_TRACE(debugHandler_, 3, "SlotWriterTable", "{}", header_->toString());
    return result;
 }
 
-/// Takes the file over as it is. Rows survive only if the generation, the header, the type and (in a table of fixed
-/// size) the capacity are right; everything else is proved by the validator afterwards.
+/// Takes the file over as it is. Rows survive only if the generation, the header, the type and (in a table of
+/// fixed size) the capacity are right; everything else is proved by the validator afterwards.
 template <class Ops> bool SlotWriterTable<Ops>::adopt(Parcel::KestorId kestor) {
    if (Mem::loadShared(header_->kestor) != kestor.value()) return false;
    std::string error;
-   if (!header_->validate(debugHandler_, wrapper_.fileSize(), kestor, Table::headerSize, Table::slotSize, error))
+   if (!header_->validate(debugHandler_, wrapper_.fileSize(), kestor, Table::headerSize, Table::slotSize,
+                          error))
       return false;
    if (std::string const mismatch = Table::typeMismatch(*header_); !mismatch.empty()) {
       LOMI_TRACE(debugHandler_, 1, "SlotWriterTable", "{} {}", wrapper_.getFilename(), mismatch);
@@ -236,8 +256,8 @@ template <class Ops> bool SlotWriterTable<Ops>::adopt(Parcel::KestorId kestor) {
    u64 const fileSize = wrapper_.fileSize();
    char* base = wrapper_.resize(size);
    if (!base)
-      throw Lomi::MemoryResourceException(
-         fmt::format("failed to resize {} to size {} : {}", wrapper_.getFilename(), size, wrapper_.lastError()));
+      throw Lomi::MemoryResourceException(fmt::format("failed to resize {} to size {} : {}",
+                                                      wrapper_.getFilename(), size, wrapper_.lastError()));
    header_ = reinterpret_cast<Header*>(base);
    ops_.keyOps.hashSeed = Mem::loadShared(header_->hashSeed);
    refresh(stored);
@@ -248,38 +268,29 @@ template <class Ops> bool SlotWriterTable<Ops>::adopt(Parcel::KestorId kestor) {
 template <class Ops> void SlotWriterTable<Ops>::format(Parcel::KestorId kestor) {
    u32 const seed = drawHashSeed();
    ops_.keyOps.hashSeed = seed;
-   formatHeader(*header_, {minSlots_, maxSlots_, Table::constFlags, kestor, Ops::Value::typeName, Table::valueSize,
-                           Table::slotSize, seed});
+   formatHeader(*header_, {minSlots_, maxSlots_, Table::constFlags, kestor, Ops::Value::typeName,
+                           Table::valueSize, Table::slotSize, seed});
    refresh(minSlots_);
    Slot& spare = lookaside();
    Mem::storeShared(spare.versionFlags, u32{0});
    Mem::publishPair(spare.link, SlotLink{0, noSlot});
    fillLookaside(0, &Ops::typeDefault());
-   formatSlots(0, minSlots_);
    addFreeSlots(0, minSlots_);
    Mem::storeShared(header_->freeSlots, u32{0});
 }
 
-/// Gives slots their first content. The word comes first: a reader of an older table that is still inside the slot
-/// sees OCCUPIED fall before the value changes.
-template <class Ops> void SlotWriterTable<Ops>::formatSlots(u32 start, u32 end) {
-   for (u32 index = start; index < end; ++index) {
-      Slot& slot = slots_[index];
-      Mem::storeShared(slot.versionFlags, u32{0});
-      Mem::publishPair(slot.link, SlotLink{0, noSlot});
-      Mem::storeShared(slot.rhash, u32{0});
-      Mem::storeShared(slot.value, &Ops::typeDefault(), Table::valueSize);
-   }
-}
-
-/// Threads slots start to end - 1 on the empty free list, low indices first. The caller sets freeSlots.
+/// Gives slots start to end - 1 their first content and threads them on the empty free list, low indices first. The
+/// caller sets freeSlots; until then nobody reaches them, so the first link and its threading are one store. The word
+/// comes first: a reader of an older table that is still inside the slot sees OCCUPIED fall before the value changes.
 template <class Ops> void SlotWriterTable<Ops>::addFreeSlots(u32 start, u32 end) {
    LOMI_ASSERT(start < end, debugHandler_, "bad index range, start: {} end: {}", start, end);
    LOMI_ASSERT(Mem::loadShared(header_->freeSlots) == noSlot, debugHandler_, "{}", "free-list is not empty");
-   u32 above = noSlot;
-   for (u32 index = end; index-- > start;) {
-      publishLink(slots_[index].link, above);
-      above = index;
+   for (u32 index = start; index < end; ++index) {
+      Slot& slot = slots_[index];
+      Mem::storeShared(slot.versionFlags, u32{0});
+      Mem::publishPair(slot.link, SlotLink{4, index + 1 < end ? index + 1 : noSlot});
+      Mem::storeShared(slot.rhash, u32{0});
+      Mem::storeShared(slot.value, &Ops::typeDefault(), Table::valueSize);
    }
 }
 
@@ -287,18 +298,19 @@ template <class Ops> bool SlotWriterTable<Ops>::grow() {
    u32 const stored = Mem::loadPair(header_->numSlots).value;
    if (u32 const occupied = occupiedSlots(); occupied != stored)
       throw Lomi::CorruptionDetectedException(fmt::format(
-         "the slot table is full but numSlots: {} and occupiedSlots: {} are not equal", stored, occupied));
+          "the slot table is full but numSlots: {} and occupiedSlots: {} are not equal", stored, occupied));
    if (fixedSize_) return false;
    u32 const from = capacity_;
    u32 const to = grownCapacity(from, maxSlots_);
-   if (to > maxSlots_) LOMI_TRACE(debugHandler_, 5, "SlotWriterTable", "overflowing by {} slots", to - maxSlots_);
+   if (to > maxSlots_)
+      LOMI_TRACE(debugHandler_, 5, "SlotWriterTable", "overflowing by {} slots", to - maxSlots_);
    resize(to);
    slots_ = reinterpret_cast<Slot*>(base() + Table::headerSize);
-   formatSlots(from, to);
    addFreeSlots(from, to);
    if (Mem::loadShared(header_->mostSlots) < to) Mem::storeShared(header_->mostSlots, to);
    // SYNC(num-slots) store: everything below the new count is formatted.
-   Mem::publishPair(header_->numSlots, Mem::VersionedRef<u32>{Mem::loadPair(header_->numSlots).version + 1, to});
+   Mem::publishPair(header_->numSlots,
+                    Mem::VersionedRef<u32>{Mem::loadPair(header_->numSlots).version + 1, to});
    Mem::storeShared(header_->freeSlots, from);
    LOMI_TRACE(debugHandler_, 2, "SlotWriterTable", "{} from {} slots to {}", rootPath_.name(), from, to);
    refresh(to);
@@ -307,14 +319,15 @@ template <class Ops> bool SlotWriterTable<Ops>::grow() {
 }
 
 template <class Ops> void SlotWriterTable<Ops>::resize(u32 newNumSlots) {
-   LOMI_TRACE(debugHandler_, 5, "SlotWriterTable", "{} from {} to {} slots", rootPath_.name(), capacity_, newNumSlots);
+   LOMI_TRACE(debugHandler_, 5, "SlotWriterTable", "{} from {} to {} slots", rootPath_.name(), capacity_,
+              newNumSlots);
    u64 const size = bytesFor(newNumSlots);
    char* const old = base();
    char* const now = wrapper_.resize(size);
    if (!now)
       throw Lomi::MemoryResourceException(
-         fmt::format("failed to resize {} from {} to {} slots, needed {} bytes. Reason: {}", wrapper_.getFilename(),
-                     capacity_, newNumSlots, size, wrapper_.lastError()));
+          fmt::format("failed to resize {} from {} to {} slots, needed {} bytes. Reason: {}",
+                      wrapper_.getFilename(), capacity_, newNumSlots, size, wrapper_.lastError()));
    if (now != old) {
       LOMI_TRACE(debugHandler_, 5, "SlotWriterTable", "remap base address changed from {} to {}",
                  static_cast<void*>(old), static_cast<void*>(now));
@@ -330,7 +343,8 @@ template <class Ops> u32 SlotWriterTable<Ops>::dealloc(u32 index) {
    // SYNC(slot-word) store: a reader inside the slot sees OCCUPIED fall.
    Mem::storeShared(slot.versionFlags, Mem::loadShared(slot.versionFlags) & ~SlotFlags::occupied);
    Mem::storeShared(header_->freeSlots, index);
-   // SYNC(chain-link) store: the version moves, so a reader that stands on this link sees that it left the chain.
+   // SYNC(chain-link) store: the version moves, so a reader that stands on this link sees that it left the
+   // chain.
    publishLink(slot.link, head);
    u32 const occupied = occupiedSlots() - 1;
    Mem::storeShared(header_->occupiedSlots, occupied);
@@ -345,8 +359,8 @@ template <class Ops> void SlotWriterTable<Ops>::growOrRefuse() {
 /// The failure exit of an allocation. A refused insert has changed nothing, so the section ends cleanly.
 template <class Ops> void SlotWriterTable<Ops>::alloc() {
    leaveCriticalSection();
-   throw TableFullException(fmt::format("Mirak table full (occupancy:{} tableSize:{}) {}", occupiedSlots(), maxSlots_,
-                                        rootPath_.str()));
+   throw TableFullException(fmt::format("Mirak table full (occupancy:{} tableSize:{}) {}", occupiedSlots(),
+                                        maxSlots_, rootPath_.str()));
 }
 
 template <class Ops> void SlotWriterTable<Ops>::refresh(u32 capacity) {
@@ -371,7 +385,7 @@ template <class Ops> void SlotWriterTable<Ops>::detach() {
 
 template <class Ops> void SlotWriterTable<Ops>::outOfRange(u32 index) const {
    throw Lomi::CorruptionDetectedException(
-      fmt::format("out-of-range index: {} max:{}", index, capacity_ == 0 ? 0 : capacity_ - 1));
+       fmt::format("out-of-range index: {} max:{}", index, capacity_ == 0 ? 0 : capacity_ - 1));
 }
 
 } // namespace Mirak

@@ -33,7 +33,11 @@ void writeCorruptionFile(Lomi::Platform::DebugHandler const& handler, std::strin
 }
 
 void removeFile(Mem::NaoRootPath const& rootPath, char const* fileName) {
-   Mem::FileCalls::unlink(rootPath.str() + "/" + fileName);
+   Mem::Descriptor const directory = rootPath.openDirectory();
+   if (!directory) return;
+   std::string const path = rootPath.str() + "/" + fileName;
+   if (auto const outcome = Mem::FileCalls::unlink(directory.get(), fileName, path); !outcome)
+      throw Lomi::RuntimeException(fmt::format("cannot remove {}: {}", path, outcome.text()));
 }
 
 void removeCorruptionFile(Mem::NaoRootPath const& rootPath) { removeFile(rootPath, corruptionFileName); }

@@ -14,8 +14,8 @@ using Mem::u64;
 
 inline constexpr char const* corruptionFileName = "corruption-detected";
 
-/// Leaves a marker with the reason beside a table that a reader found damaged. Silent where it may not write: a
-/// reader needs no more than read rights.
+/// Leaves a marker with the reason beside a table that a reader found damaged. Silent where it may not write:
+/// a reader needs no more than read rights.
 void writeCorruptionFile(Lomi::Platform::DebugHandler const& handler, std::string const& directory,
                          std::string const& error);
 /// Removes the marker, if there is one.
@@ -27,8 +27,8 @@ void validateFile(Lomi::Platform::DebugHandler const& handler, std::string const
 
 /// True on real hardware, false in a virtual machine.
 bool runningOnPhysicalDut();
-/// Whether a table that fails its first validation stops the start with an exception and goes into a core file
-/// instead of being formatted. Off unless the process asks for it; acts on real hardware only.
+/// Whether a table that fails its first validation stops the start with an exception and goes into a core
+/// file instead of being formatted. Off unless the process asks for it; acts on real hardware only.
 bool strictValidation();
 void strictValidationIs(bool strict);
 

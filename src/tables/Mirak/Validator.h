@@ -1,10 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// A full audit of one table by its writer: chains, free list and counters must tell the same story of every slot.
-// It decides whether a table found at a start is adopted. It never repairs anything and stores nothing in the files.
+// A full audit of one table by its writer: chains, free list and counters must tell the same story of every
+// slot. It decides whether a table found at a start is adopted. It never repairs anything and stores nothing
+// in the files.
 //
 // The chains are walked with the writer's own first() and next(), which check each key and rhash and call
-// markOccupied() for each slot. Cost: one pass over the table in walk order, one over the free list, two bytes of
-// private memory a slot.
+// markOccupied() for each slot. Cost: one pass over the table in walk order, one over the free list, two
+// bytes of private memory a slot.
 #pragma once
 
 #include "Lomi/Exception.h"
@@ -48,7 +49,8 @@ private:
       error_ = std::move(text);
       return false;
    }
-   template <class... Args> [[noreturn]] static void corrupt(fmt::format_string<Args...> format, Args&&... args) {
+   template <class... Args>
+   [[noreturn]] static void corrupt(fmt::format_string<Args...> format, Args&&... args) {
       throw Lomi::CorruptionDetectedException(fmt::format(format, std::forward<Args>(args)...));
    }
    bool checkSlotHeader(Parcel::KestorId kestor);
@@ -69,8 +71,8 @@ template <class Ops, class Writer> bool Validator<Ops, Writer>::doValidate(Parce
    if (!buckets || !slots) return false;
    if (!walkOccupiedSlots() || !walkFreeSlots()) return false;
    if (u32 const sum = occupiedCount_ + freeCount_; sum != writer_.capacity())
-      return fail(fmt::format("bad slotCount:{} occupiedSlots:{} freeSlots:{} capacity:{}", sum, occupiedCount_,
-                              freeCount_, writer_.capacity()));
+      return fail(fmt::format("bad slotCount:{} occupiedSlots:{} freeSlots:{} capacity:{}", sum,
+                              occupiedCount_, freeCount_, writer_.capacity()));
    return true;
 }
 
@@ -78,7 +80,8 @@ template <class Ops, class Writer> bool Validator<Ops, Writer>::checkSlotHeader(
    Header const& header = writer_.slotTable().header();
    // SYNC(critical-section) load
    u16 const flags = Mem::loadShared(header.runtimeFlags);
-   if (flags & Header::inCriticalSection) return fail(fmt::format("bad critical section runtimeFlags:{:x}", flags));
+   if (flags & Header::inCriticalSection)
+      return fail(fmt::format("bad critical section runtimeFlags:{:x}", flags));
    using Table = SlotTable<Ops>;
    return header.validate(debugHandler_, writer_.slotTable().wrapper().memSize(), kestor, Table::headerSize,
                           Table::slotSize, error_);
@@ -97,7 +100,8 @@ template <class Ops, class Writer> bool Validator<Ops, Writer>::walkOccupiedSlot
    u32 walked = 0;
    for (bool more = map.first(0, value, hint); more; more = map.next(last, value, hint)) {
       if (++walked > occupied)
-         return fail(fmt::format("walkedSlots:{} is greater than header->occupiedSlots:{}", walked, occupied));
+         return fail(
+             fmt::format("walkedSlots:{} is greater than header->occupiedSlots:{}", walked, occupied));
       Key const key = Ops::key(value);
       u32 const rhash = Mem::loadShared(writer_.slotTable().slot(hint.slot).rhash);
       if (walked > 1 && !(lastRhash < rhash || (lastRhash == rhash && last < key))) ordered = false;
@@ -129,13 +133,15 @@ template <class Ops, class Writer> bool Validator<Ops, Writer>::walkFreeSlots() 
    u32 index = Mem::loadShared(table.header().freeSlots);
    while (index != noSlot) {
       LOMI_TRACE(debugHandler_, 9, "Validator", "walking slotIndex: {}", index);
-      if (index > capacity) return fail(fmt::format("corrupted free slot detected with out of bound index: {}", index));
+      if (index > capacity)
+         return fail(fmt::format("corrupted free slot detected with out of bound index: {}", index));
       if (freeMarks_[index]) return fail(fmt::format("duplicate freeSlot detected: {}", index));
       ++freeCount_;
       freeMarks_[index] = true;
       auto const& slot = table.slot(index);
       u32 const word = Mem::loadShared(slot.versionFlags);
-      if (word & SlotFlags::occupied) return fail(fmt::format("corrupted free slot not marked as empty: {}", index));
+      if (word & SlotFlags::occupied)
+         return fail(fmt::format("corrupted free slot not marked as empty: {}", index));
       // Left by a crash: the next insert would make it OCCUPIED with the bit still up, and readers would take
       // another row's value from `lookaside`.
       if (word & SlotFlags::lookaside) return fail(fmt::format("stuck LOOKASIDE bit: {:#x}", word));

@@ -13,8 +13,9 @@ namespace MirakCore {
 using Mem::Mode;
 
 template <class Link>
-BucketWriter<Link>::BucketWriter(Lomi::Platform::DebugHandler const& handler, Mem::NaoRootPath const& rootPath,
-                                 bool local, std::function<void()> beforeReformat)
+BucketWriter<Link>::BucketWriter(Lomi::Platform::DebugHandler const& handler,
+                                 Mem::NaoRootPath const& rootPath, bool local,
+                                 std::function<void()> beforeReformat)
    : debugHandler_(handler)
    , wrapper_(handler, rootPath, fileName, local)
    , beforeReformat_(std::move(beforeReformat)) {}
@@ -44,15 +45,16 @@ template <class Link> bool BucketWriter<Link>::adopt(Parcel::KestorId kestor) {
    u32 const count = Mem::loadPair(header_->numBuckets).value;
    char* base = wrapper_.resize(bucketFileSize(count));
    if (!base)
-      throw Lomi::MemoryResourceException(fmt::format("failed to resize {} to size {} : {}", wrapper_.getFilename(),
-                                                      bucketFileSize(count), wrapper_.lastError()));
+      throw Lomi::MemoryResourceException(fmt::format("failed to resize {} to size {} : {}",
+                                                      wrapper_.getFilename(), bucketFileSize(count),
+                                                      wrapper_.lastError()));
    follow(base, count);
    return true;
 }
 
 template <class Link> void BucketWriter<Link>::format(Parcel::KestorId kestor) {
-   // SYNC(num-buckets) store: the version goes on from whatever is there, so every reader that still has the old
-   // table mapped sees a resize, looks at the generation, and learns of the re-format.
+   // SYNC(num-buckets) store: the version goes on from whatever is there, so every reader that still has the
+   // old table mapped sees a resize, looks at the generation, and learns of the re-format.
    u32 const version = Mem::loadPair(header_->numBuckets).version;
    Mem::storeShared(header_->kestor, kestor.value());
    Mem::storeShared(header_->magic, BucketTableHeader::magicValue);
@@ -75,10 +77,7 @@ template <class Link> void BucketWriter<Link>::detach() {
 template <class Link> void BucketWriter<Link>::resize(u32 newNumBuckets) {
    u64 const size = bucketFileSize(newNumBuckets);
    char* base = wrapper_.resize(size);
-   if (!base)
-      throw Lomi::MemoryResourceException(
-         fmt::format("failed to resize {} from {} to {} buckets, needed {} bytes. Reason: {}", wrapper_.getFilename(),
-                     numBuckets_, newNumBuckets, size, wrapper_.lastError()));
+   if (!base) refuseResize(newNumBuckets, size);
    bool const shrunk = newNumBuckets < numBuckets_;
    follow(base, newNumBuckets);
    // Readers may be just inside the part that was cut: it keeps its length, and its blocks for a moment.
@@ -86,12 +85,14 @@ template <class Link> void BucketWriter<Link>::resize(u32 newNumBuckets) {
 }
 
 template <class Link> void BucketWriter<Link>::reserve(u32 newNumBuckets) {
-   char* base = wrapper_.resize(bucketFileSize(newNumBuckets));
-   if (!base)
-      throw Lomi::MemoryResourceException(
-         fmt::format("failed to resize {} from {} to {} buckets, needed {} bytes. Reason: {}", wrapper_.getFilename(),
-                     numBuckets_, newNumBuckets, bucketFileSize(newNumBuckets), wrapper_.lastError()));
-   follow(base, numBuckets_);
+   if (u64 const size = bucketFileSize(newNumBuckets); !wrapper_.reserve(size))
+      refuseResize(newNumBuckets, size);
+}
+
+template <class Link> void BucketWriter<Link>::refuseResize(u32 newNumBuckets, u64 size) const {
+   throw Lomi::MemoryResourceException(
+       fmt::format("failed to resize {} from {} to {} buckets, needed {} bytes. Reason: {}",
+                   wrapper_.getFilename(), numBuckets_, newNumBuckets, size, wrapper_.lastError()));
 }
 
 template <class Link> void BucketWriter<Link>::follow(char* base, u32 numBuckets) {
@@ -111,7 +112,8 @@ template <class Link> void BucketWriter<Link>::validateFile() const {
 }
 
 template <class Link> void BucketWriter<Link>::outOfRange(u32 index) const {
-   throw Lomi::CorruptionDetectedException(fmt::format("out-of-range, index:{} max:{}", index, numBuckets_ - 1));
+   throw Lomi::CorruptionDetectedException(
+       fmt::format("out-of-range, index:{} max:{}", index, numBuckets_ - 1));
 }
 
 template class BucketWriter<Mirak::SlotLink>;

@@ -2,9 +2,9 @@
 // The writer's mapping of the bucket file: formats or adopts it, gives the entries, makes the file longer and
 // shorter. What the entries say is WriterHashMap's business. One writer process, one thread.
 //
-// Crash: a file formatted half way carries a generation that the kestor file doesn't name (the kestor file is gone
-// before the first destructive store), so it is formatted again. In a grow the new half lies behind the published
-// count until it is complete; in a shrink the count falls before the file is cut.
+// Crash: a file formatted half way carries a generation that the kestor file doesn't name (the kestor file is
+// gone before the first destructive store), so it is formatted again. In a grow the new half lies behind the
+// published count until it is complete; in a shrink the count falls before the file is cut.
 #pragma once
 
 #include "Mem/ParcelWrapper.h"
@@ -36,11 +36,12 @@ public:
    void detach();
    bool attached() const { return header_ != nullptr; }
 
-   /// Follows the count to `newNumBuckets`, in memory and on disk; the published count is the caller's to store.
-   /// After a shrink the blocks behind the end go back to the system a moment later.
+   /// Follows the count to `newNumBuckets`, in memory and on disk; the published count is the caller's to
+   /// store. After a shrink the blocks behind the end go back to the system a moment later.
    /// @throws Lomi::MemoryResourceException with nothing changed
    void resize(u32 newNumBuckets);
-   /// Makes sure that a resize to `newNumBuckets` will not run out of space. @throws Lomi::MemoryResourceException
+   /// Makes sure that a resize to `newNumBuckets` will not run out of space. @throws
+   /// Lomi::MemoryResourceException
    void reserve(u32 newNumBuckets);
    bool validate(Parcel::KestorId kestor, std::string& error) const;
    void validateFile() const;
@@ -49,7 +50,8 @@ public:
 
    /// @throws Lomi::CorruptionDetectedException on an index outside the table
    Link& operator[](u32 index) {
-      if (index >= numBuckets_) [[unlikely]] outOfRange(index);
+      if (index >= numBuckets_) [[unlikely]]
+         outOfRange(index);
       return entries()[index];
    }
    Link const& operator[](u32 index) const { return const_cast<BucketWriter&>(*this)[index]; }
@@ -69,12 +71,13 @@ private:
    void format(Parcel::KestorId kestor);
    void follow(char* base, u32 numBuckets);
    [[noreturn, gnu::cold]] void outOfRange(u32 index) const;
+   [[noreturn, gnu::cold]] void refuseResize(u32 newNumBuckets, u64 size) const;
 
    Lomi::Platform::DebugHandler const& debugHandler_;
    Mem::ParcelWrapper wrapper_;
    std::function<void()> beforeReformat_;
    BucketTableHeader* header_ = nullptr;
-   u32 bucketFactor_ = 0; ///< bucketFactor_: log2 of numBuckets_
+   u32 bucketFactor_ = 0; ///< log2 of numBuckets_
    u32 numBuckets_ = 0;   ///< the count that the writer works with; ahead of the header's during a grow
    u64 remaps_ = 0;
 };

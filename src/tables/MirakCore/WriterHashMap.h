@@ -1,27 +1,31 @@
 // SPDX-License-Identifier: Apache-2.0
-// The writer's view of the index: finds a key's place, walks the table, doubles and halves the bucket table while
-// readers go on reading. BucketTable.h explains the order; slots come from SlotWriterTable, entries from
-// BucketWriter. One thread.
+// The writer's view of the index: finds a key's place, walks the table, doubles and halves the bucket table
+// while readers go on reading. BucketTable.h explains the order; slots come from SlotWriterTable, entries
+// from BucketWriter. One thread.
 //
 // Invariants, between operations:
-//   I1  the rows form one list, strictly ascending by (rhash, key); bucket b's chain is the stretch of it whose
+//   I1  the rows form one list, strictly ascending by (rhash, key); bucket b's chain is the stretch of it
+//   whose
 //       hashes end in b's bits, and ends in a link that names the next bucket of the walk
 //   I2  every row of a chain is OCCUPIED and hashes to that chain's bucket
-// Any breach that a step meets is thrown as Lomi::CorruptionDetectedException; nothing is repaired here, and no
-// loop trusts the links for its end: each counts against the capacity.
+// Any breach that a step meets is thrown as Lomi::CorruptionDetectedException; nothing is repaired here, and
+// no loop trusts the links for its end: each counts against the capacity.
 //
 // Growing from n to 2n, and what a crash leaves (numBuckets is the commit point):
-//   pass 1   entry b + n := the link that leads to the first row of chain b which hashes to b + n. Invisible: the
+//   pass 1   entry b + n := the link that leads to the first row of chain b which hashes to b + n. Invisible:
+//   the
 //            table is simply the old one.
-//   publish  numBuckets := 2n. Uncut chains still end in their old successor, which no chain of 2n may: the walk of
+//   publish  numBuckets := 2n. Uncut chains still end in their old successor, which no chain of 2n may: the
+//   walk of
 //            the next start fails on it.
-//   pass 2   the link before that row := end of chain, next bucket b + n. Readers of either count find every row
-//            throughout: by the old entry until the cut, and after it they see an end that the new count explains.
+//   pass 2   the link before that row := end of chain, next bucket b + n. Readers of either count find every
+//   row
+//            throughout: by the old entry until the cut, and after it they see an end that the new count
+//            explains.
 // Shrinking mirrors it: chains are joined first, then the count falls, then the file.
 #pragma once
 
 #include "Lomi/Exception.h"
-#include "Lomi/Rdtsc.h"
 #include "Lomi/TaskSchedulerRoot.h"
 #include "Lomi/Util.h"
 #include "Mem/VersionAnchor.h"
@@ -56,8 +60,8 @@ public:
    using Validator = Mirak::Validator<Ops, Mirak::MirakWriter<Ops>>;
 
    WriterHashMap(Lomi::Platform::DebugHandler const& handler, Mem::NaoRootPath const& rootPath, bool local,
-                 Ops const& ops, SlotWriterTable& slots, Mem::VersionAnchor& anchor, Mirak::Writer::Counters& counters,
-                 std::function<void()> beforeReformat)
+                 Ops const& ops, SlotWriterTable& slots, Mem::VersionAnchor& anchor,
+                 Mirak::Writer::Counters& counters, std::function<void()> beforeReformat)
       : debugHandler_(handler)
       , buckets_(handler, rootPath, local, std::move(beforeReformat))
       , ops_(ops)
@@ -87,7 +91,8 @@ public:
    Slot const* lookup(Key const& key, u32 bucket, u32 hash) const {
       SlotLink *prev, *curr;
       auto* self = const_cast<WriterHashMap*>(this);
-      return self->seek(key, bucket, &prev, &curr, hash, "corrupt key detected, slot: {}") ? slotOf(curr) : nullptr;
+      return self->seek(key, bucket, &prev, &curr, hash, "corrupt key detected, slot: {}") ? slotOf(curr)
+                                                                                           : nullptr;
    }
 
    /// The first row at or after `bucket` in walk order.
@@ -108,21 +113,11 @@ public:
 private:
    class Deadline;
 
-   [[gnu::always_inline]] bool seek(Key const& key, u32 bucket, SlotLink** prev, SlotLink** curr, u32 hash,
-                                    char const* corruptKey);
+   [[gnu::always_inline]] inline bool seek(Key const& key, u32 bucket, SlotLink** prev, SlotLink** curr,
+                                           u32 hash, char const* corruptKey);
 
    static Slot* slotOf(SlotLink* link) { return reinterpret_cast<Slot*>(link); }
-   static Key keyOf(Slot const& slot) {
-      Key key;
-      Mem::loadShared(&key, slot.value, sizeof(Key) / 4 * 4);
-      if constexpr (sizeof(Key) % 4 != 0) {
-         // A key that is no whole number of words is read with the word around it.
-         static_assert(sizeof(Key) == 1);
-         u32 const word = Mem::loadShared(reinterpret_cast<u32 const&>(slot.value));
-         std::memcpy(&key, &word, sizeof(Key));
-      }
-      return key;
-   }
+   static Key keyOf(Slot const& slot) { return Mirak::loadKey<Key>(slot.value); }
    void take(Slot const& slot, Value& value) const {
       anchor_ = slots_.anchorOf(slot);
       Mem::loadShared(&value, slot.value, sizeof(Value));
@@ -144,19 +139,24 @@ private:
    SlotWriterTable& slots_;
    Mem::VersionAnchor& anchor_;
    Mirak::Writer::Counters& counters_;
-   Validator* validator_ = nullptr; ///< only while a validation runs: the walk then checks and marks each slot
+   Validator* validator_ =
+       nullptr; ///< only while a validation runs: the walk then checks and marks each slot
    std::unique_ptr<SlotLink*[]> cuts_; ///< growBuckets: where each chain is cut; allocated before the insert
    u32 cutsFor_ = 0;
 };
 
 template <class... Args> [[noreturn, gnu::cold]] void corrupt(char const* format, Args const&... args) {
-   throw Lomi::CorruptionDetectedException(fmt::vformat(format, fmt::make_format_args(args...)));
+   throw Lomi::CorruptionDetectedException(fmt::format(fmt::runtime(format), args...));
 }
 
 /// Lets the process's critical tasks run every 10 ms inside a long operation, and times it.
 template <class Ops> class WriterHashMap<Ops>::Deadline {
 public:
-   explicit Deadline(bool enabled) : enabled_(enabled), begin_(Lomi::time()) { renew(); }
+   explicit Deadline(bool enabled)
+      : enabled_(enabled)
+      , begin_(Lomi::time()) {
+      renew();
+   }
    /// Called after each bucket. The clock is looked at every 64th time, which is well below a millisecond.
    void check(u32 step) {
       if (!enabled_ || step % 64 != 63 || Lomi::Rdtsc::now() < at_) return;
@@ -176,7 +176,7 @@ private:
 
 template <class Ops>
 bool WriterHashMap<Ops>::seek(Key const& key, u32 bucket, SlotLink** prev, SlotLink** curr, u32 hash,
-                             char const* corruptKey) {
+                              char const* corruptKey) {
    *prev = *curr = &buckets_[bucket];
    u32 const target = Lomi::Util::reverse(hash);
    u32 const mask = buckets_.numBuckets() - 1;
@@ -190,7 +190,8 @@ bool WriterHashMap<Ops>::seek(Key const& key, u32 bucket, SlotLink** prev, SlotL
          corrupt("slotId: {} not marked as occupied", index);
       Key const found = keyOf(slot);
       bool const same = found == key;
-      // The sought key itself hashes to where it is sought; any other is hashed again, to guard against damage.
+      // The sought key itself hashes to where it is sought; any other is hashed again, to guard against
+      // damage.
       if (!same && (ops_.hash(found) & mask) != bucket) [[unlikely]]
          corrupt(corruptKey, index);
       u32 const rhash = Mem::loadShared(slot.rhash);
@@ -205,8 +206,9 @@ bool WriterHashMap<Ops>::seek(Key const& key, u32 bucket, SlotLink** prev, SlotL
 
 template <class Ops> void WriterHashMap<Ops>::verifyNextBucket(u32 bucket, u32 next) const {
    u32 const half = buckets_.numBuckets() / 2;
-   u32 const wanted = bucket < half ? bucket + half
-                                    : bitReversePermute(bucket, buckets_.bucketFactor()) & (buckets_.numBuckets() - 1);
+   u32 const wanted = bucket < half
+                          ? bucket + half
+                          : bitReversePermute(bucket, buckets_.bucketFactor()) & (buckets_.numBuckets() - 1);
    if (next != wanted) [[unlikely]]
       corrupt("has bucket: {} with next bucket: {} and numBuckets: {}", bucket, next, buckets_.numBuckets());
 }
@@ -214,15 +216,18 @@ template <class Ops> void WriterHashMap<Ops>::verifyNextBucket(u32 bucket, u32 n
 /// The walk met the end of the table in `bucket`. Only the last bucket may say so.
 template <class Ops> bool WriterHashMap<Ops>::atEndOfTable(u32 bucket) const {
    if (bucket != buckets_.numBuckets() - 1) [[unlikely]]
-      corrupt("thinks we've reached the end of the table, but we're in bucket {} when there are numBuckets: {}", bucket,
-              buckets_.numBuckets());
+      corrupt(
+          "thinks we've reached the end of the table, but we're in bucket {} when there are numBuckets: {}",
+          bucket, buckets_.numBuckets());
    return false;
 }
 
-template <class Ops> void WriterHashMap<Ops>::checkRhash(u32 index, u32 rhash, u32 hash, bool slowPath) const {
+template <class Ops>
+void WriterHashMap<Ops>::checkRhash(u32 index, u32 rhash, u32 hash, bool slowPath) const {
    u32 const wanted = Lomi::Util::reverse(hash);
    if (rhash == wanted) return;
-   if (slowPath) corrupt("corrupt rhash detected, slotId: {} slot.rhash:{:08x} rhash:{:0x}", index, rhash, wanted);
+   if (slowPath)
+      corrupt("corrupt rhash detected, slotId: {} slot.rhash:{:08x} rhash:{:0x}", index, rhash, wanted);
    corrupt("corrupt rhash detected, slotId: {} slot.rhash:{:08x} rhash:{:08x}", index, rhash, wanted);
 }
 
@@ -259,12 +264,13 @@ template <class Ops> bool WriterHashMap<Ops>::first(u32 bucket, Value& value, It
 
 template <class Ops> bool WriterHashMap<Ops>::next(Key const& after, Value& value, IterHint& hint) const {
    Key const key = after; // the caller's key may lie inside `value`
-   if (hint.slot >= slots_.capacity() || hint.bucket >= buckets_.numBuckets()) return nextSlow(key, value, hint);
+   if (hint.slot >= slots_.capacity() || hint.bucket >= buckets_.numBuckets())
+      return nextSlow(key, value, hint);
    Slot const& from = slots_.slot(hint.slot);
    if (Mem::loadShared(from.versionFlags) != hint.version) return nextSlow(key, value, hint);
    u32 const index = Mem::loadPair(from.link).next;
-   // Whatever the fast path finds wrong may be the hint's fault; the slow path then decides. Marking and the walk
-   // of the following buckets stay outside: what they throw is final.
+   // Whatever the fast path finds wrong may be the hint's fault; the slow path then decides. Marking and the
+   // walk of the following buckets stay outside: what they throw is final.
    bool toNextBucket = false;
    try {
       if (endsChain(index)) {
@@ -287,7 +293,8 @@ template <class Ops> bool WriterHashMap<Ops>::next(Key const& after, Value& valu
       }
    } catch (Lomi::CorruptionDetectedException const& e) {
       LOMI_TRACE(debugHandler_, 5, "WriterHashMap",
-                 "saw exception in fast path: {}. This might be okay, dropping to slow path to find out", e.what());
+                 "saw exception in fast path: {}. This might be okay, dropping to slow path to find out",
+                 e.what());
       return nextSlow(key, value, hint);
    }
    if (toNextBucket) return first(nextBucketOf(index), value, hint);
@@ -383,7 +390,8 @@ template <class Ops> void WriterHashMap<Ops>::growBuckets(bool criticalTaskCheck
    u32 const bit = 0x80000000u >> std::countr_zero(n);
    u32 visited = 0;
    for (u32 b = 0; b < n; ++b) {
-      // Heads are in sequence, the rows behind them anywhere: bring the next ones in while this one is walked.
+      // Heads are in sequence, the rows behind them anywhere: bring the next ones in while this one is
+      // walked.
       constexpr u32 ahead = 12;
       if (b + ahead < n) {
          u32 const index = Mem::loadPair(entries[b + ahead]).next;
@@ -414,8 +422,8 @@ template <class Ops> void WriterHashMap<Ops>::shrinkBuckets(bool criticalTaskChe
    u32 visited = 0;
    for (u32 b = 0; b < half; ++b) {
       SlotLink* const last = lastLink(b, visited);
-      // SYNC(chain-link) store: the upper chain is joined behind the lower one, and its end names the bucket that
-      // follows in the smaller table, too.
+      // SYNC(chain-link) store: the upper chain is joined behind the lower one, and its end names the bucket
+      // that follows in the smaller table, too.
       Mirak::publishLink(*last, Mem::loadPair(buckets_.entries()[b + half]).next);
       deadline.check(b);
    }
@@ -426,8 +434,8 @@ template <class Ops> void WriterHashMap<Ops>::shrinkBuckets(bool criticalTaskChe
    counters_.lastBucketShrink = deadline.elapsed();
    counters_.longestBucketShrink = std::max(counters_.longestBucketShrink, counters_.lastBucketShrink);
    ++counters_.bucketShrinks;
-   LOMI_TRACE(debugHandler_, 2, "WriterHashMap", "shrunk from:{} to:{} shrinkBuckets_:{} time:{}", n, half, true,
-              counters_.lastBucketShrink);
+   LOMI_TRACE(debugHandler_, 2, "WriterHashMap", "shrunk from:{} to:{} shrinkBuckets_:{} time:{}", n, half,
+              true, counters_.lastBucketShrink);
    updateThresholds();
 }
 
