@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// A program of somebody else's, built against an installed tree: it knows the public headers and the shared library,
-// and nothing of the sources. It writes a row, reads it back as another process would, and gets the errors that it is
-// promised as exceptions that it can tell apart.
+// A program of somebody else's, built against an installed tree: it knows the public headers and the shared
+// library, and nothing of the sources. It writes a row, reads it back as another process would, and gets the
+// errors that it is promised as exceptions that it can tell apart.
 #include <FlowTracking/Tables.h>
 #include <Lomi/Exception.h>
 #include <Mem/Paths.h>
@@ -15,7 +15,8 @@ int main(int, char** argv) {
    auto const handler = Lomi::Platform::getDebugHandler("outside", true);
    char const* const name = "outside/counter";
 
-   FlowTracking::IpFlowKey const key(0, 42, Ip::IpAddr(0x0a000001), Ip::IpAddr(0x0a000002), Ip::Protocol::tcp, 80, 4711);
+   FlowTracking::IpFlowKey const key(0, 42, Ip::IpAddr(Ip::IpAddr::Bytes{10, 0, 0, 1}),
+                                     Ip::IpAddr(Ip::IpAddr::Bytes{10, 0, 0, 2}), Ip::Protocol::tcp, 80, 4711);
    FlowTracking::HoIpFlowCounter row(key);
    row.packetsIs(3);
    Mirak::MirakWriter<Ops> writer(*handler, name, Mirak::MapDescriptor(1000));
