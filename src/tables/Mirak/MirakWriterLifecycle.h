@@ -182,13 +182,17 @@ bool MirakWriter<Ops>::validate(Parcel::KestorId kestor, std::string& error, boo
    {
       Validator<Ops, MirakWriter> validator(debugHandler_, *this);
       map_.validatorIs(&validator);
+      auto caught = [&](char const* text) {
+         LOMI_TRACE(debugHandler_, 0, "MirakWriter", "caught: {}", text);
+         error = text;
+      };
       try {
          sound = validator.doValidate(kestor);
          error = validator.error();
       } catch (Lomi::CorruptionDetectedException const& e) {
-         error = e.what();
+         caught(e.what());
       } catch (Lomi::MemoryResourceException const& e) {
-         error = e.what();
+         caught(e.what());
       }
       map_.validatorIs(nullptr);
    }
