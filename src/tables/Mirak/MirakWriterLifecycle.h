@@ -222,11 +222,17 @@ template <class Ops> void MirakWriter<Ops>::detach(bool) {
       try {
          Parcel::OwnerFile ownerFile(debugHandler_, rootPath_, localMem_);
          if (Mem::WriterLock::ownerIsMe(debugHandler_, rootPath_)) {
+            // A damaged record throws here: it must not be made good by writing it anew.
+            ownerFile.tunnetInfo();
             LOMI_TRACE(debugHandler_, 5, "MirakWriter", "{}", "clearing tunnetInfo");
             ownerFile.tunnetInfoIs({});
          }
       } catch (Lomi::CorruptionDetectedException const& e) {
          LOMI_TRACE(debugHandler_, 0, "MirakWriter", "ignoring owner file corruption:{}", e.what());
+      } catch (Lomi::Exception const& e) {
+         // The destructor comes here, too.
+         LOMI_TRACE(debugHandler_, 0, "MirakWriter", "cannot clear the owner file of {}: {}", rootPath_.str(),
+                    e.what());
       }
       owner_ = false;
    }
