@@ -151,7 +151,7 @@ public:
    }
 
 private:
-   bool adopt(Parcel::KestorId kestor);
+   bool adopt(Parcel::KestorId kestor, u64 existing);
    void format(Parcel::KestorId kestor);
    void addFreeSlots(u32 start, u32 end);
    void resize(u32 newNumSlots);
@@ -209,7 +209,7 @@ template <class Ops> AttachResult SlotWriterTable<Ops>::attach(Parcel::KestorId 
       throw Lomi::InvalidInitializeException(fmt::format("cannot attach to shmem {} size:{}: {}",
                                                          wrapper_.getFilename(), size, wrapper_.lastError()));
    header_ = reinterpret_cast<Header*>(base);
-   bool const kept = existing != 0 && adopt(kestor);
+   bool const kept = existing != 0 && adopt(kestor, existing);
    if (!kept) {
       u32 const found = Mem::loadPair(header_->numSlots).value;
       if (fixedSize_ && found != minSlots_)
@@ -240,11 +240,12 @@ template <class Ops> AttachResult SlotWriterTable<Ops>::attach(Parcel::KestorId 
 
 /// Takes the file over as it is. Rows survive only if the generation, the header, the type and (in a table of
 /// fixed size) the capacity are right; everything else is proved by the validator afterwards.
-template <class Ops> bool SlotWriterTable<Ops>::adopt(Parcel::KestorId kestor) {
+/// @param existing the file's length as it was found: a file that was cut short is damaged, although attach()
+/// has made it long enough by now
+template <class Ops> bool SlotWriterTable<Ops>::adopt(Parcel::KestorId kestor, u64 existing) {
    if (Mem::loadShared(header_->kestor) != kestor.value()) return false;
    std::string error;
-   if (!header_->validate(debugHandler_, wrapper_.fileSize(), kestor, Table::headerSize, Table::slotSize,
-                          error))
+   if (!header_->validate(debugHandler_, existing, kestor, Table::headerSize, Table::slotSize, error))
       return false;
    if (std::string const mismatch = Table::typeMismatch(*header_); !mismatch.empty()) {
       LOMI_TRACE(debugHandler_, 1, "SlotWriterTable", "{} {}", wrapper_.getFilename(), mismatch);
@@ -253,7 +254,6 @@ template <class Ops> bool SlotWriterTable<Ops>::adopt(Parcel::KestorId kestor) {
    u32 const stored = Mem::loadPair(header_->numSlots).value;
    if (stored == 0 || (fixedSize_ && stored != minSlots_)) return false;
    u64 const size = bytesFor(stored);
-   u64 const fileSize = wrapper_.fileSize();
    char* base = wrapper_.resize(size);
    if (!base)
       throw Lomi::MemoryResourceException(fmt::format("failed to resize {} to size {} : {}",
@@ -261,7 +261,7 @@ template <class Ops> bool SlotWriterTable<Ops>::adopt(Parcel::KestorId kestor) {
    header_ = reinterpret_cast<Header*>(base);
    ops_.keyOps.hashSeed = Mem::loadShared(header_->hashSeed);
    refresh(stored);
-   if (fileSize > size) wrapper_.releaseTailAfter(size);
+   if (existing > size) wrapper_.releaseTailAfter(size);
    return true;
 }
 

@@ -67,7 +67,7 @@ public:
    u64 remaps() const { return remaps_; }
 
 private:
-   bool adopt(Parcel::KestorId kestor);
+   bool adopt(Parcel::KestorId kestor, u64 existing);
    void format(Parcel::KestorId kestor);
    void follow(char* base, u32 numBuckets);
    [[noreturn, gnu::cold]] void outOfRange(u32 index) const;
