@@ -33,9 +33,9 @@ MirakWriter<Ops>::MirakWriter(Lomi::Platform::DebugHandler const& handler, char 
    , rootPath_(handler, name, descriptor.local)
    , quiesce_(std::move(quiesce))
    , criticalTaskCheck_(descriptor.criticalTaskCheck)
-   , slots_(handler, rootPath_, descriptor, ops_, counters_, [this] { beforeReformat(); })
+   , slots_(handler, rootPath_, descriptor, ops_, counters_, [this] { beforeFormat(); })
    , map_(handler, rootPath_, descriptor.local, ops_, slots_, anchor_, counters_,
-          [this] { beforeReformat(); }) {
+          [this] { beforeFormat(); }) {
    if (descriptor.heap) {
       slots_.wrapper().useHeapIs(true);
       map_.buckets().wrapper().useHeapIs(true);
@@ -159,9 +159,10 @@ template <class Ops> bool MirakWriter<Ops>::attach(Parcel::KestorId kestor) {
    return result == MirakCore::attachedNew || result == MirakCore::attachedExisting;
 }
 
-/// One of the files is about to be destroyed: take the published generation back, so that no start after a
-/// crash and no reader believes in it, and tell the readers that are inside through the slot file's header.
-template <class Ops> void MirakWriter<Ops>::beforeReformat() {
+/// One of the files is about to be formatted: take the published generation back, so that no start after a
+/// crash and no reader believes in it. That holds for a file that was missing, too: an empty one beside the old
+/// other one is no table. Readers that are inside learn of it through the slot file's header.
+template <class Ops> void MirakWriter<Ops>::beforeFormat() {
    if (localMem_) return;
    if (!kestorRemoved_) Parcel::KestorFile(debugHandler_, rootPath_, localMem_).remove();
    kestorRemoved_ = true;

@@ -48,10 +48,10 @@ public:
 
    static constexpr char const* fileName = "slots";
 
-   /// @param beforeReformat called before the first store that destroys an existing file's content
+   /// @param beforeFormat called before the file, found or new, is formatted
    SlotWriterTable(Lomi::Platform::DebugHandler const& handler, Mem::NaoRootPath const& rootPath,
                    MapDescriptor const& descriptor, Ops& ops, Writer::Counters& counters,
-                   std::function<void()> beforeReformat);
+                   std::function<void()> beforeFormat);
 
    /// Maps the file, creating it if need be; keeps its rows if it is sound, of this generation and of this
    /// type, else formats it. @throws Lomi::InvalidInitializeException, Lomi::MemoryResourceException
@@ -169,7 +169,7 @@ private:
    Mem::NaoRootPath const& rootPath_;
    Ops& ops_;
    Writer::Counters& counters_;
-   std::function<void()> beforeReformat_;
+   std::function<void()> beforeFormat_;
    u32 const maxSlots_;
    bool const fixedSize_;
    bool const shrinkSlots_;
@@ -188,12 +188,12 @@ template <class Ops>
 SlotWriterTable<Ops>::SlotWriterTable(Lomi::Platform::DebugHandler const& handler,
                                       Mem::NaoRootPath const& rootPath, MapDescriptor const& descriptor,
                                       Ops& ops, Writer::Counters& counters,
-                                      std::function<void()> beforeReformat)
+                                      std::function<void()> beforeFormat)
    : debugHandler_(handler)
    , rootPath_(rootPath)
    , ops_(ops)
    , counters_(counters)
-   , beforeReformat_(std::move(beforeReformat))
+   , beforeFormat_(std::move(beforeFormat))
    , maxSlots_(descriptor.size)
    , fixedSize_(descriptor.fixedSize)
    , shrinkSlots_(descriptor.shrinkSlots)
@@ -216,12 +216,10 @@ template <class Ops> AttachResult SlotWriterTable<Ops>::attach(Parcel::KestorId 
          LOMI_TRACE(debugHandler_, 1, "SlotWriterTable",
                     "wanted capacity:{} for fixed-size table, but existing file has capacity:{}", minSlots_,
                     found);
-      if (existing != 0) {
-         beforeReformat_();
-         // SYNC(kestor) store: readers that still have the old table mapped learn of the re-format before
-         // anything under them changes.
-         Mem::storeShared(header_->kestor, kestor.value());
-      }
+      beforeFormat_();
+      // SYNC(kestor) store: readers that still have the old table mapped learn of the re-format before anything
+      // under them changes.
+      if (existing != 0) Mem::storeShared(header_->kestor, kestor.value());
       format(kestor);
       wrapper_.releaseTailAfter(size);
    }
@@ -266,7 +264,9 @@ template <class Ops> bool SlotWriterTable<Ops>::adopt(Parcel::KestorId kestor, u
 }
 
 template <class Ops> void SlotWriterTable<Ops>::format(Parcel::KestorId kestor) {
-   u32 const seed = drawHashSeed();
+   // Never the old one: within one generation the seed alone tells readers of the old table that it is gone.
+   u32 seed = drawHashSeed();
+   while (seed == Mem::loadShared(header_->hashSeed)) seed = drawHashSeed();
    ops_.keyOps.hashSeed = seed;
    formatHeader(*header_, {minSlots_, maxSlots_, Table::constFlags, kestor, Ops::Value::typeName,
                            Table::valueSize, Table::slotSize, seed});

@@ -15,10 +15,10 @@ using Mem::Mode;
 template <class Link>
 BucketWriter<Link>::BucketWriter(Lomi::Platform::DebugHandler const& handler,
                                  Mem::NaoRootPath const& rootPath, bool local,
-                                 std::function<void()> beforeReformat)
+                                 std::function<void()> beforeFormat)
    : debugHandler_(handler)
    , wrapper_(handler, rootPath, fileName, local)
-   , beforeReformat_(std::move(beforeReformat)) {}
+   , beforeFormat_(std::move(beforeFormat)) {}
 
 template <class Link> AttachResult BucketWriter<Link>::attach(Parcel::KestorId kestor) {
    detach();
@@ -30,7 +30,7 @@ template <class Link> AttachResult BucketWriter<Link>::attach(Parcel::KestorId k
                                                          wrapper_.getFilename(), size, wrapper_.lastError()));
    header_ = reinterpret_cast<BucketTableHeader*>(base);
    if (existing != 0 && adopt(kestor, existing)) return attachedExisting;
-   if (existing != 0) beforeReformat_();
+   beforeFormat_();
    format(kestor);
    // What lies behind the fresh table belongs to nobody any more.
    wrapper_.releaseTailAfter(size);
