@@ -102,6 +102,13 @@ template <class Pair> inline void publishPair(Pair& pair, Pair value) {
    }
 }
 
+/// Looks at a pair ahead of need, only to prefetch what it may point at. Nothing may be decided by its value: it
+/// is no access in the protocol's sense, orders nothing and passes no seam.
+template <class Pair> inline Pair peekPair(Pair const& pair) {
+   static_assert(sizeof(Pair) == 8 && alignof(Pair) == 8 && std::is_trivially_copyable_v<Pair>);
+   return std::atomic_ref<Pair>(const_cast<Pair&>(pair)).load(std::memory_order_relaxed);
+}
+
 /// Asks the processor to bring a shared line close. No access in the protocol's sense: no value is used.
 inline void prefetchShared(void const* at) { __builtin_prefetch(at, 0, 3); }
 
