@@ -23,6 +23,7 @@
 #include "Mem/Paths.h"
 
 #include <string>
+#include <string_view>
 
 namespace Mem {
 
@@ -46,7 +47,7 @@ public:
    /// shrink left.
    char* resize(u64 size);
    /// Writer: does the slow part of a later resize to `size` now: blocks, and where the base can stay, pages.
-   /// False with lastError() set if there is no room; nothing is reserved then that wasn't before.
+   /// False with lastError() set if there is no room; the file's length is what it was then.
    bool reserve(u64 size);
    void detach();
 
@@ -91,21 +92,18 @@ public:
 private:
    static constexpr u64 noRelease = ~u64{0};
 
-   char* attachLocal(u64 size, void* address);
    char* attachWriter(u64 size, void* address);
    char* attachReader(u64 size, void* address);
    char* resizeWriter(u64 size);
    char* resizeReader(u64 size);
    bool openForWriting();
-   bool openForReading();
    bool reserveBlocks(u64 size);
-   void undoReserve(u64 oldLength, u64 from, u64 to);
+   void cutBackTo(u64 length);
+   void keepFromRelease(u64 size);
    bool mapUpTo(u64 extent);
-   bool remapWhole(u64 extent);
-   char* moveMapping(u64 extent);
-   void advise(char* at, u64 bytes);
+   void advise(u64 from, u64 to);
    void populate(u64 from, u64 to);
-   void sizeIs(u64 size);
+   char* attached(char* base, u64 size);
    char* fail(std::string_view what, u64 size, std::string_view reason);
 
    NaoRootPath rootPath_;
@@ -120,6 +118,7 @@ private:
    u64 area_ = 0;     // address space held at base_, 0 if none is
    u64 reserved_ = 0; // blocks of [0, reserved_) are known to be there
    u64 releaseFrom_ = noRelease;
+   u64 releaseTop_ = 0; // the release goes downwards from here
    double releaseDue_ = 0;
    int dump_ = -1; // -1 unset, else bool
    bool track_ = false;
@@ -127,6 +126,11 @@ private:
    std::uint32_t forks_ = 0;
    std::string lastError_;
    Local localMemory_;
+#ifdef HOFLOW_TEST_SEAM
+   bool moveMapping(u64 extent);
+   char* oldPlace_ = nullptr;
+   u64 oldPlaceBytes_ = 0;
+#endif
 };
 
 } // namespace Mem
