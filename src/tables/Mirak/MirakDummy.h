@@ -8,6 +8,7 @@
 #pragma once
 
 #include "Lomi/Trace.h"
+#include "Mirak/KeyText.h"
 #include "Mirak/MirakInterface.h"
 
 #include <memory>
@@ -138,12 +139,6 @@ private:
    void refuseKey(Key const& key) const {
       LOMI_ASSERT(false, this->debugHandler_, "invoked, name:{} rootpath:{} key:{}{}", this->name_,
                   this->rootPath_.str(), keyText(key), orphanSuffix_);
-   }
-   static std::string keyText(Key const& key) {
-      if constexpr (requires { key.mirakString(); })
-         return std::string(key.mirakString());
-      else
-         return std::string(key.str());
    }
 
    std::string orphanSuffix_;
