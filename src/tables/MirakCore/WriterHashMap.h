@@ -157,9 +157,9 @@ public:
       , begin_(Lomi::time()) {
       renew();
    }
-   /// Called after each bucket. The clock is looked at every 64th time, which is well below a millisecond.
-   void check(u32 step) {
-      if (!enabled_ || step % 64 != 63 || Lomi::Rdtsc::now() < at_) return;
+   /// Called after each bucket: nothing bounds the chains of the next ones.
+   void check() {
+      if (!enabled_ || Lomi::Rdtsc::now() < at_) return;
       Lomi::TaskSchedulerRoot::root().runCriticalPriorityTasks();
       renew();
    }
@@ -395,7 +395,7 @@ template <class Ops> void WriterHashMap<Ops>::growBuckets(bool criticalTaskCheck
       }
       cuts_[b] = cutPoint(b, bit, visited);
       Mirak::publishLink(entries[b + n], Mem::loadPair(*cuts_[b]).next);
-      deadline.check(b);
+      deadline.check();
    }
    // SYNC(num-buckets) store: the entries up to 2n are complete.
    auto& count = buckets_.header().numBuckets;
@@ -403,7 +403,7 @@ template <class Ops> void WriterHashMap<Ops>::growBuckets(bool criticalTaskCheck
    for (u32 b = 0; b < n; ++b) {
       // SYNC(chain-link) store: cuts the chain in two; both parts keep their slots and their order.
       Mirak::publishLink(*cuts_[b], chainEnd(b + n));
-      deadline.check(b);
+      deadline.check();
    }
    counters_.lastBucketGrow = deadline.elapsed();
    counters_.longestBucketGrow = std::max(counters_.longestBucketGrow, counters_.lastBucketGrow);
@@ -421,7 +421,7 @@ template <class Ops> void WriterHashMap<Ops>::shrinkBuckets(bool criticalTaskChe
       // SYNC(chain-link) store: the upper chain is joined behind the lower one, and its end names the bucket
       // that follows in the smaller table, too.
       Mirak::publishLink(*last, Mem::loadPair(buckets_.entries()[b + half]).next);
-      deadline.check(b);
+      deadline.check();
    }
    // SYNC(num-buckets) store: readers stop using the upper half before it goes.
    auto& count = buckets_.header().numBuckets;
