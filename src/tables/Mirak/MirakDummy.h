@@ -42,7 +42,9 @@ public:
 
 protected:
    void trace(char const* operation) const {
-      LOMI_TRACE(debugHandler_, 5, "MirakDummy", "{} {}", operation, rootPath_.str());
+      // LOMI_TRACE would name this function.
+      if (debugHandler_.traces(5))
+         Lomi::fmtrace(debugHandler_, 5, "MirakDummy", operation, "{}", rootPath_.str());
    }
 
    Ops ops_;
