@@ -143,6 +143,7 @@ template <class Ops> bool MirakWriter<Ops>::remove(Key const& key, Value& remove
    refuseReentrancy();
    if (inDirectMode()) [[unlikely]]
       refuseUnbalanced("removing key:", keyText(key));
+   if (!attached()) return false;
    releaseDue();
    Place const place = locate(key);
    if (!place.found) {
@@ -183,7 +184,7 @@ typename MirakWriter<Ops>::Value const* MirakWriter<Ops>::lookup(Key const& key,
    found = false;
    u32 const hash = ops_.hash(key);
    u32 const bucket = map_.bucketOf(hash);
-   if (Slot const* slot = map_.lookup(key, bucket, hash)) {
+   if (Slot const* slot = attached() ? map_.lookup(key, bucket, hash) : nullptr) {
       anchor_ = slots_.anchorOf(*slot);
       found = true;
       return reinterpret_cast<Value const*>(slot->value);
@@ -196,12 +197,12 @@ typename MirakWriter<Ops>::Value const* MirakWriter<Ops>::lookup(Key const& key,
 
 template <class Ops> bool MirakWriter<Ops>::first(Value& value, IterHint& hint) const {
    refuseReentrancy();
-   return map_.first(0, value, hint);
+   return attached() && map_.first(0, value, hint);
 }
 
 template <class Ops> bool MirakWriter<Ops>::next(Key const& key, Value& value, IterHint& hint) const {
    refuseReentrancy();
-   return map_.next(key, value, hint);
+   return attached() && map_.next(key, value, hint);
 }
 
 template <class Ops> typename MirakWriter<Ops>::Value* MirakWriter<Ops>::directWrite(Value const& value) {

@@ -125,6 +125,7 @@ public:
       SlotWriterTable* table_;
    };
    [[nodiscard]] CriticalSectionAnchor enterCriticalSection() {
+      LOMI_ASSERT(header_, debugHandler_, "no open table: {}", rootPath_.str());
       u16 const flags = Mem::loadShared(header_->runtimeFlags);
       LOMI_ASSERT(!(flags & Header::inCriticalSection), debugHandler_, "Mirak reentrancy detected: {}",
                   rootPath_.str());
