@@ -87,7 +87,15 @@ template <class Ops> void MirakWriter<Ops>::attach() {
    } else {
       writerLock_.emplace(Mem::WriterLock::acquireWriterLock(debugHandler_, rootPath_, ownerFile, false));
       kestorId_ = kestorFile.read();
-      if (kestorId_.value() == 0) kestorId_ = newKestorId();
+      if (kestorId_.value() == 0) {
+         // A process with the number of the last one would make its id again (in a container each has the
+         // same), and adopt what a crash half way through a format left.
+         auto stands = [&](char const* file) {
+            return Util::storedKestor(rootPath_, file) == kestorId_.value();
+         };
+         do kestorId_ = newKestorId();
+         while (stands(SlotTableType::fileName) || stands(MirakCore::BucketWriter<SlotLink>::fileName));
+      }
    }
    bool const ownerInvalid = !ownerFile.validate();
    if (ownerInvalid)
@@ -160,8 +168,8 @@ template <class Ops> bool MirakWriter<Ops>::attach(Parcel::KestorId kestor) {
 }
 
 /// One of the files is about to be formatted: take the published generation back, so that no start after a
-/// crash and no reader believes in it. That holds for a file that was missing, too: an empty one beside the old
-/// other one is no table. Readers that are inside learn of it through the slot file's header.
+/// crash and no reader believes in it. That holds for a file that was missing, too: an empty one beside the
+/// old other one is no table. Readers that are inside learn of it through the slot file's header.
 template <class Ops> void MirakWriter<Ops>::beforeFormat() {
    if (localMem_) return;
    if (!kestorRemoved_) Parcel::KestorFile(debugHandler_, rootPath_, localMem_).remove();
