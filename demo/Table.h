@@ -1,16 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
-// One table as a demo reader follows it: attach, read, judge, and attach again when the files are no longer those
-// that are mapped. It shows all that a long-lived reader has to do.
+// One table as a demo reader follows it: attach, read, judge, and attach again when the files are no longer
+// those that are mapped. It shows all that a long-lived reader has to do.
 #pragma once
 
 #include "FlowTracking/Tables.h"
 #include "Lomi/Exception.h"
 #include "Mirak/MirakReader.h"
 
-#include <cstring>
 #include <memory>
 #include <string>
-#include <sys/stat.h>
 #include <unordered_map>
 
 namespace Demo {
@@ -20,16 +18,10 @@ using Mem::u64;
 using Ip4Ops = FlowTracking::HoIpFlowCounterOps;
 using Ip6Ops = FlowTracking::HoIp6FlowCounterOps;
 
-void rootIs(std::string const& root);
-
-struct Rows {
-   u32 ip4, ip6;
-};
-
 /// What one process has read so far, of both tables.
 struct Tally {
    u64 lookups = 0, walks = 0, rowsWalked = 0;
-   u64 retries = 0, lookasideReads = 0, resizes = 0; ///< of readers that have let go of their table
+   u64 retries = 0, lookasideReads = 0, resizes = 0;
    u64 attaches = 0, reattaches = 0, generations = 0;
    u64 missing = 0, twice = 0, backwards = 0, corrupt = 0;
    std::string firstAnomaly;
@@ -46,12 +38,21 @@ public:
    using Key = typename Ops::Key;
    using Value = typename Ops::Value;
 
-   Table(std::string root, std::string name, Tally& tally)
-      : directory(std::move(root) + "/" + name)
-      , name(std::move(name))
+   Table(std::string name, Tally& tally)
+      : name(std::move(name))
       , tally(tally) {}
 
    u32 rows() const { return reader ? reader->members() : 0; }
+   std::string generationText() const { return generation.value() ? generation.text() : "none"; }
+
+   /// Adds what the present reader object has counted so far.
+   void countersInto(Tally& sum) const {
+      if (!reader) return;
+      auto const counters = reader->readerCounters();
+      sum.retries += counters.retries + counters.wrapperRetries;
+      sum.lookasideReads += counters.lookasideReads;
+      sum.resizes += counters.slotResizes + counters.buckets.resizes;
+   }
 
    /// Looks up a batch of the known keys; learns the keys anew whenever all have had their turn.
    /// @return false: nothing to read yet
@@ -67,7 +68,8 @@ public:
             reader->lookup(turn->first.key, found, &value);
             ++tally.lookups;
             if (!found) {
-               if (same()) tally.anomaly(tally.missing, name + ": a key that was there is reported absent");
+               if (!reader->filesReplaced())
+                  tally.anomaly(tally.missing, name + ": a key that was there is reported absent");
             } else {
                judge(turn->second, value);
             }
@@ -103,8 +105,10 @@ private:
    /// Runs `work` on an attached reader; attaches before it and, where the table was replaced, after it.
    template <class Work> bool guarded(Work work) {
       if (!reader && !attach()) return false;
-      if (!same()) {
+      if (reader->filesReplaced()) {
          release();
+         // A table made anew after its files were removed can carry the same generation.
+         generation = {};
          return false;
       }
       try {
@@ -112,46 +116,33 @@ private:
       } catch (Mirak::TableReformattedException const&) {
          release();
       } catch (Lomi::CorruptionDetectedException const& e) {
-         if (same()) tally.anomaly(tally.corrupt, name + ": " + e.what());
+         if (!reader->filesReplaced()) tally.anomaly(tally.corrupt, name + ": " + e.what());
          release();
       }
       return false;
    }
 
    bool attach() {
-      struct stat now {};
-      if (::stat((directory + "/slots").c_str(), &now) != 0) return false;
-      auto fresh = std::make_unique<Mirak::MirakReader<Ops>>(handler, name.c_str(), Ops());
+      auto const handler = Lomi::Platform::getDebugHandler("demo", true);
+      auto fresh = std::make_unique<Mirak::MirakReader<Ops>>(*handler, name, Ops());
       if (!fresh->initialize("demo")) return false;
-      ++tally.attaches;
-      if (tally.attaches > 2) ++tally.reattaches;
-      u32 const kestor = fresh->kestorId().word();
-      if (kestor != generation || now.st_ino != inode) {
+      ++(attached ? tally.reattaches : tally.attaches);
+      attached = true;
+      if (fresh->kestorId() != generation) {
          ++tally.generations;
+         generation = fresh->kestorId();
          known.clear();
          walks = 0;
       }
       turn = known.end();
-      generation = kestor;
-      inode = now.st_ino;
       reader = std::move(fresh);
       return true;
    }
 
    void release() {
-      auto const counters = reader->readerCounters();
-      tally.retries += counters.retries + counters.wrapperRetries;
-      tally.lookasideReads += counters.lookasideReads;
-      tally.resizes += counters.slotResizes + counters.buckets.resizes;
+      countersInto(tally);
       reader->detach(false);
       reader.reset();
-   }
-
-   /// Whether the path still names the file that was there at the attach. A table made anew after its files were
-   /// removed can have the same generation, so that alone proves nothing.
-   bool same() const {
-      struct stat now {};
-      return ::stat((directory + "/slots").c_str(), &now) == 0 && now.st_ino == inode;
    }
 
    bool pass() {
@@ -167,7 +158,7 @@ private:
          judge(seen, value);
       }
       tally.rowsWalked += passed;
-      if (passed < known.size() && same())
+      if (passed < known.size() && !reader->filesReplaced())
          tally.anomaly(tally.missing, name + ": a walk missed a row that was there all along");
       return passed != 0;
    }
@@ -179,11 +170,11 @@ private:
       seen.bytes = value.bytes();
    }
 
-   std::string directory, name;
+   std::string name; // below the root
    Tally& tally;
    std::unique_ptr<Mirak::MirakReader<Ops>> reader;
-   u32 generation = 0;
-   ino_t inode = 0;
+   bool attached = false; // ever
+   Parcel::KestorId generation;
    Map known; // all keys of this generation
    typename Map::iterator turn = known.end();
    u64 walks = 0;

@@ -1,12 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
-// A reader process of the demo: it reads both counter tables as fast as it can until SIGTERM, and judges what it
-// reads. `lookup` looks up every key that it has ever seen, `walk` walks the tables from end to end.
+// A reader process of the demo: it reads both counter tables as fast as it can until SIGTERM, and judges what
+// it reads. `lookup` looks up every key that it has ever seen, `walk` walks the tables from end to end.
 //
-// While a table is of one generation its tracker only adds rows and adds to their counts. So a key that was there
-// must be there, its counts must not fall, and no walk may pass a row twice: each breach is an anomaly. A
-// re-format or a new file ends the generation; the reader then attaches again and starts from nothing.
+// While a table is of one generation its tracker only adds rows and adds to their counts. So a key that was
+// there must be there, its counts must not fall, and no walk may pass a row twice: each breach is an anomaly.
+// A re-format or a new file ends the generation; the reader then attaches again and starts from nothing.
 //
 // Each second, and at the end, one JSON object with all counts so far goes to stdout.
+#include "Mem/Paths.h"
 #include "Table.h"
 
 #include <CLI/CLI.hpp>
@@ -21,26 +22,30 @@ namespace {
 
 std::sig_atomic_t stopped = 0;
 
-void report(Demo::Tally const& tally, std::string const& mode, Demo::Rows rows, bool final) {
-   nlohmann::ordered_json line{{"mode", mode},
-                               {"final", final},
-                               {"rowsIp4", rows.ip4},
-                               {"rowsIp6", rows.ip6},
-                               {"lookups", tally.lookups},
-                               {"walks", tally.walks},
-                               {"rowsWalked", tally.rowsWalked},
-                               {"retries", tally.retries},
-                               {"lookasideReads", tally.lookasideReads},
-                               {"resizesFollowed", tally.resizes},
-                               {"attaches", tally.attaches},
-                               {"reattaches", tally.reattaches},
-                               {"generations", tally.generations},
-                               {"missing", tally.missing},
-                               {"twice", tally.twice},
-                               {"backwards", tally.backwards},
-                               {"corrupt", tally.corrupt},
-                               {"anomalies", tally.anomalies()},
-                               {"firstAnomaly", tally.firstAnomaly}};
+template <class Ip4, class Ip6>
+void report(std::string const& mode, Demo::Tally tally, Ip4 const& ip4, Ip6 const& ip6, bool final) {
+   ip4.countersInto(tally);
+   ip6.countersInto(tally);
+   nlohmann::ordered_json const line{{"mode", mode},
+                                     {"final", final},
+                                     {"rowsIp4", ip4.rows()},
+                                     {"rowsIp6", ip6.rows()},
+                                     {"generationIp4", ip4.generationText()},
+                                     {"generationIp6", ip6.generationText()},
+                                     {"lookups", tally.lookups},
+                                     {"walks", tally.walks},
+                                     {"rowsWalked", tally.rowsWalked},
+                                     {"retries", tally.retries},
+                                     {"lookasideReads", tally.lookasideReads},
+                                     {"resizesFollowed", tally.resizes},
+                                     {"reattaches", tally.reattaches},
+                                     {"generations", tally.generations},
+                                     {"missing", tally.missing},
+                                     {"twice", tally.twice},
+                                     {"backwards", tally.backwards},
+                                     {"corrupt", tally.corrupt},
+                                     {"anomalies", tally.anomalies()},
+                                     {"firstAnomaly", tally.firstAnomaly}};
    std::printf("%s\n", line.dump().c_str());
    std::fflush(stdout);
 }
@@ -59,11 +64,11 @@ int main(int argc, char** argv) {
    auto stop = [](int) { stopped = 1; };
    std::signal(SIGTERM, stop);
    std::signal(SIGINT, stop);
-   Demo::rootIs(root);
+   Mem::RootPath::set(root);
 
    Demo::Tally tally;
-   Demo::Table<Demo::Ip4Ops> ip4(root, mount + "/hoIpFlowCounter", tally);
-   Demo::Table<Demo::Ip6Ops> ip6(root, mount + "/hoIp6FlowCounter", tally);
+   Demo::Table<Demo::Ip4Ops> ip4(mount + "/hoIpFlowCounter", tally);
+   Demo::Table<Demo::Ip6Ops> ip6(mount + "/hoIp6FlowCounter", tally);
    auto due = std::chrono::steady_clock::now();
    while (!stopped) {
       bool const some4 = mode == "walk" ? ip4.walk() : ip4.lookups();
@@ -71,10 +76,10 @@ int main(int argc, char** argv) {
       if (!some4 && !some6) std::this_thread::sleep_for(std::chrono::milliseconds(1));
       auto const now = std::chrono::steady_clock::now();
       if (now >= due) {
-         report(tally, mode, {ip4.rows(), ip6.rows()}, false);
+         report(mode, tally, ip4, ip6, false);
          due = now + std::chrono::milliseconds(500);
       }
    }
-   report(tally, mode, {ip4.rows(), ip6.rows()}, true);
+   report(mode, tally, ip4, ip6, true);
    return tally.anomalies() == 0 ? 0 : 1;
 }

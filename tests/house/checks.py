@@ -32,12 +32,13 @@ def code_lines(text):
 
 
 def tracked(tree):
-    """All files under version control, or all files outside build trees where there is none."""
-    listed = subprocess.run(["git", "-C", str(tree), "ls-files", "-z", "-co", "--exclude-standard"],
-                            capture_output=True)
-    if listed.returncode == 0:
-        return [tree / name.decode() for name in listed.stdout.split(b"\0") if name]
-    return [p for p in tree.rglob("*") if p.is_file() and not {"build", ".git"} & set(p.relative_to(tree).parts)]
+    """All files under version control and new ones; where git has no answer, all files outside build trees."""
+    try:
+        listed = subprocess.run(["git", "-C", str(tree), "ls-files", "-z", "-co", "--exclude-standard"],
+                                capture_output=True, check=True).stdout
+        return [tree / name.decode() for name in listed.split(b"\0") if name]
+    except (OSError, subprocess.CalledProcessError):
+        return [p for p in tree.rglob("*") if p.is_file() and not {"build", ".git"} & set(p.relative_to(tree).parts)]
 
 
 def floors(tree):

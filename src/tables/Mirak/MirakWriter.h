@@ -145,7 +145,7 @@ private:
    void attach();
    bool attach(Parcel::KestorId kestor);
    bool attachAndValidate(bool reformat, Parcel::OwnerFile& ownerFile, Parcel::TunnetInfo const& tunnetInfo);
-   void beforeReformat();
+   void beforeFormat();
    static Parcel::KestorId newKestorId();
 
    // Constant after construction.

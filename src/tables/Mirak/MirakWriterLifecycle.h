@@ -33,9 +33,9 @@ MirakWriter<Ops>::MirakWriter(Lomi::Platform::DebugHandler const& handler, char 
    , rootPath_(handler, name, descriptor.local)
    , quiesce_(std::move(quiesce))
    , criticalTaskCheck_(descriptor.criticalTaskCheck)
-   , slots_(handler, rootPath_, descriptor, ops_, counters_, [this] { beforeReformat(); })
+   , slots_(handler, rootPath_, descriptor, ops_, counters_, [this] { beforeFormat(); })
    , map_(handler, rootPath_, descriptor.local, ops_, slots_, anchor_, counters_,
-          [this] { beforeReformat(); }) {
+          [this] { beforeFormat(); }) {
    if (descriptor.heap) {
       slots_.wrapper().useHeapIs(true);
       map_.buckets().wrapper().useHeapIs(true);
@@ -87,7 +87,15 @@ template <class Ops> void MirakWriter<Ops>::attach() {
    } else {
       writerLock_.emplace(Mem::WriterLock::acquireWriterLock(debugHandler_, rootPath_, ownerFile, false));
       kestorId_ = kestorFile.read();
-      if (kestorId_.value() == 0) kestorId_ = newKestorId();
+      if (kestorId_.value() == 0) {
+         // A process with the number of the last one would make its id again (in a container each has the
+         // same), and adopt what a crash half way through a format left.
+         auto stands = [&](char const* file) {
+            return Util::storedKestor(rootPath_, file) == kestorId_.value();
+         };
+         do kestorId_ = newKestorId();
+         while (stands(SlotTableType::fileName) || stands(MirakCore::BucketWriter<SlotLink>::fileName));
+      }
    }
    bool const ownerInvalid = !ownerFile.validate();
    if (ownerInvalid)
@@ -159,9 +167,10 @@ template <class Ops> bool MirakWriter<Ops>::attach(Parcel::KestorId kestor) {
    return result == MirakCore::attachedNew || result == MirakCore::attachedExisting;
 }
 
-/// One of the files is about to be destroyed: take the published generation back, so that no start after a
-/// crash and no reader believes in it, and tell the readers that are inside through the slot file's header.
-template <class Ops> void MirakWriter<Ops>::beforeReformat() {
+/// One of the files is about to be formatted: take the published generation back, so that no start after a
+/// crash and no reader believes in it. That holds for a file that was missing, too: an empty one beside the
+/// old other one is no table. Readers that are inside learn of it through the slot file's header.
+template <class Ops> void MirakWriter<Ops>::beforeFormat() {
    if (localMem_) return;
    if (!kestorRemoved_) Parcel::KestorFile(debugHandler_, rootPath_, localMem_).remove();
    kestorRemoved_ = true;
@@ -182,13 +191,17 @@ bool MirakWriter<Ops>::validate(Parcel::KestorId kestor, std::string& error, boo
    {
       Validator<Ops, MirakWriter> validator(debugHandler_, *this);
       map_.validatorIs(&validator);
+      auto caught = [&](char const* text) {
+         LOMI_TRACE(debugHandler_, 0, "MirakWriter", "caught: {}", text);
+         error = text;
+      };
       try {
          sound = validator.doValidate(kestor);
          error = validator.error();
       } catch (Lomi::CorruptionDetectedException const& e) {
-         error = e.what();
+         caught(e.what());
       } catch (Lomi::MemoryResourceException const& e) {
-         error = e.what();
+         caught(e.what());
       }
       map_.validatorIs(nullptr);
    }
@@ -218,11 +231,17 @@ template <class Ops> void MirakWriter<Ops>::detach(bool) {
       try {
          Parcel::OwnerFile ownerFile(debugHandler_, rootPath_, localMem_);
          if (Mem::WriterLock::ownerIsMe(debugHandler_, rootPath_)) {
+            // A damaged record throws here: it must not be made good by writing it anew.
+            ownerFile.tunnetInfo();
             LOMI_TRACE(debugHandler_, 5, "MirakWriter", "{}", "clearing tunnetInfo");
             ownerFile.tunnetInfoIs({});
          }
       } catch (Lomi::CorruptionDetectedException const& e) {
          LOMI_TRACE(debugHandler_, 0, "MirakWriter", "ignoring owner file corruption:{}", e.what());
+      } catch (Lomi::Exception const& e) {
+         // The destructor comes here, too.
+         LOMI_TRACE(debugHandler_, 0, "MirakWriter", "cannot clear the owner file of {}: {}", rootPath_.str(),
+                    e.what());
       }
       owner_ = false;
    }

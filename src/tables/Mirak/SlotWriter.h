@@ -48,10 +48,10 @@ public:
 
    static constexpr char const* fileName = "slots";
 
-   /// @param beforeReformat called before the first store that destroys an existing file's content
+   /// @param beforeFormat called before the file, found or new, is formatted
    SlotWriterTable(Lomi::Platform::DebugHandler const& handler, Mem::NaoRootPath const& rootPath,
                    MapDescriptor const& descriptor, Ops& ops, Writer::Counters& counters,
-                   std::function<void()> beforeReformat);
+                   std::function<void()> beforeFormat);
 
    /// Maps the file, creating it if need be; keeps its rows if it is sound, of this generation and of this
    /// type, else formats it. @throws Lomi::InvalidInitializeException, Lomi::MemoryResourceException
@@ -151,7 +151,7 @@ public:
    }
 
 private:
-   bool adopt(Parcel::KestorId kestor);
+   bool adopt(Parcel::KestorId kestor, u64 existing);
    void format(Parcel::KestorId kestor);
    void addFreeSlots(u32 start, u32 end);
    void resize(u32 newNumSlots);
@@ -169,7 +169,7 @@ private:
    Mem::NaoRootPath const& rootPath_;
    Ops& ops_;
    Writer::Counters& counters_;
-   std::function<void()> beforeReformat_;
+   std::function<void()> beforeFormat_;
    u32 const maxSlots_;
    bool const fixedSize_;
    bool const shrinkSlots_;
@@ -188,12 +188,12 @@ template <class Ops>
 SlotWriterTable<Ops>::SlotWriterTable(Lomi::Platform::DebugHandler const& handler,
                                       Mem::NaoRootPath const& rootPath, MapDescriptor const& descriptor,
                                       Ops& ops, Writer::Counters& counters,
-                                      std::function<void()> beforeReformat)
+                                      std::function<void()> beforeFormat)
    : debugHandler_(handler)
    , rootPath_(rootPath)
    , ops_(ops)
    , counters_(counters)
-   , beforeReformat_(std::move(beforeReformat))
+   , beforeFormat_(std::move(beforeFormat))
    , maxSlots_(descriptor.size)
    , fixedSize_(descriptor.fixedSize)
    , shrinkSlots_(descriptor.shrinkSlots)
@@ -209,19 +209,17 @@ template <class Ops> AttachResult SlotWriterTable<Ops>::attach(Parcel::KestorId 
       throw Lomi::InvalidInitializeException(fmt::format("cannot attach to shmem {} size:{}: {}",
                                                          wrapper_.getFilename(), size, wrapper_.lastError()));
    header_ = reinterpret_cast<Header*>(base);
-   bool const kept = existing != 0 && adopt(kestor);
+   bool const kept = existing != 0 && adopt(kestor, existing);
    if (!kept) {
       u32 const found = Mem::loadPair(header_->numSlots).value;
       if (fixedSize_ && found != minSlots_)
          LOMI_TRACE(debugHandler_, 1, "SlotWriterTable",
                     "wanted capacity:{} for fixed-size table, but existing file has capacity:{}", minSlots_,
                     found);
-      if (existing != 0) {
-         beforeReformat_();
-         // SYNC(kestor) store: readers that still have the old table mapped learn of the re-format before
-         // anything under them changes.
-         Mem::storeShared(header_->kestor, kestor.value());
-      }
+      beforeFormat_();
+      // SYNC(kestor) store: readers that still have the old table mapped learn of the re-format before anything
+      // under them changes.
+      if (existing != 0) Mem::storeShared(header_->kestor, kestor.value());
       format(kestor);
       wrapper_.releaseTailAfter(size);
    }
@@ -240,11 +238,12 @@ template <class Ops> AttachResult SlotWriterTable<Ops>::attach(Parcel::KestorId 
 
 /// Takes the file over as it is. Rows survive only if the generation, the header, the type and (in a table of
 /// fixed size) the capacity are right; everything else is proved by the validator afterwards.
-template <class Ops> bool SlotWriterTable<Ops>::adopt(Parcel::KestorId kestor) {
+/// @param existing the file's length as it was found: a file that was cut short is damaged, although attach()
+/// has made it long enough by now
+template <class Ops> bool SlotWriterTable<Ops>::adopt(Parcel::KestorId kestor, u64 existing) {
    if (Mem::loadShared(header_->kestor) != kestor.value()) return false;
    std::string error;
-   if (!header_->validate(debugHandler_, wrapper_.fileSize(), kestor, Table::headerSize, Table::slotSize,
-                          error))
+   if (!header_->validate(debugHandler_, existing, kestor, Table::headerSize, Table::slotSize, error))
       return false;
    if (std::string const mismatch = Table::typeMismatch(*header_); !mismatch.empty()) {
       LOMI_TRACE(debugHandler_, 1, "SlotWriterTable", "{} {}", wrapper_.getFilename(), mismatch);
@@ -253,7 +252,6 @@ template <class Ops> bool SlotWriterTable<Ops>::adopt(Parcel::KestorId kestor) {
    u32 const stored = Mem::loadPair(header_->numSlots).value;
    if (stored == 0 || (fixedSize_ && stored != minSlots_)) return false;
    u64 const size = bytesFor(stored);
-   u64 const fileSize = wrapper_.fileSize();
    char* base = wrapper_.resize(size);
    if (!base)
       throw Lomi::MemoryResourceException(fmt::format("failed to resize {} to size {} : {}",
@@ -261,12 +259,14 @@ template <class Ops> bool SlotWriterTable<Ops>::adopt(Parcel::KestorId kestor) {
    header_ = reinterpret_cast<Header*>(base);
    ops_.keyOps.hashSeed = Mem::loadShared(header_->hashSeed);
    refresh(stored);
-   if (fileSize > size) wrapper_.releaseTailAfter(size);
+   if (existing > size) wrapper_.releaseTailAfter(size);
    return true;
 }
 
 template <class Ops> void SlotWriterTable<Ops>::format(Parcel::KestorId kestor) {
-   u32 const seed = drawHashSeed();
+   // Never the old one: within one generation the seed alone tells readers of the old table that it is gone.
+   u32 seed = drawHashSeed();
+   while (seed == Mem::loadShared(header_->hashSeed)) seed = drawHashSeed();
    ops_.keyOps.hashSeed = seed;
    formatHeader(*header_, {minSlots_, maxSlots_, Table::constFlags, kestor, Ops::Value::typeName,
                            Table::valueSize, Table::slotSize, seed});

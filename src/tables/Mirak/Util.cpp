@@ -4,6 +4,8 @@
 
 #include "Lomi/Exception.h"
 #include "Mem/FileCalls.h"
+#include "Mirak/SlotTable.h"
+#include "MirakCore/BucketTable.h"
 
 #include <atomic>
 #include <cerrno>
@@ -54,6 +56,18 @@ void validateFile(Lomi::Platform::DebugHandler const& handler, std::string const
    if (failure.empty()) return;
    LOMI_TRACE(handler, 0, "Util", "{}", failure);
    throw Lomi::CorruptionDetectedException(failure);
+}
+
+u32 storedKestor(Mem::NaoRootPath const& rootPath, char const* fileName) {
+   constexpr off_t offset = offsetof(SlotTableHeader, kestor);
+   static_assert(offset == offsetof(MirakCore::BucketTableHeader, kestor));
+   Mem::Descriptor const directory = rootPath.openDirectory();
+   if (!directory) return 0;
+   Mem::Descriptor const file(
+       openat(directory.get(), fileName, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+   u32 kestor = 0;
+   if (!file || pread(file.get(), &kestor, sizeof kestor, offset) != sizeof kestor) return 0;
+   return kestor;
 }
 
 bool runningOnPhysicalDut() {

@@ -10,6 +10,7 @@
 
 namespace Mirak::Util {
 
+using Mem::u32;
 using Mem::u64;
 
 inline constexpr char const* corruptionFileName = "corruption-detected";
@@ -24,6 +25,9 @@ void removeCorruptionFile(Mem::NaoRootPath const& rootPath);
 void removeFile(Mem::NaoRootPath const& rootPath, char const* fileName);
 /// @throws Lomi::CorruptionDetectedException unless the file is a regular one of at least `size` bytes
 void validateFile(Lomi::Platform::DebugHandler const& handler, std::string const& fileName, u64 size);
+
+/// The generation that stands in the slot or bucket file of that name, 0 if there is none to read.
+u32 storedKestor(Mem::NaoRootPath const& rootPath, char const* fileName);
 
 /// True on real hardware, false in a virtual machine.
 bool runningOnPhysicalDut();

@@ -15,10 +15,10 @@ using Mem::Mode;
 template <class Link>
 BucketWriter<Link>::BucketWriter(Lomi::Platform::DebugHandler const& handler,
                                  Mem::NaoRootPath const& rootPath, bool local,
-                                 std::function<void()> beforeReformat)
+                                 std::function<void()> beforeFormat)
    : debugHandler_(handler)
    , wrapper_(handler, rootPath, fileName, local)
-   , beforeReformat_(std::move(beforeReformat)) {}
+   , beforeFormat_(std::move(beforeFormat)) {}
 
 template <class Link> AttachResult BucketWriter<Link>::attach(Parcel::KestorId kestor) {
    detach();
@@ -29,19 +29,20 @@ template <class Link> AttachResult BucketWriter<Link>::attach(Parcel::KestorId k
       throw Lomi::InvalidInitializeException(fmt::format("cannot attach to shmem {} size:{}: {}",
                                                          wrapper_.getFilename(), size, wrapper_.lastError()));
    header_ = reinterpret_cast<BucketTableHeader*>(base);
-   if (existing != 0 && adopt(kestor)) return attachedExisting;
-   if (existing != 0) beforeReformat_();
+   if (existing != 0 && adopt(kestor, existing)) return attachedExisting;
+   beforeFormat_();
    format(kestor);
    // What lies behind the fresh table belongs to nobody any more.
    wrapper_.releaseTailAfter(size);
    return existing != 0 ? attachedReformatted : attachedNew;
 }
 
-/// Takes the file over as it is, if it is sound and of this generation.
-template <class Link> bool BucketWriter<Link>::adopt(Parcel::KestorId kestor) {
+/// Takes the file over as it is, if it is sound and of this generation. `existing` is its length as it was
+/// found.
+template <class Link> bool BucketWriter<Link>::adopt(Parcel::KestorId kestor, u64 existing) {
    if (Mem::loadShared(header_->kestor) != kestor.value()) return false;
    std::string error;
-   if (!header_->validate(debugHandler_, wrapper_.fileSize(), kestor, error)) return false;
+   if (!header_->validate(debugHandler_, existing, kestor, error)) return false;
    u32 const count = Mem::loadPair(header_->numBuckets).value;
    char* base = wrapper_.resize(bucketFileSize(count));
    if (!base)
@@ -49,6 +50,7 @@ template <class Link> bool BucketWriter<Link>::adopt(Parcel::KestorId kestor) {
                                                       wrapper_.getFilename(), bucketFileSize(count),
                                                       wrapper_.lastError()));
    follow(base, count);
+   if (u64 const size = bucketFileSize(count); existing > size) wrapper_.releaseTailAfter(size);
    return true;
 }
 

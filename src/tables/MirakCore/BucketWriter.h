@@ -26,9 +26,9 @@ public:
    static constexpr u32 initialBuckets = 256;
    static constexpr char const* fileName = "buckets";
 
-   /// @param beforeReformat called once before the first store that destroys an existing file's content
+   /// @param beforeFormat called before the file, found or new, is formatted
    BucketWriter(Lomi::Platform::DebugHandler const& handler, Mem::NaoRootPath const& rootPath, bool local,
-                std::function<void()> beforeReformat);
+                std::function<void()> beforeFormat);
 
    /// Maps the file, creating it if need be; keeps it if it is sound and of this generation, else formats it.
    /// @throws Lomi::InvalidInitializeException, Lomi::MemoryResourceException
@@ -67,7 +67,7 @@ public:
    u64 remaps() const { return remaps_; }
 
 private:
-   bool adopt(Parcel::KestorId kestor);
+   bool adopt(Parcel::KestorId kestor, u64 existing);
    void format(Parcel::KestorId kestor);
    void follow(char* base, u32 numBuckets);
    [[noreturn, gnu::cold]] void outOfRange(u32 index) const;
@@ -75,7 +75,7 @@ private:
 
    Lomi::Platform::DebugHandler const& debugHandler_;
    Mem::ParcelWrapper wrapper_;
-   std::function<void()> beforeReformat_;
+   std::function<void()> beforeFormat_;
    BucketTableHeader* header_ = nullptr;
    u32 bucketFactor_ = 0; ///< log2 of numBuckets_
    u32 numBuckets_ = 0;   ///< the count that the writer works with; ahead of the header's during a grow

@@ -61,9 +61,9 @@ public:
 
    WriterHashMap(Lomi::Platform::DebugHandler const& handler, Mem::NaoRootPath const& rootPath, bool local,
                  Ops const& ops, SlotWriterTable& slots, Mem::VersionAnchor& anchor,
-                 Mirak::Writer::Counters& counters, std::function<void()> beforeReformat)
+                 Mirak::Writer::Counters& counters, std::function<void()> beforeFormat)
       : debugHandler_(handler)
-      , buckets_(handler, rootPath, local, std::move(beforeReformat))
+      , buckets_(handler, rootPath, local, std::move(beforeFormat))
       , ops_(ops)
       , slots_(slots)
       , anchor_(anchor)

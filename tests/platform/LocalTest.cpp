@@ -1,0 +1,72 @@
+// SPDX-License-Identifier: Apache-2.0
+// Private memory: contents across resizes, zeros in what is new, and no trace in the file system.
+#include "Lomi/Exception.h"
+#include "Mem/ParcelWrapper.h"
+#include "Scratch.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstring>
+
+using Mem::Local;
+
+class LocalKinds : public testing::TestWithParam<bool> {};
+INSTANTIATE_TEST_SUITE_P(Kinds, LocalKinds, testing::Values(false, true));
+
+TEST_P(LocalKinds, KeepsContentsAndAddsZeros) {
+   Local memory(handler());
+   memory.useHeapIs(GetParam());
+   EXPECT_EQ(memory.kind(), GetParam() ? Local::HEAP : Local::ANONYMOUS);
+   ASSERT_NE(memory.attach(100), nullptr);
+   std::memset(memory.base(), 'a', 100);
+   for (Mem::u64 size : {200u, 50u, 5000u, 60u, 100000u}) {
+      auto const kept = std::min<Mem::u64>(memory.mappedSize(), size);
+      Mem::u64 filled = 0;
+      while (filled < kept && memory.base()[filled] == 'a') ++filled;
+      ASSERT_NE(memory.resize(size), nullptr);
+      EXPECT_EQ(memory.mappedSize(), size);
+      EXPECT_EQ(reinterpret_cast<std::uintptr_t>(memory.base()) % 64, 0u);
+      for (Mem::u64 i = 0; i < size; ++i)
+         ASSERT_EQ(memory.base()[i], i < filled ? 'a' : 0) << i << " of " << size;
+   }
+   EXPECT_EQ(memory.base()[49], 'a');
+   EXPECT_EQ(memory.base()[50], 0);
+}
+
+TEST_P(LocalKinds, RefusesBadSizesAndStaysAsItWas) {
+   Local memory(handler(), Local::LOCAL_DEFAULT_FLAGS, GetParam());
+   EXPECT_EQ(memory.attach(0), nullptr);
+   EXPECT_EQ(memory.attach(Local::maxMappingSize() + 1), nullptr);
+   EXPECT_EQ(memory.resize(10), nullptr) << "not attached";
+   char* const base = memory.attach(64);
+   base[63] = 'z';
+   EXPECT_EQ(memory.resize(0), nullptr);
+   EXPECT_EQ(memory.resize(Local::maxMappingSize() + 1), nullptr);
+   EXPECT_FALSE(memory.lastError().empty());
+   EXPECT_EQ(memory.base(), base);
+   EXPECT_EQ(memory.mappedSize(), 64u);
+   EXPECT_EQ(base[63], 'z');
+   EXPECT_THROW(Mem::multiplyOverflowCheck(Mem::u64{1} << 40, Mem::u64{1} << 40),
+                Lomi::MemoryResourceException);
+}
+
+TEST_P(LocalKinds, ALocalTableTouchesNoFile) {
+   Scratch const scratch;
+   Mem::ParcelWrapper wrapper(handler(), Mem::NaoRootPath(handler(), "//x", true), "slots", true);
+   wrapper.useHeapIs(GetParam());
+   EXPECT_EQ(wrapper.memSize(), 0u);
+   ASSERT_NE(wrapper.attach(4096, Mem::Mode::writer), nullptr);
+   EXPECT_EQ(wrapper.memSize(), 4096u);
+   wrapper.base()[4095] = 'q';
+   ASSERT_NE(wrapper.resize(1 << 20), nullptr);
+   EXPECT_EQ(wrapper.base()[4095], 'q');
+   EXPECT_TRUE(wrapper.reserve(2 << 20));
+   wrapper.releaseTailAfter(4096);
+   EXPECT_FALSE(wrapper.releasePending());
+   EXPECT_TRUE(wrapper.samePathFile());
+   EXPECT_TRUE(wrapper.remove());
+   wrapper.detach();
+   EXPECT_EQ(wrapper.memSize(), 0u);
+   EXPECT_TRUE(std::filesystem::is_empty(scratch.path()));
+}

@@ -1,0 +1,182 @@
+// SPDX-License-Identifier: Apache-2.0
+// Traces, assertions, arithmetic and time. What it can't see: where spdlog puts a line on stderr.
+#include "Lomi/Exception.h"
+#include "Lomi/HashMix.h"
+#include "Lomi/Util.h"
+#include "Mem/Atomics.h"
+#include "Scratch.h"
+#include "Wend/Local.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <fstream>
+#include <vector>
+
+using Lomi::Platform::DebugHandler;
+
+namespace {
+
+struct Line {
+   unsigned level;
+   std::string handler, where, text;
+};
+
+class Captured {
+public:
+   Captured() {
+      Lomi::Platform::traceSinkIs(
+          [this](unsigned level, std::string_view name, std::string_view where, std::string_view text) {
+             lines.push_back({level, std::string(name), std::string(where), std::string(text)});
+          });
+   }
+   ~Captured() { Lomi::Platform::traceSinkIs({}); }
+   std::vector<Line> lines;
+};
+
+} // namespace
+
+TEST(Trace, EvaluatesArgumentsOnlyIfTheLevelIsOn) {
+   Captured captured;
+   DebugHandler handle("a");
+   handle.maskIs(1u << 5);
+   int evaluated = 0;
+   for (unsigned level = 0; level < Lomi::Platform::traceLevels; ++level)
+      LOMI_TRACE(handle, level, "Class", "level {} count {}", level, ++evaluated);
+   EXPECT_EQ(evaluated, 1);
+   ASSERT_EQ(captured.lines.size(), 1u);
+   EXPECT_EQ(captured.lines[0].level, 5u);
+   EXPECT_EQ(captured.lines[0].handler, "a");
+   EXPECT_EQ(captured.lines[0].where, "Class::TestBody");
+   EXPECT_EQ(captured.lines[0].text, "level 5 count 1");
+}
+
+TEST(Trace, DefaultMaskReachesHandlersWithoutTheirOwn) {
+   auto const follows = Lomi::Platform::getDebugHandler("follows", true);
+   auto const own = Lomi::Platform::getDebugHandler("own", true);
+   EXPECT_TRUE(follows->traces(0));
+   EXPECT_FALSE(follows->traces(1));
+   own->maskIs(1u << 9);
+   Lomi::Platform::defaultMaskIs(1u << 3);
+   EXPECT_TRUE(follows->traces(3));
+   EXPECT_FALSE(follows->traces(0));
+   EXPECT_FALSE(own->traces(3));
+   EXPECT_TRUE(DebugHandler("new").traces(3));
+   Lomi::Platform::defaultMaskIs(1);
+   EXPECT_EQ(Lomi::Platform::getDebugHandler("follows", false), follows);
+   EXPECT_EQ(Lomi::Platform::getDebugHandler("unknown", false), nullptr);
+   EXPECT_NE(Lomi::Platform::getDebugHandler("MirakTemp", false), nullptr);
+}
+
+TEST(Trace, NeverThrows) {
+   Lomi::Platform::traceSinkIs([](auto...) { throw Lomi::RuntimeException("sink"); });
+   EXPECT_NO_THROW(LOMI_TRACE(handler(), 0, "Class", "text"));
+   Lomi::Platform::traceSinkIs({});
+}
+
+TEST(Trace, WithoutASinkGoesToStderr) {
+   testing::internal::CaptureStderr();
+   LOMI_TRACE(handler(), 0, "Class", "number {}", 17);
+   EXPECT_NE(testing::internal::GetCapturedStderr().find("0 test Class::TestBody: number 17\n"),
+             std::string::npos);
+}
+
+TEST(AssertDeathTest, SaysWhyOnStderrWhateverTheSink) {
+   GTEST_FLAG_SET(death_test_style, "threadsafe");
+   LOMI_ASSERT(true, handler(), "never {}", 1);
+   EXPECT_EXIT(
+       {
+          Lomi::Platform::traceSinkIs([](auto...) {});
+          LOMI_ASSERT(1 + 1 == 3, handler(), "Mirak reentrancy detected: {}", "name");
+       },
+       testing::KilledBySignal(SIGABRT), "Mirak reentrancy detected: name");
+}
+
+TEST(Exception, TextIsExact) {
+   try {
+      throw Lomi::MemoryResourceException("needed {} bytes, 100%");
+   } catch (Lomi::Exception const& error) {
+      EXPECT_STREQ(error.what(), "needed {} bytes, 100%");
+   }
+}
+
+TEST(Util, ReverseAgreesWithBitByBit) {
+   for (std::uint32_t word : {0u, 1u, 2u, 0x80000000u, 0x12345678u, 0xdeadbeefu, 0xffffffffu}) {
+      std::uint32_t expected = 0;
+      for (int bit = 0; bit < 32; ++bit)
+         if (word >> bit & 1u) expected |= 1u << (31 - bit);
+      EXPECT_EQ(Lomi::Util::reverse(word), expected);
+   }
+}
+
+TEST(Util, FileSizesAreWholePagesBelowTheLimit) {
+   using Lomi::Util::fileSizeHelper;
+   EXPECT_EQ(fileSizeHelper(0, 104, 688), 4096u);
+   EXPECT_EQ(fileSizeHelper(32, 104, 688), 4096u);
+   EXPECT_EQ(fileSizeHelper(33, 104, 688), 8192u);
+   // A header with a file of 4 GiB - 4096 bytes is refused at adoption, so no such file may be made.
+   EXPECT_EQ(fileSizeHelper((0xfffff000u - 4096u) / 8, 8, 0), 0xffffe000u);
+   EXPECT_THROW(fileSizeHelper((0xfffff000u - 4096u) / 8 + 1, 8, 0), Lomi::RuntimeException);
+   EXPECT_THROW(fileSizeHelper(0xffffffffu, 0xffffffffu, 0xffffffffu), Lomi::RuntimeException);
+}
+
+TEST(Util, ChecksumIsFixed) {
+   // Published vectors of this mix; a change would orphan every file.
+   auto const of = [](std::string const& text) {
+      Lomi::Impl::HashMix<unsigned int> hash(0x811c9dc5);
+      hash.mix(text.data(), text.size());
+      return hash.value();
+   };
+   EXPECT_EQ(of(""), 0x811c9dc5u);
+   EXPECT_EQ(of("a"), 0xe40c292cu);
+   EXPECT_EQ(of("foobar"), 0xbf9cf968u);
+   Lomi::Impl::HashMix<unsigned int> pieces(0x811c9dc5);
+   pieces.mixFixedLen<4>("foob");
+   pieces.mixFixedLen<2>("ar");
+   EXPECT_EQ(pieces.value(), 0xbf9cf968u);
+}
+
+TEST(Util, HexAndCanary) {
+   unsigned char const bytes[] = {0x00, 0x0a, 0xff};
+   EXPECT_EQ(Lomi::dumpHex(bytes, 3), "000aff");
+   for (int i = 0; i < 70; ++i) Lomi::Util::emitCanaryLog(fmt::format("line {}", i));
+   auto const lines = Lomi::Util::canaryLog();
+   ASSERT_EQ(lines.size(), 64u);
+   EXPECT_EQ(lines.front(), "line 6");
+   EXPECT_EQ(lines.back(), "line 69");
+}
+
+TEST(Util, TimeStampRateMatchesTheClock) {
+   double const rate = Lomi::Rdtsc::calibrationRate();
+   double const from = Lomi::time();
+   auto const ticks = Lomi::Rdtsc::now();
+   while (Lomi::time() < from + 0.05) {
+   }
+   double const measured = static_cast<double>(Lomi::Rdtsc::now() - ticks) / (Lomi::time() - from);
+   EXPECT_NEAR(measured / rate, 1.0, 0.05);
+   EXPECT_EQ(Lomi::Rdtsc::calibrationRate(), rate);
+   EXPECT_TRUE(Mem::Atomics::checkCpuSupport());
+}
+
+TEST(Util, CoreFilesTakeSharedMemory) {
+   EXPECT_EQ(Child([] {
+                if (!Lomi::Util::includeShmemInCore()) return 1;
+                unsigned long filter = 0;
+                std::ifstream("/proc/self/coredump_filter") >> std::hex >> filter;
+                return (filter & 0xa) == 0xa ? 0 : 2;
+             }).wait(),
+             0);
+}
+
+TEST(WendLocal, GrowsWithClearFlags) {
+   Wend::Local<bool> flags(handler(), 3);
+   flags[2] = true;
+   flags.grow(5000);
+   EXPECT_EQ(flags.size(), 5000u);
+   for (std::size_t i = 0; i < flags.size(); ++i) EXPECT_EQ(flags[i], i == 2);
+   flags.grow(10);
+   EXPECT_EQ(flags.size(), 5000u);
+   if (!sanitized) {
+      EXPECT_THROW(flags.grow(std::size_t{1} << 62), Lomi::MemoryResourceException);
+   }
+}
