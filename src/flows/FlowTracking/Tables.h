@@ -18,12 +18,12 @@
 #include "ZebMirak/ZebMirakMapValueWrapper.h"
 
 namespace Tessel {
-struct BasicSlot;
-template <class Slot, class Position> class TesselWriter;
+struct HOFLOW_EXPORT BasicSlot;
+template <class Slot, class Position> class HOFLOW_EXPORT TesselWriter;
 } // namespace Tessel
 
 namespace Mirak {
-struct TesselPos;
+struct HOFLOW_EXPORT TesselPos;
 }
 
 namespace FlowTracking {

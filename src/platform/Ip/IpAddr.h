@@ -4,7 +4,7 @@
 // is numeric order.
 #pragma once
 
-#include "Zeb/Export.h"
+#include "Lomi/Export.h"
 #include "Zeb/String.h"
 
 #include <array>
