@@ -160,8 +160,8 @@ template <class Ops> struct SlotTable {
 };
 
 /// The non-generic part of SlotTable::typeMismatch.
-std::string typeMismatch(SlotTableHeader const& copy, std::string_view valueType, u32 valueSize, u32 slotSize,
-                         u16 constFlags);
+HOFLOW_EXPORT std::string typeMismatch(SlotTableHeader const& copy, std::string_view valueType, u32 valueSize,
+                                       u32 slotSize, u16 constFlags);
 
 template <class Ops> std::string SlotTable<Ops>::typeMismatch(Header const& copy) {
    return Mirak::typeMismatch(copy, Value::typeName, valueSize, slotSize, constFlags);
