@@ -114,6 +114,8 @@ private:
    }
    template <class Operation, class Between> auto retried(Operation&& operation, Between&& between) const;
    bool settled() const;
+   static bool overlaps(Key const* key, void const* buffer);
+   Value const* lookupApart(Key const& key, bool& found, void* buffer) const;
    [[gnu::cold, gnu::noinline]] bool follow() const;
    [[gnu::cold, gnu::noinline]] bool followAfterThrow() const;
    [[gnu::cold, gnu::noinline]] void retry() const;
@@ -174,13 +176,29 @@ template <class Ops> [[gnu::always_inline]] inline bool MirakReader<Ops>::settle
 template <class Ops>
 auto MirakReader<Ops>::lookup(Key const& key, bool& found, void* buffer) const -> Value const* {
    ++counters_.lookups;
-   Key const own = key; // it may lie in `buffer`
    if (auto const* header = slots_.header()) {
       // The words that are asked last; a busy writer keeps their lines in its own cache.
       Mem::prefetchShared(&header->numSlots);
       Mem::prefetchShared(buckets_.buckets().header());
    }
-   Value const* const value = retried([&] { return buckets_.lookup(own, found, buffer); });
+   if (overlaps(&key, buffer ? buffer : &buffer_)) [[unlikely]] {
+      Key const own = key; // the row is copied over it
+      return lookupApart(own, found, buffer);
+   }
+   return lookupApart(key, found, buffer);
+}
+
+/// Whether a key lies where a row is going to be copied to.
+template <class Ops> bool MirakReader<Ops>::overlaps(Key const* key, void const* buffer) {
+   auto const keyAt = reinterpret_cast<std::uintptr_t>(key);
+   auto const bufferAt = reinterpret_cast<std::uintptr_t>(buffer);
+   return keyAt < bufferAt + sizeof(Value) && bufferAt < keyAt + sizeof(Key);
+}
+
+template <class Ops>
+[[gnu::always_inline]] inline auto MirakReader<Ops>::lookupApart(Key const& key, bool& found,
+                                                                 void* buffer) const -> Value const* {
+   Value const* const value = retried([&] { return buckets_.lookup(key, found, buffer); });
    if (!found) {
       slots_.resetAnchor();
       if (buffer) std::memcpy(buffer, &Ops::typeDefault(), sizeof(Value));

@@ -32,7 +32,8 @@ template <class Owner> inline u32 ReaderHashMap<Owner>::successor(u32 bucket, u3
    return next;
 }
 
-template <class Owner> bool ReaderHashMap<Owner>::first(u32 bucket, Value& value, IterHint& hint) const {
+template <class Owner>
+[[gnu::flatten]] bool ReaderHashMap<Owner>::first(u32 bucket, Value& value, IterHint& hint) const {
    u32 const numBuckets = buckets_.numBuckets();
    if (numBuckets == 0) [[unlikely]] {
       LOMI_TRACE(debugHandler_, 5, "ReaderHashMap", "bucket table detached");
