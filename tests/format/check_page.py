@@ -47,5 +47,5 @@ for block, name in zip(re.findall(r"```\n(.*?)```", page, re.S), ("slots", "slot
 if lines < 25:
     problems.append(f"only {lines} lines of the page's example were found")
 
-print(*problems, sep="\n")
+print(*problems, sep="\n", end="\n" if problems else "")
 sys.exit(1 if problems else 0)
