@@ -1,0 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// The one instantiation of the table family for HoIp6FlowCounter rows. See Tables.h.
+#include "FlowTracking/Tables.h"
+
+template class Mirak::MirakReader<FlowTracking::HoIp6FlowCounterOps>;
+template class Mirak::MirakWriter<FlowTracking::HoIp6FlowCounterOps>;

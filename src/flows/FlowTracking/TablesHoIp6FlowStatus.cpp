@@ -1,0 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+// The one instantiation of the table family for HoIp6FlowStatus rows. See Tables.h.
+#include "FlowTracking/Tables.h"
+
+template class Mirak::MirakReader<FlowTracking::HoIp6FlowStatusOps>;

@@ -1,0 +1,54 @@
+// SPDX-License-Identifier: Apache-2.0
+// Statistics of one writer or reader object: plain records of this process, returned by value. No decision
+// reads them and no other process sees them.
+#pragma once
+
+#include "Mirak/SlotLink.h"
+
+namespace Mirak {
+
+namespace Writer {
+struct Counters {
+   u64 lookups = 0;
+   u64 slotsAllocated = 0;
+   u64 slotsFreed = 0;
+   u64 slotsMoved = 0;
+   u64 slotGrows = 0;
+   u64 slotShrinks = 0;
+   u64 bucketGrows = 0;
+   u64 bucketShrinks = 0;
+   u64 remaps = 0;       ///< resizes that moved a mapping's base
+   u64 nextSlowPath = 0; ///< steps of a walk that could not use their hint
+   u64 directWrites = 0;
+   u64 directUpdates = 0;
+   u64 directCommits = 0;
+   double lastBucketGrow = 0;      ///< seconds
+   double longestBucketGrow = 0;   ///< seconds
+   double lastBucketShrink = 0;    ///< seconds
+   double longestBucketShrink = 0; ///< seconds
+   u64 slotBytesMapped = 0;        ///< filled in by writerCounters()
+   u64 bucketBytesMapped = 0;      ///< filled in by writerCounters()
+};
+} // namespace Writer
+
+namespace Reader {
+struct BucketCounters {
+   u64 resizes = 0;
+   u64 remaps = 0;
+   u64 bytesMapped = 0; ///< filled in by readerCounters()
+};
+
+struct Counters {
+   u64 lookups = 0;
+   u64 lookasideReads = 0; ///< passes through a slot that found its value in `lookaside`
+   u64 retries = 0;        ///< restarts of a chain walk
+   u64 nextSlowPath = 0;   ///< steps of a walk that could not use their hint
+   u64 wrapperRetries = 0; ///< operations repeated because the table was resized meanwhile
+   u64 slotResizes = 0;
+   u64 remaps = 0;
+   BucketCounters buckets;
+   u64 slotBytesMapped = 0; ///< filled in by readerCounters()
+};
+} // namespace Reader
+
+} // namespace Mirak

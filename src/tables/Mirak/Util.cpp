@@ -1,0 +1,82 @@
+// SPDX-License-Identifier: Apache-2.0
+// Helpers around a table's directory. See Util.h.
+#include "Mirak/Util.h"
+
+#include "Lomi/Exception.h"
+#include "Mem/FileCalls.h"
+#include "Mirak/SlotTable.h"
+#include "MirakCore/BucketTable.h"
+
+#include <atomic>
+#include <cerrno>
+#include <cpuid.h>
+#include <cstring>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace Mirak::Util {
+
+namespace {
+std::atomic<bool> strict{false};
+}
+
+void writeCorruptionFile(Lomi::Platform::DebugHandler const& handler, std::string const& directory,
+                         std::string const& error) {
+   std::string const path = directory + "/" + corruptionFileName;
+   int const fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644);
+   if (fd < 0) return;
+   std::string const text = error + "\n";
+   // A marker that is cut short still marks; there is nobody to tell.
+   if (write(fd, text.data(), text.size()) < 0)
+      LOMI_TRACE(handler, 3, "Util", "cannot write {}: {}", path, std::strerror(errno));
+   close(fd);
+}
+
+void removeFile(Mem::NaoRootPath const& rootPath, char const* fileName) {
+   Mem::Descriptor const directory = rootPath.openDirectory();
+   if (!directory) return;
+   std::string const path = rootPath.str() + "/" + fileName;
+   if (auto const outcome = Mem::FileCalls::unlink(directory.get(), fileName, path); !outcome)
+      throw Lomi::RuntimeException(fmt::format("cannot remove {}: {}", path, outcome.text()));
+}
+
+void removeCorruptionFile(Mem::NaoRootPath const& rootPath) { removeFile(rootPath, corruptionFileName); }
+
+void validateFile(Lomi::Platform::DebugHandler const& handler, std::string const& fileName, u64 size) {
+   struct stat status;
+   std::string failure;
+   if (lstat(fileName.c_str(), &status) != 0)
+      failure = fmt::format("cannot stat {}: {}", fileName, std::strerror(errno));
+   else if (!S_ISREG(status.st_mode))
+      failure = fmt::format("{} is not a regular file", fileName);
+   else if (static_cast<u64>(status.st_size) < size)
+      failure = fmt::format("{} has {} bytes, wanted at least {}", fileName, status.st_size, size);
+   if (failure.empty()) return;
+   LOMI_TRACE(handler, 0, "Util", "{}", failure);
+   throw Lomi::CorruptionDetectedException(failure);
+}
+
+u32 storedKestor(Mem::NaoRootPath const& rootPath, char const* fileName) {
+   constexpr off_t offset = offsetof(SlotTableHeader, kestor);
+   static_assert(offset == offsetof(MirakCore::BucketTableHeader, kestor));
+   Mem::Descriptor const directory = rootPath.openDirectory();
+   if (!directory) return 0;
+   Mem::Descriptor const file(
+       openat(directory.get(), fileName, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+   u32 kestor = 0;
+   if (!file || pread(file.get(), &kestor, sizeof kestor, offset) != sizeof kestor) return 0;
+   return kestor;
+}
+
+bool runningOnPhysicalDut() {
+   unsigned a, b, c, d;
+   constexpr unsigned hypervisorPresent = 1u << 31;
+   return __get_cpuid(1, &a, &b, &c, &d) && !(c & hypervisorPresent);
+}
+
+bool strictValidation() { return strict; }
+void strictValidationIs(bool on) { strict = on; }
+
+} // namespace Mirak::Util

@@ -1,0 +1,438 @@
+// SPDX-License-Identifier: Apache-2.0
+// The writer's view of the index: finds a key's place, walks the table, doubles and halves the bucket table
+// while readers go on reading. BucketTable.h explains the order; slots come from SlotWriterTable, entries
+// from BucketWriter. One thread.
+//
+// Invariants, between operations:
+//   I1  the rows form one list, strictly ascending by (rhash, key); bucket b's chain is the stretch of it
+//   whose
+//       hashes end in b's bits, and ends in a link that names the next bucket of the walk
+//   I2  every row of a chain is OCCUPIED and hashes to that chain's bucket
+// Any breach that a step meets is thrown as Lomi::CorruptionDetectedException; nothing is repaired here, and
+// no loop trusts the links for its end: each counts against the capacity.
+//
+// Growing from n to 2n, and what a crash leaves (numBuckets is the commit point):
+//   pass 1   entry b + n := the link that leads to the first row of chain b which hashes to b + n. Invisible:
+//   the
+//            table is simply the old one.
+//   publish  numBuckets := 2n. Uncut chains still end in their old successor, which no chain of 2n may: the
+//   walk of
+//            the next start fails on it.
+//   pass 2   the link before that row := end of chain, next bucket b + n. Readers of either count find every
+//   row
+//            throughout: by the old entry until the cut, and after it they see an end that the new count
+//            explains.
+// Shrinking mirrors it: chains are joined first, then the count falls, then the file.
+#pragma once
+
+#include "Lomi/Exception.h"
+#include "Lomi/TaskSchedulerRoot.h"
+#include "Lomi/Util.h"
+#include "Mem/VersionAnchor.h"
+#include "Mirak/Counters.h"
+#include "Mirak/IterHint.h"
+#include "Mirak/KeyText.h"
+#include "Mirak/SlotWriter.h"
+#include "MirakCore/BucketWriter.h"
+
+#include <memory>
+#include <new>
+#include <tuple>
+
+namespace Mirak {
+template <class Ops> class MirakWriter;
+template <class Ops, class Writer> class Validator;
+} // namespace Mirak
+
+namespace MirakCore {
+
+using Mirak::endsChain;
+using Mirak::IterHint;
+using Mirak::nextBucketOf;
+using Mirak::noSlot;
+namespace SlotFlags = Mirak::SlotFlags;
+
+template <class Ops> class WriterHashMap {
+public:
+   using Key = typename Ops::Key;
+   using Value = typename Ops::Value;
+   using SlotWriterTable = Mirak::SlotWriterTable<Ops>;
+   using Slot = typename SlotWriterTable::Slot;
+   using Validator = Mirak::Validator<Ops, Mirak::MirakWriter<Ops>>;
+
+   WriterHashMap(Lomi::Platform::DebugHandler const& handler, Mem::NaoRootPath const& rootPath, bool local,
+                 Ops const& ops, SlotWriterTable& slots, Mem::VersionAnchor& anchor,
+                 Mirak::Writer::Counters& counters, std::function<void()> beforeFormat)
+      : debugHandler_(handler)
+      , buckets_(handler, rootPath, local, std::move(beforeFormat))
+      , ops_(ops)
+      , slots_(slots)
+      , anchor_(anchor)
+      , counters_(counters) {}
+
+   BucketWriter<SlotLink>& buckets() { return buckets_; }
+   BucketWriter<SlotLink> const& buckets() const { return buckets_; }
+   u32 growThreshold() const { return growThreshold_; }
+   u32 shrinkThreshold() const { return shrinkThreshold_; }
+   /// A full load is one row per bucket, an empty one a quarter.
+   void updateThresholds() {
+      growThreshold_ = buckets_.numBuckets();
+      shrinkThreshold_ = buckets_.numBuckets() / 4;
+   }
+   void validatorIs(Validator* validator) { validator_ = validator; }
+   u32 bucketOf(u32 hash) const { return hash & (buckets_.numBuckets() - 1); }
+
+   /// Finds a key's place in its chain; changes nothing.
+   /// @param prev the link that points at the entry, or after which the key belongs
+   /// @param curr the entry's link, or that of the entry that stopped the walk, or `*prev`
+   bool find(Key const& key, u32 bucket, SlotLink** prev, SlotLink** curr, u32 hash) {
+      return seek(key, bucket, prev, curr, hash, "corrupt key detected, slotId: {}");
+   }
+   /// The key's slot, or null.
+   Slot const* lookup(Key const& key, u32 bucket, u32 hash) const {
+      SlotLink *prev, *curr;
+      auto* self = const_cast<WriterHashMap*>(this);
+      return self->seek(key, bucket, &prev, &curr, hash, "corrupt key detected, slot: {}") ? slotOf(curr)
+                                                                                           : nullptr;
+   }
+
+   /// The first row at or after `bucket` in walk order.
+   bool first(u32 bucket, Value& value, IterHint& hint) const;
+   /// The row after `key`, by the hint if it still fits, else by a search for the key.
+   bool next(Key const& key, Value& value, IterHint& hint) const;
+   /// @throws Lomi::CorruptionDetectedException unless the walk goes from `bucket` to `next`
+   void verifyNextBucket(u32 bucket, u32 next) const;
+
+   /// Provides all that growBuckets() will need, before anything is changed.
+   /// @throws Lomi::MemoryResourceException
+   void reserveGrow();
+   /// Doubles the bucket table. Memory and space are there: reserveGrow() came first.
+   void growBuckets(bool criticalTaskCheck);
+   /// Halves the bucket table, down to 2.
+   void shrinkBuckets(bool criticalTaskCheck);
+
+private:
+   class Deadline;
+
+   [[gnu::always_inline]] inline bool seek(Key const& key, u32 bucket, SlotLink** prev, SlotLink** curr,
+                                           u32 hash, char const* corruptKey);
+
+   static Slot* slotOf(SlotLink* link) { return reinterpret_cast<Slot*>(link); }
+   static Key keyOf(Slot const& slot) { return Mirak::loadKey<Key>(slot.value); }
+   void take(Slot const& slot, Value& value) const {
+      anchor_ = slots_.anchorOf(slot);
+      Mem::loadShared(&value, slot.value, sizeof(Value));
+   }
+   void atEndOfTable(u32 bucket) const;
+   bool nextSlow(Key const& key, Value& value, IterHint& hint) const;
+   void checkRhash(u32 index, u32 rhash, u32 hash, bool slowPath) const;
+   void mark(u32 index) const;
+   SlotLink* cutPoint(u32 bucket, u32 bit, u32& visited);
+   SlotLink* lastLink(u32 bucket, u32& visited);
+   void checkVisited(u32 visited) const;
+
+   Lomi::Platform::DebugHandler const& debugHandler_;
+   u32 growThreshold_ = 0;
+   u32 shrinkThreshold_ = 0;
+   BucketWriter<SlotLink> buckets_;
+   Ops const& ops_;
+   SlotWriterTable& slots_;
+   Mem::VersionAnchor& anchor_;
+   Mirak::Writer::Counters& counters_;
+   Validator* validator_ =
+       nullptr; ///< only while a validation runs: the walk then checks and marks each slot
+   std::unique_ptr<SlotLink*[]> cuts_; ///< growBuckets: where each chain is cut; allocated before the insert
+   u32 cutsFor_ = 0;
+};
+
+template <class... Args> [[noreturn, gnu::cold]] void corrupt(char const* format, Args const&... args) {
+   throw Lomi::CorruptionDetectedException(fmt::format(fmt::runtime(format), args...));
+}
+
+/// Lets the process's critical tasks run every 10 ms inside a long operation, and times it.
+template <class Ops> class WriterHashMap<Ops>::Deadline {
+public:
+   explicit Deadline(bool enabled)
+      : enabled_(enabled)
+      , begin_(Lomi::time()) {
+      renew();
+   }
+   /// Called after each bucket: nothing bounds the chains of the next ones.
+   void check() {
+      if (!enabled_ || Lomi::Rdtsc::now() < at_) return;
+      Lomi::TaskSchedulerRoot::root().runCriticalPriorityTasks();
+      renew();
+   }
+   double elapsed() const { return Lomi::time() - begin_; }
+
+private:
+   void renew() {
+      if (enabled_) at_ = Lomi::Rdtsc::now() + static_cast<u64>(0.01 * Lomi::Rdtsc::calibrationRate());
+   }
+   bool const enabled_;
+   double const begin_;
+   u64 at_ = 0;
+};
+
+template <class Ops>
+bool WriterHashMap<Ops>::seek(Key const& key, u32 bucket, SlotLink** prev, SlotLink** curr, u32 hash,
+                              char const* corruptKey) {
+   *prev = *curr = &buckets_[bucket];
+   u32 const target = Lomi::Util::reverse(hash);
+   u32 const mask = buckets_.numBuckets() - 1;
+   u32 index = Mem::loadPair(**prev).next;
+   for (u32 count = 1; !endsChain(index); ++count) {
+      if (count > slots_.capacity()) [[unlikely]]
+         corrupt("hash chain cycle detected, slotCount:{} capacity:{}", count, slots_.capacity());
+      Slot& slot = slots_.slot(index);
+      *curr = &slot.link;
+      if (!(Mem::loadShared(slot.versionFlags) & SlotFlags::occupied)) [[unlikely]]
+         corrupt("slotId: {} not marked as occupied", index);
+      Key const found = keyOf(slot);
+      bool const same = found == key;
+      // The sought key itself hashes to where it is sought; any other is hashed again, to guard against
+      // damage.
+      if (!same && (ops_.hash(found) & mask) != bucket) [[unlikely]]
+         corrupt(corruptKey, index);
+      u32 const rhash = Mem::loadShared(slot.rhash);
+      if (target < rhash) return false;
+      if (target == rhash && !(found < key)) return !(key < found);
+      *prev = &slot.link;
+      index = Mem::loadPair(slot.link).next;
+   }
+   *curr = *prev;
+   return false;
+}
+
+template <class Ops> void WriterHashMap<Ops>::verifyNextBucket(u32 bucket, u32 next) const {
+   u32 const half = buckets_.numBuckets() / 2;
+   u32 const wanted = bucket < half
+                          ? bucket + half
+                          : bitReversePermute(bucket, buckets_.bucketFactor()) & (buckets_.numBuckets() - 1);
+   if (next != wanted) [[unlikely]]
+      corrupt("has bucket: {} with next bucket: {} and numBuckets: {}", bucket, next, buckets_.numBuckets());
+}
+
+/// The walk met the end of the table in `bucket`. Only the last bucket may say so.
+template <class Ops> void WriterHashMap<Ops>::atEndOfTable(u32 bucket) const {
+   if (bucket != buckets_.numBuckets() - 1) [[unlikely]]
+      corrupt(
+          "thinks we've reached the end of the table, but we're in bucket {} when there are numBuckets: {}",
+          bucket, buckets_.numBuckets());
+}
+
+template <class Ops>
+void WriterHashMap<Ops>::checkRhash(u32 index, u32 rhash, u32 hash, bool slowPath) const {
+   u32 const wanted = Lomi::Util::reverse(hash);
+   if (rhash == wanted) return;
+   if (slowPath)
+      corrupt("corrupt rhash detected, slotId: {} slot.rhash:{:08x} rhash:{:0x}", index, rhash, wanted);
+   corrupt("corrupt rhash detected, slotId: {} slot.rhash:{:08x} rhash:{:08x}", index, rhash, wanted);
+}
+
+template <class Ops> void WriterHashMap<Ops>::mark(u32 index) const {
+   if (validator_) validator_->markOccupied(index);
+}
+
+template <class Ops> bool WriterHashMap<Ops>::first(u32 bucket, Value& value, IterHint& hint) const {
+   u32 next = Mem::loadPair(buckets_[bucket]).next;
+   for (u32 count = 1; endsChain(next); ++count) {
+      if (next == noSlot) {
+         atEndOfTable(bucket);
+         LOMI_TRACE(debugHandler_, 8, "WriterHashMap", "{}", "none found!");
+         return false;
+      }
+      if (count >= buckets_.numBuckets()) [[unlikely]]
+         corrupt("has bucket cycle detected, bucketCount: {} numBuckets: {}", count, buckets_.numBuckets());
+      verifyNextBucket(bucket, nextBucketOf(next));
+      bucket = nextBucketOf(next);
+      next = Mem::loadPair(buckets_[bucket]).next;
+   }
+   Slot const& slot = slots_.slot(next);
+   u32 const word = Mem::loadShared(slot.versionFlags);
+   if (!(word & SlotFlags::occupied)) [[unlikely]]
+      corrupt("slotId: {} from bucket: {} not marked as occupied", next, bucket);
+   take(slot, value);
+   u32 const hash = ops_.hash(Ops::key(value));
+   if (bucketOf(hash) != bucket) [[unlikely]]
+      corrupt("corrupt key detected, slotId: {}", next);
+   if (validator_) checkRhash(next, Mem::loadShared(slot.rhash), hash, false);
+   mark(next);
+   hint = {word, next, bucket};
+   return true;
+}
+
+template <class Ops> bool WriterHashMap<Ops>::next(Key const& after, Value& value, IterHint& hint) const {
+   Key const key = after; // the caller's key may lie inside `value`
+   if (hint.slot >= slots_.capacity() || hint.bucket >= buckets_.numBuckets())
+      return nextSlow(key, value, hint);
+   Slot const& from = slots_.slot(hint.slot);
+   if (Mem::loadShared(from.versionFlags) != hint.version) return nextSlow(key, value, hint);
+   u32 const index = Mem::loadPair(from.link).next;
+   // Whatever the fast path finds wrong may be the hint's fault; the slow path then decides. Marking and the
+   // walk of the following buckets stay outside: what they throw is final.
+   bool toNextBucket = false;
+   try {
+      if (endsChain(index)) {
+         if (index == noSlot) {
+            atEndOfTable(hint.bucket);
+            LOMI_TRACE(debugHandler_, 9, "WriterHashMap", "{} failed", Mirak::keyText(key));
+            return false;
+         }
+         verifyNextBucket(hint.bucket, nextBucketOf(index));
+         toNextBucket = true;
+      } else {
+         Slot const& slot = slots_.slot(index);
+         u32 const word = Mem::loadShared(slot.versionFlags);
+         if (!(word & SlotFlags::occupied)) corrupt("slotId: {} not marked as occupied", index);
+         u32 const hash = ops_.hash(keyOf(slot));
+         if (bucketOf(hash) != hint.bucket) corrupt("corrupt key detected, slotId: {}", index);
+         if (validator_) checkRhash(index, Mem::loadShared(slot.rhash), hash, false);
+         take(slot, value);
+         hint.version = word;
+         hint.slot = index;
+      }
+   } catch (Lomi::CorruptionDetectedException const& e) {
+      LOMI_TRACE(debugHandler_, 5, "WriterHashMap",
+                 "saw exception in fast path: {}. This might be okay, dropping to slow path to find out",
+                 e.what());
+      return nextSlow(key, value, hint);
+   }
+   if (toNextBucket) return first(nextBucketOf(index), value, hint);
+   mark(index);
+   return true;
+}
+
+template <class Ops> bool WriterHashMap<Ops>::nextSlow(Key const& key, Value& value, IterHint& hint) const {
+   ++counters_.nextSlowPath;
+   u32 const target = ops_.hash(key);
+   u32 const bucket = bucketOf(target);
+   u32 const rtarget = Lomi::Util::reverse(target);
+   u32 index = Mem::loadPair(buckets_[bucket]).next;
+   for (u32 count = 1; !endsChain(index); ++count) {
+      if (count > slots_.capacity())
+         corrupt("hash chain cycle detected, slotCount:{} capacity:{}", count, slots_.capacity());
+      Slot const& slot = slots_.slot(index);
+      u32 const word = Mem::loadShared(slot.versionFlags);
+      Key const found = keyOf(slot);
+      if (!(word & SlotFlags::occupied))
+         corrupt("slow-path slot:{} not marked as occupied key:{} slotCount:{}", index,
+                 Lomi::Util::dumpHex(&found, sizeof found), count);
+      u32 const hash = ops_.hash(found);
+      if (bucketOf(hash) != bucket) corrupt("corrupt key detected, slotId: {}", index);
+      u32 const rhash = Mem::loadShared(slot.rhash);
+      if (rhash > rtarget || (rhash == rtarget && key < found)) {
+         if (validator_) checkRhash(index, rhash, hash, true);
+         mark(index);
+         take(slot, value);
+         hint = {word, index, bucket};
+         return true;
+      }
+      index = Mem::loadPair(slot.link).next;
+   }
+   if (index == noSlot) {
+      LOMI_TRACE(debugHandler_, 9, "WriterHashMap", "{} failed", Mirak::keyText(key));
+      return false;
+   }
+   verifyNextBucket(bucket, nextBucketOf(index));
+   return first(nextBucketOf(index), value, hint);
+}
+
+template <class Ops> void WriterHashMap<Ops>::checkVisited(u32 visited) const {
+   if (visited > slots_.capacity()) [[unlikely]]
+      corrupt("hash chain cycle detected, slotCount:{} capacity:{}", visited, slots_.capacity());
+}
+
+/// The link before the first row of `bucket` whose reversed hash has `bit`, or the chain's last link.
+template <class Ops> SlotLink* WriterHashMap<Ops>::cutPoint(u32 bucket, u32 bit, u32& visited) {
+   SlotLink* link = &buckets_.entries()[bucket];
+   for (u32 index = Mem::loadPair(*link).next; !endsChain(index); index = Mem::loadPair(*link).next) {
+      checkVisited(++visited);
+      Slot& slot = slots_.slot(index);
+      if (Mem::loadShared(slot.rhash) & bit) break;
+      link = &slot.link;
+   }
+   return link;
+}
+
+template <class Ops> SlotLink* WriterHashMap<Ops>::lastLink(u32 bucket, u32& visited) {
+   SlotLink* link = &buckets_.entries()[bucket];
+   for (u32 index = Mem::loadPair(*link).next; !endsChain(index); index = Mem::loadPair(*link).next) {
+      checkVisited(++visited);
+      link = &slots_.slot(index).link;
+   }
+   return link;
+}
+
+template <class Ops> void WriterHashMap<Ops>::reserveGrow() {
+   u32 const count = buckets_.numBuckets();
+   buckets_.reserve(count * 2);
+   if (cutsFor_ >= count) return;
+   cuts_.reset(new (std::nothrow) SlotLink*[count]);
+   cutsFor_ = cuts_ ? count : 0;
+   if (!cuts_)
+      throw Lomi::MemoryResourceException(fmt::format("no memory to grow {} from {} to {} buckets",
+                                                      buckets_.wrapper().getFilename(), count, count * 2));
+}
+
+template <class Ops> void WriterHashMap<Ops>::growBuckets(bool criticalTaskCheck) {
+   u32 const n = buckets_.numBuckets();
+   LOMI_TRACE(debugHandler_, 2, "WriterHashMap", "growing from: {} to: {}", n, n * 2);
+   Deadline deadline(criticalTaskCheck);
+   reserveGrow();
+   buckets_.resize(2 * n);
+   SlotLink* const entries = buckets_.entries();
+   // The rows that move to b + n are those with this bit of the reversed hash; they stand behind the others.
+   u32 const bit = 0x80000000u >> std::countr_zero(n);
+   u32 visited = 0;
+   for (u32 b = 0; b < n; ++b) {
+      // Heads are in sequence, the rows behind them anywhere: bring the next ones in while this one is
+      // walked.
+      constexpr u32 ahead = 12;
+      if (b + ahead < n) {
+         u32 const index = Mem::loadPair(entries[b + ahead]).next;
+         if (index < slots_.capacity()) Mem::prefetchShared(&slots_.slot(index));
+      }
+      cuts_[b] = cutPoint(b, bit, visited);
+      Mirak::publishLink(entries[b + n], Mem::loadPair(*cuts_[b]).next);
+      deadline.check();
+   }
+   // SYNC(num-buckets) store: the entries up to 2n are complete.
+   auto& count = buckets_.header().numBuckets;
+   Mem::publishPair(count, Mem::VersionedRef<u32>{Mem::loadPair(count).version + 1, 2 * n});
+   for (u32 b = 0; b < n; ++b) {
+      // SYNC(chain-link) store: cuts the chain in two; both parts keep their slots and their order.
+      Mirak::publishLink(*cuts_[b], chainEnd(b + n));
+      deadline.check();
+   }
+   counters_.lastBucketGrow = deadline.elapsed();
+   counters_.longestBucketGrow = std::max(counters_.longestBucketGrow, counters_.lastBucketGrow);
+   ++counters_.bucketGrows;
+   updateThresholds();
+}
+
+template <class Ops> void WriterHashMap<Ops>::shrinkBuckets(bool criticalTaskCheck) {
+   u32 const n = buckets_.numBuckets();
+   u32 const half = n / 2;
+   Deadline deadline(criticalTaskCheck);
+   u32 visited = 0;
+   for (u32 b = 0; b < half; ++b) {
+      SlotLink* const last = lastLink(b, visited);
+      // SYNC(chain-link) store: the upper chain is joined behind the lower one, and its end names the bucket
+      // that follows in the smaller table, too.
+      Mirak::publishLink(*last, Mem::loadPair(buckets_.entries()[b + half]).next);
+      deadline.check();
+   }
+   // SYNC(num-buckets) store: readers stop using the upper half before it goes.
+   auto& count = buckets_.header().numBuckets;
+   Mem::publishPair(count, Mem::VersionedRef<u32>{Mem::loadPair(count).version + 1, half});
+   buckets_.resize(half);
+   counters_.lastBucketShrink = deadline.elapsed();
+   counters_.longestBucketShrink = std::max(counters_.longestBucketShrink, counters_.lastBucketShrink);
+   ++counters_.bucketShrinks;
+   LOMI_TRACE(debugHandler_, 2, "WriterHashMap", "shrunk from:{} to:{} shrinkBuckets_:{} time:{}", n, half,
+              true, counters_.lastBucketShrink);
+   updateThresholds();
+}
+
+} // namespace MirakCore

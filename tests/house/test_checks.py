@@ -1,0 +1,114 @@
+#!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
+# Each rule of checks.py is shown a small tree that keeps it and one that breaks it: a check that can't fail is none.
+import subprocess
+import tempfile
+import unittest
+from pathlib import Path
+
+import checks
+
+SPDX = "// SPDX-License-Identifier: Apache-2.0\n"
+
+
+class Rules(unittest.TestCase):
+    def setUp(self):
+        self.place = tempfile.TemporaryDirectory()
+        self.tree = Path(self.place.name)
+        self.write("src/public-headers", "")
+        self.write("tests/house/allowed-orders", "")
+
+    def tearDown(self):
+        self.place.cleanup()
+
+    def write(self, name, text):
+        path = self.tree / name
+        path.parent.mkdir(parents=True, exist_ok=True)
+        path.write_text(text)
+
+    def assertBreaks(self, rule, *words):
+        found = rule(self.tree)
+        self.assertEqual(len(found), len(words), found)
+        for problem, word in zip(found, words):
+            self.assertIn(word, problem)
+
+    def test_floors(self):
+        self.write("src/platform/Mem/Map.h", "#include <vector>\n")
+        self.write("src/tables/Mirak/Table.h", '#include "Mem/Map.h"\n#include "Mirak/Other.h"\n')
+        self.write("src/flows/Flow/Key.h", '#include "Mirak/Table.h"\n')
+        self.write("src/public-headers", "Flow/Key.h # keys\n")
+        self.write("agents/a/a.cpp", '#include "Flow/Key.h"\n')
+        self.assertBreaks(checks.floors)
+        self.write("src/platform/Mem/Up.cpp", '#include "Mirak/Table.h"\n')
+        self.write("src/tables/Mirak/Up.cpp", '# include "Flow/Key.h"\n')
+        self.write("agents/a/a.cpp", '#include "Mirak/Table.h"\n')
+        self.write("src/public-headers", "Flow/Key.h\nFlow/Gone.h\n")
+        self.assertBreaks(checks.floors, "platform/Mem/Up.cpp", "tables/Mirak/Up.cpp", "Flow/Gone.h", "agents/a/a.cpp")
+
+    def test_shared_words(self):
+        self.write(checks.OWNER, "std::memory_order_acquire; volatile int x;\n")
+        self.write("src/tables/T.cpp", '// memory_order_relaxed, volatile\nlog("volatile");\nif (header->x == 1) f();\n')
+        self.assertBreaks(checks.shared_words)
+        self.write("src/tables/T.cpp", "x.load(std::memory_order_relaxed);\nstd::atomic_ref<int> r(x);\n"
+                   "std::memcpy(&v, &header->lookaside, 8);\nheader->freeSlots = 3;\nheader->runtimeFlags |= 1;\n")
+        self.assertBreaks(checks.shared_words, "memory_order_relaxed", "atomic_ref", "bytewise", "plain store", "plain store")
+        self.write("src/tables/T.cpp", "volatile int signalled;\n")
+        self.write("tests/house/allowed-orders", "src/tables/T.cpp volatile a signal handler sets it\n")
+        self.assertBreaks(checks.shared_words)
+        self.write("src/tables/T.cpp", "")
+        self.assertBreaks(checks.shared_words, "no longer has volatile")
+
+    def test_sync_labels(self):
+        both = "// SYNC(a) store: x\npublishPair(l, v);\n// SYNC(a) load: y\nauto w = loadPair(l);\n"
+        self.write("src/tables/T.cpp", "// the pair SYNC(a)\n" + both)
+        self.assertBreaks(checks.sync_labels)
+        self.write("src/tables/T.cpp", both + "// SYNC(b) store: z\nstoreShared(w, 1);\n")
+        self.assertBreaks(checks.sync_labels, "SYNC(b) has no load side")
+        self.write("src/tables/T.cpp", both + "// SYNC(a) load: nothing follows\n")
+        self.assertBreaks(checks.sync_labels, "stands above no load")
+        self.write("src/tables/T.cpp", "")
+        self.assertBreaks(checks.sync_labels, "no SYNC label")
+
+    def test_mentions(self):
+        self.write("docs/a.md", f"a Part of it, inspect, {checks.OWN_TEXT}: 2\n")
+        self.assertBreaks(checks.mentions)
+        for bad in ("see Part" + " 4.1", "the " + "spec says", "spec" + ".md", "a Spec" + "ification", "issue" + " 2"):
+            self.write("docs/a.md", f"first\n{bad}\n")
+            self.assertBreaks(checks.mentions, "docs/a.md:2")
+
+    def test_spdx(self):
+        self.write("src/a.h", SPDX + "// a\n")
+        self.write("run", "#!/bin/sh\n#" + SPDX[2:])
+        self.write("tests/data", "no source\n")
+        self.assertBreaks(checks.spdx)
+        self.write("src/a.h", "// a\n" + SPDX)
+        self.write("run", "#!/bin/sh\n")
+        self.write("CMakeLists.txt", "project(x)\n")
+        found = checks.spdx(self.tree)
+        self.assertEqual(len(found), 3, found)
+
+    def test_hot_functions(self):
+        def listing(*functions):
+            source = "\n".join(f"void {name}(int* p) {{ {body}; }}" for name, body in functions)
+            self.write("hot.cpp", source)
+            library = str(self.tree / "hot.so")
+            subprocess.run(["c++", "-O2", "-shared", "-fPIC", "-o", library, str(self.tree / "hot.cpp")], check=True)
+            return subprocess.run(["objdump", "-d", "-C", "--no-show-raw-insn", library], capture_output=True, text=True,
+                                  check=True).stdout
+
+        text = listing(("hot", "__atomic_store_n(p, 1, __ATOMIC_RELEASE)"), ("cold", "__atomic_fetch_add(p, 1, 5)"))
+        self.assertEqual(checks.locked_instructions(text, ["^hot\\("]), [])
+        self.assertEqual(len(checks.locked_instructions(text, ["^cold\\("])), 1)
+        self.assertEqual(checks.locked_instructions(text, ["^gone\\("]), ["no function matches ^gone\\("])
+        text = listing(("hot", "__atomic_store_n(p, 1, __ATOMIC_SEQ_CST)"), ("fenced", "__builtin_ia32_mfence()"))
+        self.assertIn("xchg", checks.locked_instructions(text, ["^hot\\("])[0])
+        self.assertIn("mfence", checks.locked_instructions(text, ["^fenced\\("])[0])
+
+    def test_count(self):
+        self.assertEqual(checks.too_few("Total Tests: 12\n", 12), [])
+        self.assertEqual(len(checks.too_few("Total Tests: 11\n", 12)), 1)
+        self.assertEqual(len(checks.too_few("nothing", 1)), 1)
+
+
+if __name__ == "__main__":
+    unittest.main()
