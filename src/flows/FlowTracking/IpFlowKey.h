@@ -40,7 +40,7 @@ using Ovie::VlanId;
 /// Direction of a flow through the switch. A byte in the table; other values than these may be met.
 enum class TrafficDirection : std::uint8_t { unspecified = 0, ingress = 1, egress = 2 };
 
-template <class Addr> class BasicIpFlowKey {
+template <class Addr> class HOFLOW_EXPORT BasicIpFlowKey {
 public:
    using Address = Addr;
    static constexpr bool isIp6 = sizeof(Addr) == 16;

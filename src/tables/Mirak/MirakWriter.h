@@ -69,6 +69,7 @@ public:
    std::string dumpHeaders() const;
 
    // --- rows (MirakWriterOperations.h) ---
+   // Without an open table reads find nothing, and a write or direct operation stops the process.
 
    /// Stores a row. No allocation, no system call, except where the table grows.
    /// @return the stored value in the slot, good until the next write or remove
@@ -110,8 +111,10 @@ public:
    Mem::CacheVersionAnchor getCacheVersionAnchor() const override { return {anchor_.word, anchor_.offset}; }
    void criticalTaskCheckIs(bool on) override { criticalTaskCheck_ = on; }
    bool criticalTaskCheck() const override { return criticalTaskCheck_; }
-   void scratchpadIs(u64 value) override { Mem::storeShared(slots_.header().scratchpad, value); }
-   u64 scratchpad() const override { return Mem::loadShared(slots_.header().scratchpad); }
+   void scratchpadIs(u64 value) override {
+      if (attached()) Mem::storeShared(slots_.header().scratchpad, value);
+   }
+   u64 scratchpad() const override { return attached() ? Mem::loadShared(slots_.header().scratchpad) : 0; }
    void handleQuiesced(bool quiesced) { quiesce_(quiesced); }
 
    // For the validator and for tests that look inside.
@@ -143,6 +146,7 @@ private:
    void releaseDue();
 
    void attach();
+   void release();
    bool attach(Parcel::KestorId kestor);
    bool attachAndValidate(bool reformat, Parcel::OwnerFile& ownerFile, Parcel::TunnetInfo const& tunnetInfo);
    void beforeFormat();

@@ -52,14 +52,15 @@ template <class Ops> bool MirakWriter<Ops>::initialize(std::string const&) {
    if (slots_.maxSlots() == 0)
       throw Lomi::InvalidInitializeException(fmt::format(
           "0 is not a valid initialization size for collection {} in writer mode", rootPath_.name()));
-   try {
-      attach();
-   } catch (...) {
-      slots_.detach();
-      map_.buckets().detach();
-      writerLock_.reset();
-      throw;
-   }
+   // No catch: where nobody handles the exception of a strict validation, nothing is unwound, and the core
+   // file shows the table.
+   struct Undo {
+      MirakWriter& writer;
+      ~Undo() {
+         if (!writer.initialized()) writer.release();
+      }
+   } const undo{*this};
+   attach();
    this->initializedIs(true);
    return true;
 }
@@ -187,6 +188,10 @@ template <class Ops>
 bool MirakWriter<Ops>::validate(Parcel::KestorId kestor, std::string& error, bool checkOwner) {
    refuseReentrancy();
    if (inDirectMode()) refuseUnbalanced("", "");
+   if (!attached()) {
+      error = fmt::format("no open table: {}", rootPath_.str());
+      return false;
+   }
    bool sound = false;
    {
       Validator<Ops, MirakWriter> validator(debugHandler_, *this);
@@ -212,8 +217,11 @@ bool MirakWriter<Ops>::validate(Parcel::KestorId kestor, std::string& error, boo
 }
 
 template <class Ops> bool MirakWriter<Ops>::validateFiles() {
+   if (localMem_) return true;
    map_.buckets().validateFile();
-   Util::validateFile(debugHandler_, slots_.wrapper().getFilename(), SlotTable<Ops>::headerSize);
+   u64 const mapped = slots_.wrapper().mappedSize();
+   Util::validateFile(debugHandler_, slots_.wrapper().getFilename(),
+                      mapped ? mapped : SlotTable<Ops>::headerSize);
    if constexpr (Ops::hasChangeQueue) tesselWriter_.validateFile();
    Parcel::KestorFile(debugHandler_, rootPath_, localMem_).validate(kestorId_);
    Parcel::OwnerFile(debugHandler_, rootPath_, localMem_).validateFile();
@@ -224,6 +232,7 @@ template <class Ops> bool MirakWriter<Ops>::validateFiles() {
 template <class Ops> void MirakWriter<Ops>::detach(bool) {
    LOMI_TRACE(debugHandler_, 5, "MirakWriter", "owner:{} localMem_:{} rootPath:{}", owner_, localMem_,
               rootPath_.str());
+   refuseReentrancy();
    if (directNew_) refuseUnbalanced("", "");
    directSlot_ = noSlot;
    if constexpr (Ops::hasChangeQueue) tesselWriter_.onDetach();
@@ -245,10 +254,14 @@ template <class Ops> void MirakWriter<Ops>::detach(bool) {
       }
       owner_ = false;
    }
+   release();
+   this->initializedIs(false);
+}
+
+template <class Ops> void MirakWriter<Ops>::release() {
    slots_.detach();
    map_.buckets().detach();
    if (anchor_.offset != Mem::anchorUnset) anchor_.offset = Mem::anchorGone;
-   this->initializedIs(false);
    writerLock_.reset(); // last: from here on another writer may claim the directory
 }
 
@@ -272,7 +285,7 @@ template <class Ops> void MirakWriter<Ops>::cleanup() {
    if constexpr (Ops::hasChangeQueue) tesselWriter_.cleanup();
    map_.buckets().cleanup();
    LOMI_TRACE(debugHandler_, 3, "MirakWriter", "removing file: {}", slots_.wrapper().getFilename());
-   slots_.wrapper().remove();
+   if (!slots_.wrapper().remove()) throw Lomi::RuntimeException(slots_.wrapper().lastError());
    Parcel::KestorFile(debugHandler_, rootPath_, localMem_).remove();
    Util::removeFile(rootPath_, Mem::Util::Clone::CONTROL_FILENAME);
    Util::removeFile(rootPath_, Parcel::OwnerFile::FILENAME);

@@ -125,6 +125,7 @@ public:
       SlotWriterTable* table_;
    };
    [[nodiscard]] CriticalSectionAnchor enterCriticalSection() {
+      LOMI_ASSERT(header_, debugHandler_, "no open table: {}", rootPath_.str());
       u16 const flags = Mem::loadShared(header_->runtimeFlags);
       LOMI_ASSERT(!(flags & Header::inCriticalSection), debugHandler_, "Mirak reentrancy detected: {}",
                   rootPath_.str());
@@ -217,8 +218,8 @@ template <class Ops> AttachResult SlotWriterTable<Ops>::attach(Parcel::KestorId 
                     "wanted capacity:{} for fixed-size table, but existing file has capacity:{}", minSlots_,
                     found);
       beforeFormat_();
-      // SYNC(kestor) store: readers that still have the old table mapped learn of the re-format before anything
-      // under them changes.
+      // SYNC(kestor) store: readers that still have the old table mapped learn of the re-format before
+      // anything under them changes.
       if (existing != 0) Mem::storeShared(header_->kestor, kestor.value());
       format(kestor);
       wrapper_.releaseTailAfter(size);
@@ -279,9 +280,10 @@ template <class Ops> void SlotWriterTable<Ops>::format(Parcel::KestorId kestor) 
    Mem::storeShared(header_->freeSlots, u32{0});
 }
 
-/// Gives slots start to end - 1 their first content and threads them on the empty free list, low indices first. The
-/// caller sets freeSlots; until then nobody reaches them, so the first link and its threading are one store. The word
-/// comes first: a reader of an older table that is still inside the slot sees OCCUPIED fall before the value changes.
+/// Gives slots start to end - 1 their first content and threads them on the empty free list, low indices
+/// first. The caller sets freeSlots; until then nobody reaches them, so the first link and its threading are
+/// one store. The word comes first: a reader of an older table that is still inside the slot sees OCCUPIED
+/// fall before the value changes.
 template <class Ops> void SlotWriterTable<Ops>::addFreeSlots(u32 start, u32 end) {
    LOMI_ASSERT(start < end, debugHandler_, "bad index range, start: {} end: {}", start, end);
    LOMI_ASSERT(Mem::loadShared(header_->freeSlots) == noSlot, debugHandler_, "{}", "free-list is not empty");
@@ -312,14 +314,14 @@ template <class Ops> bool SlotWriterTable<Ops>::grow() {
    Mem::publishPair(header_->numSlots,
                     Mem::VersionedRef<u32>{Mem::loadPair(header_->numSlots).version + 1, to});
    Mem::storeShared(header_->freeSlots, from);
-   LOMI_TRACE(debugHandler_, 2, "SlotWriterTable", "{} from {} slots to {}", rootPath_.name(), from, to);
+   LOMI_TRACE(debugHandler_, 2, "SlotWriterTable", "{} from {} slots to {}", rootPath_.str(), from, to);
    refresh(to);
    ++counters_.slotGrows;
    return true;
 }
 
 template <class Ops> void SlotWriterTable<Ops>::resize(u32 newNumSlots) {
-   LOMI_TRACE(debugHandler_, 5, "SlotWriterTable", "{} from {} to {} slots", rootPath_.name(), capacity_,
+   LOMI_TRACE(debugHandler_, 5, "SlotWriterTable", "{} from {} to {} slots", rootPath_.str(), capacity_,
               newNumSlots);
    u64 const size = bytesFor(newNumSlots);
    char* const old = base();
