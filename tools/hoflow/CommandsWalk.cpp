@@ -57,8 +57,8 @@ WalkEnd walkAndCheck(Table& table, Checked& seen) {
    } catch (Mirak::TableReformattedException const&) {
       end = WalkEnd::reformatted; // a lookup met it
    } catch (Lomi::CorruptionDetectedException const& e) {
-      throw Failure{Exit::corrupt, fmt::format("{}: damaged: a lookup of a row that the walk met: {}",
-                                               table.name(), e.what())};
+      throw Failure{Exit::corrupt,
+                    fmt::format("{}a lookup of a row that the walk met: {}", damagePrefix(table), e.what())};
    }
    seen.members = table.members();
    return end;
@@ -96,7 +96,7 @@ Verdict judge(Table& table) {
          end = walkAndCheck(table, verdict.seen);
       } catch (Failure const& failure) {
          if (failure.status != Exit::corrupt) throw;
-         damage = failure.text;
+         damage = failure.text.substr(damagePrefix(table).size());
       }
       if (end == WalkEnd::reformatted || end == WalkEnd::replaced) {
          if (attempt >= maxAttempts)

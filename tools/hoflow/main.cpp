@@ -161,7 +161,12 @@ private:
 
 int CommandLine::run(int argc, char** argv) {
    try {
-      app.parse(argc, argv);
+      // The arrow of a key as traces print it would be taken for an option. The parser wants the last word
+      // first.
+      std::vector<std::string> words;
+      for (int i = argc - 1; i > 0; --i)
+         if (argv[i] != std::string_view("->")) words.emplace_back(argv[i]);
+      app.parse(words);
    } catch (CLI::ParseError const& e) {
       return app.exit(e) == 0 ? 0 : static_cast<int>(Exit::usage);
    }
