@@ -168,8 +168,8 @@ TEST(Lifecycle, OnlyTheKestorFileIsLeft) {
    EXPECT_EQ(writer->kestorId(), kestor);
 }
 
-// Every process of a container may have the same number: the id that it makes must not be one that stands in the files,
-// or a table whose generation was taken back would be adopted.
+// Every process of a container may have the same number: the id that it makes must not be one that stands in
+// the files, or a table whose generation was taken back would be adopted.
 TEST(Lifecycle, NewIdsStandInNoFile) {
    auto writer = open<R>("ids", Mirak::MapDescriptor(10), quiet());
    auto const kestor = writer->kestorId();

@@ -48,7 +48,7 @@ public:
    void run(u64 steps) {
       for (u64 step = 0; step < steps; ++step) {
          // In waves, so that the table grows and shrinks as a whole, too.
-         growing_ = step / (2 * setup_.keys) % 2 == 0;
+         growing_ = step / (4 * setup_.keys) % 2 == 0;
          one();
          if (testing::Test::HasFatalFailure()) {
             ADD_FAILURE() << "step " << step;
@@ -269,8 +269,8 @@ protected:
    }
 };
 
-TEST_P(WriterModel, Small) { run<Small>(6000); }
-TEST_P(WriterModel, Wide) { run<Wide>(6000); }
+TEST_P(WriterModel, Small) { run<Small>(12000); }
+TEST_P(WriterModel, Wide) { run<Wide>(12000); }
 
 class WriterModelOfHugeRows : public WriterModel {};
 TEST_P(WriterModelOfHugeRows, FromOneSlotOn) { run<Huge>(800); }
