@@ -204,6 +204,9 @@ std::vector<Field> fields() {
        "owner file validation failed, dumping owner file string: ", O},
       {"owner file's type", {put32("owner", 40, 0)}, false,
        "owner file validation failed, dumping owner file string: ", O},
+       {"owner file, and the coming generation in the slot file",
+       {put32("owner", 40, 0), header(AT(kestor), word("slots", AT(kestor)) + 0x10000)}, false,
+       "re-formatted successfully", Open::reformatted, "bad kestor:"},
        // clang-format on
    };
 }

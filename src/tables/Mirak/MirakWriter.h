@@ -151,6 +151,7 @@ private:
    bool attachAndValidate(bool reformat, Parcel::OwnerFile& ownerFile, Parcel::TunnetInfo const& tunnetInfo);
    void beforeFormat();
    static Parcel::KestorId newKestorId();
+   bool standsInFiles() const;
 
    // Constant after construction.
    Ops ops_; ///< its hash seed is the open table's

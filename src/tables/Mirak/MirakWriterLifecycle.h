@@ -75,6 +75,13 @@ template <class Ops> Parcel::KestorId MirakWriter<Ops>::newKestorId() {
    }
 }
 
+/// Whether a file has the present id already, although it is meant to be a new one.
+template <class Ops> bool MirakWriter<Ops>::standsInFiles() const {
+   auto stands = [&](char const* file) { return Util::storedKestor(rootPath_, file) == kestorId_.value(); };
+   return !localMem_ &&
+          (stands(SlotTableType::fileName) || stands(MirakCore::BucketWriter<SlotLink>::fileName));
+}
+
 template <class Ops> void MirakWriter<Ops>::attach() {
    LOMI_TRACE(debugHandler_, 5, "MirakWriter", "localMem_:{} rootPath:{}", localMem_, rootPath_.str());
    if (!localMem_) rootPath_.makeDirectories();
@@ -88,14 +95,11 @@ template <class Ops> void MirakWriter<Ops>::attach() {
    } else {
       writerLock_.emplace(Mem::WriterLock::acquireWriterLock(debugHandler_, rootPath_, ownerFile, false));
       kestorId_ = kestorFile.read();
+      // A process with the number of the last one would make its id again (in a container each has the same),
+      // and adopt what a crash half way through a format left.
       if (kestorId_.value() == 0) {
-         // A process with the number of the last one would make its id again (in a container each has the
-         // same), and adopt what a crash half way through a format left.
-         auto stands = [&](char const* file) {
-            return Util::storedKestor(rootPath_, file) == kestorId_.value();
-         };
          do kestorId_ = newKestorId();
-         while (stands(SlotTableType::fileName) || stands(MirakCore::BucketWriter<SlotLink>::fileName));
+         while (standsInFiles());
       }
    }
    bool const ownerInvalid = !ownerFile.validate();
@@ -142,7 +146,8 @@ bool MirakWriter<Ops>::attachAndValidate(bool reformat, Parcel::OwnerFile& owner
       }
    } else {
       LOMI_TRACE(debugHandler_, 1, "MirakWriter", "all entries from {} will be lost", rootPath_.str());
-      kestorId_.bumpHigh();
+      do kestorId_.bumpHigh();
+      while (standsInFiles());
       attach(kestorId_); // the stored generation differs now, so every file formats itself
       if (!validate(kestorId_, error, false)) throw Lomi::InvalidInitializeException("failed validation");
    }
