@@ -264,11 +264,11 @@ TEST(Lifecycle, MarkerGoesAfterSuccess) {
 // A damaged owner record is neither made good nor in the way.
 TEST(Lifecycle, DamagedOwnerFileUnderALiveWriter) {
    fs::path const owner = testRoot() + "/owned/owner";
+   Traces traces;
    auto writer = open<R>("owned", Mirak::MapDescriptor(10));
    foreign(40)(owner);
    EXPECT_FALSE(writer->validate());
    EXPECT_THROW(writer->validateFiles(), Lomi::CorruptionDetectedException);
-   Traces traces;
    writer->detach(false);
    EXPECT_TRUE(traces.has(0, "ignoring owner file corruption:")) << traces.text();
    writer->detach(false); // twice is harmless
