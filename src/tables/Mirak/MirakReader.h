@@ -95,6 +95,9 @@ public:
    std::string dumpHeaders() const;
    /// A copy of the slot file's header, its counters perhaps of different moments. REQUIRES: initialized.
    SlotTableHeader headerCopy() const;
+   /// Whether an initialize() that meets damage leaves the marker "corruption-detected" beside the files, for
+   /// people and for other programs to see. True unless set; a program that only looks says false.
+   void corruptionMarkerIs(bool wanted) { corruptionMarker_ = wanted; }
    /// Called before each repeat of an operation.
    void betweenRetriesIs(std::function<void()> hook) { betweenRetries_ = std::move(hook); }
 
@@ -129,6 +132,7 @@ private:
    std::unique_ptr<Reader::Counters> ownCounters_;
    Reader::Counters& counters_;
    std::function<void()> betweenRetries_;
+   bool corruptionMarker_ = true;
 
    // Of the open table. Reading follows resizes, so it changes the mappings.
    Ops ops_; ///< its hash seed is the table's

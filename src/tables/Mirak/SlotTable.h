@@ -33,12 +33,12 @@ inline constexpr u32 lookaside =
 
 namespace Compatibility {
 enum class Platform : u32 { x86 = 1 };
-std::string platformType(u32 platform);
+HOFLOW_EXPORT std::string platformType(u32 platform);
 } // namespace Compatibility
 
 /// The part of the slot file's header that is the same for all types: bytes 0 to 583, before `lookaside`.
 /// In a mapped file every field is read and stored through Mem/SharedWords.h; a private copy is plain data.
-struct SlotTableHeader {
+struct HOFLOW_EXPORT SlotTableHeader {
    static constexpr u64 magicValue = 0x544c534b4152494d; ///< "MIRAKSLT"
    static constexpr u32 formatVersion = 24;              ///< raise whenever any byte's meaning changes
    static constexpr u32 valueTypeBytes = 512;
@@ -160,8 +160,8 @@ template <class Ops> struct SlotTable {
 };
 
 /// The non-generic part of SlotTable::typeMismatch.
-std::string typeMismatch(SlotTableHeader const& copy, std::string_view valueType, u32 valueSize, u32 slotSize,
-                         u16 constFlags);
+HOFLOW_EXPORT std::string typeMismatch(SlotTableHeader const& copy, std::string_view valueType, u32 valueSize,
+                                       u32 slotSize, u16 constFlags);
 
 template <class Ops> std::string SlotTable<Ops>::typeMismatch(Header const& copy) {
    return Mirak::typeMismatch(copy, Value::typeName, valueSize, slotSize, constFlags);
