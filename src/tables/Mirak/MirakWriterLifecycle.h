@@ -3,13 +3,12 @@
 // let readers in, let go. Included by MirakWriter.h only.
 //
 // What a crash leaves, by the order of the steps in attach():
-//   - the kestor file is written last, and taken away before the first store that destroys a published table.
-//   So
-//     "a kestor file whose id stands in both table files" means: this table was complete, and only its
-//     operations since (the critical section bit, the walks) decide whether it is adopted;
+//   - the kestor file is written last, and taken away before anything is formatted. So "a kestor file whose
+//     id stands in both table files" means: this table was complete, and only its operations since (the
+//     critical section bit, the walks) decide whether it is adopted;
 //   - a crash anywhere in a re-format leaves no kestor file; the next start makes a new id, which matches
-//   neither
-//     file, and formats all anew. A half-formatted or emptied table is never taken for the published one.
+//     neither file, and formats all anew. A half-formatted or emptied table is never taken for the published
+//     one.
 #pragma once
 
 #include "Mem/Atomics.h"
