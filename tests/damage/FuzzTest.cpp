@@ -35,7 +35,12 @@ std::string strike(std::mt19937_64& random) {
       if (Seen const seen = read(*later, soundContent(), bed.spoiled); seen.wrong)
          return "later reader: " + seen.text();
    Traces traces;
-   std::string const wrong = bed.restart(traces);
+   std::string wrong;
+   try {
+      wrong = bed.restart(traces);
+   } catch (std::exception const& e) {
+      wrong = e.what();
+   }
    return wrong.empty() ? wrong : "writer: " + wrong + "\n" + traces.text();
 }
 

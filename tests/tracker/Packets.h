@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <fstream>
 #include <initializer_list>
+#include <stdexcept>
 #include <string>
 #include <unistd.h>
 #include <vector>
@@ -90,9 +91,9 @@ public:
 /// A folder that vanishes.
 class Folder {
 public:
-   Folder() {
-      char name[] = "/tmp/hoflow-test-XXXXXX";
-      path_ = mkdtemp(name);
+   explicit Folder(std::string const& parent = "/tmp")
+      : path_(parent + "/hoflow-test-XXXXXX") {
+      if (!mkdtemp(path_.data())) throw std::runtime_error("no folder could be made in " + parent);
    }
    ~Folder() {
       std::error_code ignored;

@@ -38,6 +38,7 @@ inline std::string const& testRoot() {
 class Traces {
 public:
    Traces() {
+      ++live;
       Lomi::Platform::traceSinkIs(
           [this](unsigned level, std::string_view, std::string_view, std::string_view text) {
              lines_.push_back(fmt::format("{}: {}", level, text));

@@ -168,8 +168,8 @@ TEST(Lifecycle, OnlyTheKestorFileIsLeft) {
    EXPECT_EQ(writer->kestorId(), kestor);
 }
 
-// Every process of a container may have the same number: the id that it makes must not be one that stands in the files,
-// or a table whose generation was taken back would be adopted.
+// Every process of a container may have the same number: the id that it makes must not be one that stands in
+// the files, or a table whose generation was taken back would be adopted.
 TEST(Lifecycle, NewIdsStandInNoFile) {
    auto writer = open<R>("ids", Mirak::MapDescriptor(10), quiet());
    auto const kestor = writer->kestorId();
@@ -264,11 +264,11 @@ TEST(Lifecycle, MarkerGoesAfterSuccess) {
 // A damaged owner record is neither made good nor in the way.
 TEST(Lifecycle, DamagedOwnerFileUnderALiveWriter) {
    fs::path const owner = testRoot() + "/owned/owner";
+   Traces traces;
    auto writer = open<R>("owned", Mirak::MapDescriptor(10));
    foreign(40)(owner);
    EXPECT_FALSE(writer->validate());
    EXPECT_THROW(writer->validateFiles(), Lomi::CorruptionDetectedException);
-   Traces traces;
    writer->detach(false);
    EXPECT_TRUE(traces.has(0, "ignoring owner file corruption:")) << traces.text();
    writer->detach(false); // twice is harmless

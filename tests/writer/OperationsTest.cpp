@@ -284,6 +284,9 @@ protected:
          GTEST_SKIP() << "no right to mount a small file system";
       mounted_ = true;
    }
+   void largerIs(char const* size) {
+      ASSERT_EQ(mount("tmpfs", directory().c_str(), "tmpfs", MS_REMOUNT, size), 0);
+   }
    void TearDown() override {
       if (mounted_) umount2(directory().c_str(), MNT_DETACH);
    }
@@ -317,27 +320,34 @@ protected:
       EXPECT_EQ(writer->kestorId().high, kestor.high + 1);
    }
 
+   template <class Row> void fillUntilRefused(u32 atCapacity) {
+      auto writer = open<Row>("small/table", Mirak::MapDescriptor(1000));
+      Content content;
+      std::string text;
+      for (u32 i = 0; text.empty(); ++i) try {
+            writer->write(Row::make({i, i}, i + 1), true);
+            content[{i, i}] = i + 1;
+         } catch (Lomi::MemoryResourceException const& e) {
+            text = e.what();
+         }
+      EXPECT_EQ(writer->capacity(), atCapacity);
+      EXPECT_EQ(content.size(), atCapacity);
+      EXPECT_TRUE(text.starts_with(fmt::format("failed to resize {}/slots from {} to {} slots, needed ",
+                                               writer->rootPath().str(), atCapacity, 2 * atCapacity)))
+          << text;
+      refusedAndThenFormatted<Row>(std::move(writer), content);
+   }
+
 private:
    bool mounted_ = false;
 };
 
-TEST_F(FullFileSystem, SlotsCantGrow) {
-   auto writer = open<Wide>("small/table", Mirak::MapDescriptor(1000));
-   Content content;
-   std::string text;
-   for (u32 i = 0; text.empty(); ++i) try {
-         u32 const generation = i + 1;
-         writer->write(Wide::make({i, i}, generation), true);
-         content[{i, i}] = generation;
-      } catch (Lomi::MemoryResourceException const& e) {
-         text = e.what();
-      }
-   u32 const capacity = writer->capacity();
-   EXPECT_EQ(capacity, content.size());
-   EXPECT_TRUE(text.starts_with(fmt::format("failed to resize {}/slots from {} to {} slots, needed ",
-                                            writer->rootPath().str(), capacity, 2 * capacity)))
-       << text;
-   refusedAndThenFormatted<Wide>(std::move(writer), content);
+TEST_F(FullFileSystem, SlotsCantGrow) { fillUntilRefused<Wide>(256); }
+
+// A growth that is prepared in pieces says nothing when they find no room; the growth itself does.
+TEST_F(FullFileSystem, PreparedSlotsCantGrow) {
+   largerIs("size=2m");
+   fillUntilRefused<Row<1201>>(256);
 }
 
 TEST_F(FullFileSystem, BucketsCantGrow) {

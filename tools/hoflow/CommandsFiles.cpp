@@ -4,14 +4,11 @@
 #include "Cell.h"
 #include "Commands.h"
 #include "Files.h"
+#include "Json.h"
 #include "Names.h"
 #include "Table.h"
 
-#include <nlohmann/json.hpp>
-
 namespace Tool {
-
-using nlohmann::ordered_json;
 
 namespace {
 
@@ -129,7 +126,7 @@ void showJson(Common const& common, Inspection const& t) {
                  {"buckets", fileJson(t.buckets)},
                  {"kestor", fileJson(t.kestor)},
                  {"owner", fileJson(t.owner)}};
-   common.out.line(j.dump());
+   common.out.line(jsonLine(j));
 }
 
 void showText(Common const& common, Inspection const& t) {
@@ -196,7 +193,7 @@ Exit listTables(Common const& common, std::vector<std::string> const& patterns, 
       }
       Inspection const t = inspect(name);
       if (common.json) {
-         common.out.line(summary(t).dump());
+         common.out.line(jsonLine(summary(t)));
          continue;
       }
       bool const numbers = hasNumbers(t);
@@ -240,7 +237,7 @@ Exit showHeaders(Common const& common, std::vector<std::string> const& words) {
          ordered_json j{{"table", name}};
          j["slots"] = t.slotHeader ? headerJson(*t.slotHeader) : ordered_json();
          j["buckets"] = t.bucketHeader ? headerJson(*t.bucketHeader) : ordered_json();
-         common.out.line(j.dump());
+         common.out.line(jsonLine(j));
       } else {
          auto const raw = [&](char const* file, std::string const& text) {
             common.out.line(fmt::format("{}/{}: {}", name, file, printable(text)));

@@ -5,13 +5,13 @@
 // nothing yet and begin again on the new table. `dump` has: it stops, says so, and ends with
 // Exit::incomplete.
 #include "Commands.h"
+#include "Json.h"
 #include "Names.h"
 #include "Query.h"
 #include "Table.h"
 #include "Walk.h"
 
 #include <algorithm>
-#include <nlohmann/json.hpp>
 
 namespace Tool {
 
@@ -189,7 +189,7 @@ Exit countRows(Common const& common, std::vector<std::string> const& words,
       std::uint64_t const rows = countOne(*table, where);
       sum += rows;
       if (common.json)
-         common.out.line(nlohmann::ordered_json{{"table", name}, {"rows", rows}}.dump());
+         common.out.line(jsonLine({{"table", name}, {"rows", rows}}));
       else if (names.size() == 1)
          common.out.line(std::to_string(rows));
       else

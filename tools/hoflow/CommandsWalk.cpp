@@ -11,17 +11,15 @@
 // What it cannot see: the free list, and values that are wrong in themselves.
 #include "Commands.h"
 #include "Files.h"
+#include "Json.h"
 #include "Names.h"
 #include "Table.h"
 #include "Walk.h"
 
 #include <algorithm>
-#include <nlohmann/json.hpp>
 #include <vector>
 
 namespace Tool {
-
-using nlohmann::ordered_json;
 
 namespace {
 
@@ -57,8 +55,8 @@ WalkEnd walkAndCheck(Table& table, Checked& seen) {
    } catch (Mirak::TableReformattedException const&) {
       end = WalkEnd::reformatted; // a lookup met it
    } catch (Lomi::CorruptionDetectedException const& e) {
-      throw Failure{Exit::corrupt, fmt::format("{}: damaged: a lookup of a row that the walk met: {}",
-                                               table.name(), e.what())};
+      throw Failure{Exit::corrupt,
+                    fmt::format("{}a lookup of a row that the walk met: {}", damagePrefix(table), e.what())};
    }
    seen.members = table.members();
    return end;
@@ -96,7 +94,7 @@ Verdict judge(Table& table) {
          end = walkAndCheck(table, verdict.seen);
       } catch (Failure const& failure) {
          if (failure.status != Exit::corrupt) throw;
-         damage = failure.text;
+         damage = failure.text.substr(damagePrefix(table).size());
       }
       if (end == WalkEnd::reformatted || end == WalkEnd::replaced) {
          if (attempt >= maxAttempts)
@@ -139,7 +137,7 @@ Exit checkOne(Common const& common, std::string const& name) {
                      {"writerAlive", after.writerAlive},
                      {"problems", verdict.problems}};
       if (interrupted) j["problems"].push_back(died);
-      common.out.line(j.dump());
+      common.out.line(jsonLine(j));
       return status;
    }
    auto& out = common.out;
@@ -205,7 +203,7 @@ void statJson(Common const& common, Table const& table, Inspection const& t, Cha
                     {"slotResizes", c.slotResizes},
                     {"bucketResizes", c.buckets.resizes},
                     {"remaps", c.remaps + c.buckets.remaps}}}};
-   common.out.line(j.dump());
+   common.out.line(jsonLine(j));
 }
 
 void statText(Common const& common, Table const& table, Inspection const& t, Chains const& chains,

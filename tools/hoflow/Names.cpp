@@ -108,7 +108,8 @@ Failure unknown(std::string const& word, Scan const& scan) {
 /// The word as a path below the root.
 std::string belowRoot(std::string word) {
    while (word.size() > 1 && word.back() == '/') word.pop_back();
-   std::string const root = fs::absolute(Mem::RootPath::get()).lexically_normal().string() + "/";
+   std::string root = fs::absolute(Mem::RootPath::get()).lexically_normal().string();
+   if (!root.ends_with('/')) root += '/';
    if (word.starts_with('/')) {
       if (!word.starts_with(root))
          throw Failure{Exit::usage,

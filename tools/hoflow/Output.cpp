@@ -130,6 +130,7 @@ void Columns::write(Row const& row, bool header) {
       if (!columns_[i].right && !last) line.append(fill, ' ');
       if (!last) line += "  ";
    }
+   line.erase(line.find_last_not_of(' ') + 1);
    if (header) line = out_.styled(Style::bold, line);
    out.append(line.data(), line.data() + line.size());
    out.push_back('\n');

@@ -16,6 +16,9 @@ enum class WalkEnd {
    replaced,    ///< the files were removed or exchanged: what was seen is of the old ones
 };
 
+/// How a message of damage to a table begins.
+inline std::string damagePrefix(Table const& table) { return table.name() + ": damaged: "; }
+
 /// @param row called with each row; false ends the walk
 /// @throws Failure on damage
 template <class OnRow> WalkEnd walkRows(Table& table, OnRow&& row) {
@@ -26,7 +29,7 @@ template <class OnRow> WalkEnd walkRows(Table& table, OnRow&& row) {
       return WalkEnd::reformatted;
    } catch (Lomi::CorruptionDetectedException const& e) {
       if (table.filesReplaced()) return WalkEnd::replaced;
-      throw Failure{Exit::corrupt, fmt::format("{}: damaged: {}", table.name(), e.what()),
+      throw Failure{Exit::corrupt, damagePrefix(table) + e.what(),
                     "a restart of its writer formats the table anew; hoflow header shows the raw headers"};
    } catch (Lomi::MemoryResourceException const& e) {
       throw Failure{Exit::incomplete, fmt::format("{}: {}", table.name(), e.what())};

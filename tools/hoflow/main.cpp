@@ -10,6 +10,7 @@
 
 #include <CLI/CLI.hpp>
 #include <csignal>
+#include <sstream>
 
 namespace {
 
@@ -24,7 +25,7 @@ constexpr char const* tables =
 pattern: flowtracking/default/hwOffload/counter/capture/hoIpFlowCounter, capture/hoIpFlowCounter, '*Ip6*'.)";
 
 struct Arguments {
-   std::string root, table;
+   std::string root, table, columns;
    bool json = false, namesOnly = false;
    std::vector<std::string> words; ///< tables, patterns, or a key
    std::vector<std::string> where;
@@ -117,21 +118,22 @@ private:
 
       auto* const dump =
           command("dump", "All rows, in the table's own order",
-                  "  hoflow dump hoIpFlowCounter | sort -k9 -n | tail\n"
+                  "  hoflow dump hoIpFlowCounter | sort -k10 -n | tail\n"
                   "  hoflow dump hoIpFlowCounter --columns srcAddr,dstAddr,bytes --no-header\n"
                   "  hoflow dump hoIpFlowCounter --where src=10.0.0.0/8 --where 'bytes>1000000'\n"
                   "  hoflow dump hoIpFlowCounter -w 'updateTime<2025-03-01T12:00:00Z' -j\n",
                   [](Common const& c, Arguments const& a) {
                      DumpOptions options = a.dump;
                      options.where = a.where;
+                     std::istringstream names(a.columns);
+                     for (std::string name; std::getline(names, name, ',');) options.columns.push_back(name);
                      return dumpTable(c, a.table, options);
                   });
       takesTable(dump);
       takesWhere(dump);
-      dump->add_option("-c,--columns", args.dump.columns, "these columns, in this order; text only")
-          ->delimiter(',')
+      dump->add_option("-c,--columns", args.columns, "these columns, in this order; text only")
           ->type_name("FIELD,...")
-          ->expected(1);
+          ->join(',');
       dump->add_option("-n,--limit", args.dump.limit, "at most so many rows")
           ->type_name("ROWS")
           ->check(CLI::PositiveNumber);
@@ -161,7 +163,12 @@ private:
 
 int CommandLine::run(int argc, char** argv) {
    try {
-      app.parse(argc, argv);
+      // The arrow of a key as traces print it would be taken for an option. The parser wants the last word
+      // first.
+      std::vector<std::string> words;
+      for (int i = argc - 1; i > 0; --i)
+         if (argv[i] != std::string_view("->")) words.emplace_back(argv[i]);
+      app.parse(words);
    } catch (CLI::ParseError const& e) {
       return app.exit(e) == 0 ? 0 : static_cast<int>(Exit::usage);
    }
