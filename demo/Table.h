@@ -22,7 +22,7 @@ using Ip6Ops = FlowTracking::HoIp6FlowCounterOps;
 struct Tally {
    u64 lookups = 0, walks = 0, rowsWalked = 0;
    u64 retries = 0, lookasideReads = 0, resizes = 0;
-   u64 attaches = 0, reattaches = 0, generations = 0;
+   u64 reattaches = 0, generations = 0;
    u64 missing = 0, twice = 0, backwards = 0, corrupt = 0;
    std::string firstAnomaly;
 
@@ -38,20 +38,21 @@ public:
    using Key = typename Ops::Key;
    using Value = typename Ops::Value;
 
-   Table(std::string name, Tally& tally)
-      : name(std::move(name))
-      , tally(tally) {}
+   /// @param path below the root
+   Table(std::string path, Tally& sum)
+      : name(std::move(path))
+      , tally(sum) {}
 
    u32 rows() const { return reader ? reader->members() : 0; }
    std::string generationText() const { return generation.value() ? generation.text() : "none"; }
 
    /// Adds what the present reader object has counted so far.
-   void countersInto(Tally& sum) const {
+   void countersInto(Tally& into) const {
       if (!reader) return;
       auto const counters = reader->readerCounters();
-      sum.retries += counters.retries + counters.wrapperRetries;
-      sum.lookasideReads += counters.lookasideReads;
-      sum.resizes += counters.slotResizes + counters.buckets.resizes;
+      into.retries += counters.retries + counters.wrapperRetries;
+      into.lookasideReads += counters.lookasideReads;
+      into.resizes += counters.slotResizes + counters.buckets.resizes;
    }
 
    /// Looks up a batch of the known keys; learns the keys anew whenever all have had their turn.
@@ -126,7 +127,7 @@ private:
       auto const handler = Lomi::Platform::getDebugHandler("demo", true);
       auto fresh = std::make_unique<Mirak::MirakReader<Ops>>(*handler, name, Ops());
       if (!fresh->initialize("demo")) return false;
-      ++(attached ? tally.reattaches : tally.attaches);
+      if (attached) ++tally.reattaches;
       attached = true;
       if (fresh->kestorId() != generation) {
          ++tally.generations;
@@ -170,7 +171,7 @@ private:
       seen.bytes = value.bytes();
    }
 
-   std::string name; // below the root
+   std::string name;
    Tally& tally;
    std::unique_ptr<Mirak::MirakReader<Ops>> reader;
    bool attached = false; // ever

@@ -26,7 +26,7 @@
 namespace FlowTracking {
 
 #pragma pack(push, 4)
-template <class K> class BasicHoFlowConfig {
+template <class K> class HOFLOW_EXPORT BasicHoFlowConfig {
 public:
    using Key = K;
    static constexpr bool isIp6 = K::isIp6;

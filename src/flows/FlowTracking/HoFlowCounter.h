@@ -24,7 +24,7 @@
 namespace FlowTracking {
 
 #pragma pack(push, 4)
-template <class K> class BasicHoFlowCounter {
+template <class K> class HOFLOW_EXPORT BasicHoFlowCounter {
 public:
    using Key = K;
    static constexpr bool isIp6 = K::isIp6;

@@ -18,7 +18,7 @@
 
 namespace FlowTracking {
 
-template <class FlowKey> class BasicHoFlowKey {
+template <class FlowKey> class HOFLOW_EXPORT BasicHoFlowKey {
 public:
    static constexpr bool isIp6 = FlowKey::isIp6;
    static constexpr char const* typeName = isIp6 ? "FlowTracking::HoIp6FlowKey" : "FlowTracking::HoIpFlowKey";
@@ -81,7 +81,7 @@ static_assert(HoIpFlowKey::layoutHolds() && HoIp6FlowKey::layoutHolds(),
 static_assert(sizeof(HoIpFlowKey) == 36 && sizeof(HoIp6FlowKey) == 60, "rows reserve this much for the key");
 
 /// The key of a counter by state is the state. Hashed as one byte by the table, it has no hash of its own.
-class HosStateCounterKey {
+class HOFLOW_EXPORT HosStateCounterKey {
 public:
    static constexpr char const* typeName = "FlowTracking::HosStateCounterKey";
 

@@ -20,7 +20,7 @@
 namespace FlowTracking {
 
 #pragma pack(push, 4)
-template <class K> class BasicHoFlowStatus {
+template <class K> class HOFLOW_EXPORT BasicHoFlowStatus {
 public:
    using Key = K;
    static constexpr bool isIp6 = K::isIp6;

@@ -11,7 +11,7 @@
 
 namespace FlowTracking {
 
-class HosStateCounterEntry {
+class HOFLOW_EXPORT HosStateCounterEntry {
 public:
    using Key = HosStateCounterKey;
    static constexpr char const* typeName = "FlowTracking::HosStateCounterEntry";

@@ -40,7 +40,7 @@ using Ovie::VlanId;
 /// Direction of a flow through the switch. A byte in the table; other values than these may be met.
 enum class TrafficDirection : std::uint8_t { unspecified = 0, ingress = 1, egress = 2 };
 
-template <class Addr> class BasicIpFlowKey {
+template <class Addr> class HOFLOW_EXPORT BasicIpFlowKey {
 public:
    using Address = Addr;
    static constexpr bool isIp6 = sizeof(Addr) == 16;
@@ -79,19 +79,18 @@ public:
    TrafficDirection direction() const { return direction_; }
 
    std::uint32_t hash(unsigned int seed) const noexcept {
+      Words const w = words();
       if constexpr (isIp6)
-         return FlowHash::hash6(seed, head(), word(6), word(14), word(22), word(30), word(40));
+         return FlowHash::hash6(seed, w.head, w.at[0], w.at[1], w.at[2], w.at[3], w.ports);
       else
-         return FlowHash::hash4(seed, head(), word(6), word(16));
+         return FlowHash::hash4(seed, w.head, w.at[0], w.ports);
    }
 
    bool operator==(BasicIpFlowKey const& other) const noexcept {
-      if constexpr (isIp6)
-         return ((head() ^ other.head()) | (word(6) ^ other.word(6)) | (word(14) ^ other.word(14)) |
-                 (word(22) ^ other.word(22)) | (word(30) ^ other.word(30)) | (word(40) ^ other.word(40))) ==
-                0;
-      else
-         return ((head() ^ other.head()) | (word(6) ^ other.word(6)) | (word(16) ^ other.word(16))) == 0;
+      Words const a = words(), b = other.words();
+      FlowHash::u64 differs = (a.head ^ b.head) | (a.ports ^ b.ports);
+      for (unsigned i = 0; i < addressWords; ++i) differs |= a.at[i] ^ b.at[i];
+      return differs == 0;
    }
 
    /// Field by field in the order of the layout, addresses by their bytes.
@@ -137,10 +136,27 @@ public:
 
 private:
    unsigned char const* bytes() const { return reinterpret_cast<unsigned char const*>(this); }
-   FlowHash::u64 word(unsigned offset) const { return FlowHash::load64(bytes() + offset); }
-   /// vrfId, vlanId and direction as one word with an empty top byte.
-   FlowHash::u64 head() const {
-      return vrfId_ | FlowHash::u64(vlanId_) << 32 | FlowHash::u64(direction_) << 48;
+   static constexpr unsigned addressWords = sizeof(Addr) / 4;
+
+   /// The bytes with a meaning. Loaded at multiples of 8 and shifted together: rows are copied in such words,
+   /// and a load that straddles two stores has to wait until both are done.
+   struct Words {
+      FlowHash::u64 head; ///< vrfId, vlanId and direction, the top byte empty
+      FlowHash::u64 at[addressWords];
+      FlowHash::u64 ports; ///< protocol and ports
+   };
+   Words words() const {
+      FlowHash::u64 const top = FlowHash::u64(direction_) << 48;
+      FlowHash::u64 word = FlowHash::load64(bytes());
+      Words w;
+      w.head = (word & 0xffffffffffffu) | top;
+      for (unsigned i = 0; i < addressWords; ++i) {
+         FlowHash::u64 const next = FlowHash::load64(bytes() + 8 * (i + 1));
+         w.at[i] = word >> 48 | next << 16;
+         word = next;
+      }
+      w.ports = FlowHash::load64(bytes() + 8 + 2 * sizeof(Addr));
+      return w;
    }
 
    VrfId vrfId_;

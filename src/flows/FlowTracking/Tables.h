@@ -18,12 +18,12 @@
 #include "ZebMirak/ZebMirakMapValueWrapper.h"
 
 namespace Tessel {
-struct BasicSlot;
-template <class Slot, class Position> class TesselWriter;
+struct HOFLOW_EXPORT BasicSlot;
+template <class Slot, class Position> class HOFLOW_EXPORT TesselWriter;
 } // namespace Tessel
 
 namespace Mirak {
-struct TesselPos;
+struct HOFLOW_EXPORT TesselPos;
 }
 
 namespace FlowTracking {
@@ -42,13 +42,14 @@ template <class Record, class TesselWriter> struct TablePolicy {
 using ChangeQueue = Tessel::TesselWriter<Tessel::BasicSlot, Mirak::TesselPos>;
 using NoQueue = Tessel::DummyTesselWriter;
 
-using HoIpFlowConfigOps = TablePolicy<HoIpFlowConfig, ChangeQueue>::Ops;
-using HoIp6FlowConfigOps = TablePolicy<HoIp6FlowConfig, ChangeQueue>::Ops;
-using HoIpFlowStatusOps = TablePolicy<HoIpFlowStatus, ChangeQueue>::Ops;
-using HoIp6FlowStatusOps = TablePolicy<HoIp6FlowStatus, ChangeQueue>::Ops;
-using HoIpFlowCounterOps = TablePolicy<HoIpFlowCounter, NoQueue>::Ops;
-using HoIp6FlowCounterOps = TablePolicy<HoIp6FlowCounter, NoQueue>::Ops;
-using HosStateCounterOps = TablePolicy<HosStateCounterEntry, NoQueue>::Ops;
+// Types of their own, not aliases: they are exported, and the names of the instances stay short.
+struct HOFLOW_EXPORT HoIpFlowConfigOps : TablePolicy<HoIpFlowConfig, ChangeQueue>::Ops {};
+struct HOFLOW_EXPORT HoIp6FlowConfigOps : TablePolicy<HoIp6FlowConfig, ChangeQueue>::Ops {};
+struct HOFLOW_EXPORT HoIpFlowStatusOps : TablePolicy<HoIpFlowStatus, ChangeQueue>::Ops {};
+struct HOFLOW_EXPORT HoIp6FlowStatusOps : TablePolicy<HoIp6FlowStatus, ChangeQueue>::Ops {};
+struct HOFLOW_EXPORT HoIpFlowCounterOps : TablePolicy<HoIpFlowCounter, NoQueue>::Ops {};
+struct HOFLOW_EXPORT HoIp6FlowCounterOps : TablePolicy<HoIp6FlowCounter, NoQueue>::Ops {};
+struct HOFLOW_EXPORT HosStateCounterOps : TablePolicy<HosStateCounterEntry, NoQueue>::Ops {};
 
 } // namespace FlowTracking
 

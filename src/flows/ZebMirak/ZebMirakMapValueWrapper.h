@@ -5,6 +5,8 @@
 // It adds no bytes, so the value size in a table's header is the record's, and so is the type name.
 #pragma once
 
+#include "Lomi/Export.h"
+
 #include <type_traits>
 
 namespace ZebMirak {
@@ -12,7 +14,7 @@ namespace ZebMirak {
 /// `key` is the record's reader of its key. `keyStandsApart` is false in all tables: the key is part of the
 /// record.
 template <class Record, class Key, Key const& (Record::*key)() const, bool keyStandsApart>
-class ZebMirakMapValueWrapper : public Record {
+class HOFLOW_EXPORT ZebMirakMapValueWrapper : public Record {
    static_assert(!keyStandsApart, "every record of these tables carries its key");
 
 public:

@@ -4,7 +4,7 @@
 // is numeric order.
 #pragma once
 
-#include "Zeb/Export.h"
+#include "Lomi/Export.h"
 #include "Zeb/String.h"
 
 #include <array>
@@ -18,7 +18,7 @@
 
 namespace Ip {
 
-template <unsigned N> class Address {
+template <unsigned N> class HOFLOW_EXPORT Address {
 public:
    static_assert(N == 4 || N == 16);
    using Bytes = std::array<std::uint8_t, N>;

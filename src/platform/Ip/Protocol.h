@@ -5,7 +5,7 @@
 // has no name of its own.
 #pragma once
 
-#include "Zeb/Export.h"
+#include "Lomi/Export.h"
 
 #include <cstdint>
 #include <optional>

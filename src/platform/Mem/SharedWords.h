@@ -2,17 +2,18 @@
 // Every access to a word that another process may read goes through this header, and nothing else does.
 //
 // Roles. One writer process stores; any number of reader processes load from read-only mappings. A reader
-// never stores. Nothing here locks, fences or does a read-modify-write: on x86-64 each function below is plain
-// moves (a test disassembles the hot paths to keep it so). Orders are fixed here once: every load is an acquire,
-// every store a release, so that a load which sees a store also sees all that the writer stored before it, and
-// loads stay in program order. The algorithms above contain no memory_order of their own.
+// never stores. Nothing here locks, fences or does a read-modify-write: on x86-64 each function below is
+// plain moves (a test disassembles the hot paths to keep it so). Orders are fixed here once: every load is an
+// acquire, every store a release, so that a load which sees a store also sees all that the writer stored
+// before it, and loads stay in program order. The algorithms above contain no memory_order of their own.
 //
 // Widths. A link and a version pair (8 bytes, 8-aligned) are one access: a reader never pairs an old version
-// with a new value. Values are copied in 8-byte words with a 4-byte tail; a row's padding behind its last 4-byte
-// word is never touched. A copy of several words may be torn; the caller's sequence word proves that it wasn't.
+// with a new value. Values are copied in 8-byte words with a 4-byte tail; a row's padding behind its last
+// 4-byte word is never touched. A copy of several words may be torn; the caller's sequence word proves that
+// it wasn't.
 //
-// The test build (HOFLOW_TEST_SEAM) calls Mem::Seam before each access, see Mem/Seam.h. Other builds compile to
-// the bare access.
+// The test build (HOFLOW_TEST_SEAM) calls Mem::Seam before each access, see Mem/Seam.h. Other builds compile
+// to the bare access.
 #pragma once
 
 #include "Mem/Seam.h"
@@ -63,7 +64,8 @@ template <class Pair> inline Pair loadPair(Pair const& pair) {
    return std::atomic_ref<Pair>(const_cast<Pair&>(pair)).load(std::memory_order_acquire);
 }
 
-/// Stores a pair in one 8-byte access. Writer only. This is the store by which links and counts are published.
+/// Stores a pair in one 8-byte access. Writer only. This is the store by which links and counts are
+/// published.
 template <class Pair> inline void publishPair(Pair& pair, Pair value) {
    static_assert(sizeof(Pair) == 8 && alignof(Pair) == 8 && std::is_trivially_copyable_v<Pair>);
    Seam::store(&pair, &value, 8);
@@ -85,7 +87,25 @@ template <class Pair> inline void publishPair(Pair& pair, Pair value) {
    }
 }
 
-/// Copies `bytes` (a multiple of 4) of private memory to an 8-aligned shared place, word by word. Writer only.
+/// The same for a size that is known when compiled: one move for each word, no loop.
+template <std::size_t bytes>
+[[gnu::always_inline]] inline void loadSharedRow(void* into, void const* shared) {
+   static_assert(bytes % 4 == 0);
+   auto* out = static_cast<char*>(into);
+   auto* in = static_cast<char const*>(shared);
+#pragma GCC unroll 64
+   for (std::size_t at = 0; at < bytes / 8 * 8; at += 8) {
+      u64 const word = loadShared(*reinterpret_cast<u64 const*>(in + at));
+      std::memcpy(out + at, &word, 8);
+   }
+   if constexpr (bytes % 8 != 0) {
+      u32 const word = loadShared(*reinterpret_cast<u32 const*>(in + bytes - 4));
+      std::memcpy(out + bytes - 4, &word, 4);
+   }
+}
+
+/// Copies `bytes` (a multiple of 4) of private memory to an 8-aligned shared place, word by word. Writer
+/// only.
 [[gnu::always_inline]] inline void storeShared(void* shared, void const* from, std::size_t bytes) {
    auto* out = static_cast<char*>(shared);
    auto* in = static_cast<char const*>(from);
@@ -102,14 +122,15 @@ template <class Pair> inline void publishPair(Pair& pair, Pair value) {
    }
 }
 
-/// Looks at a pair ahead of need, only to prefetch what it may point at. Nothing may be decided by its value: it
-/// is no access in the protocol's sense, orders nothing and passes no seam.
+/// Looks at a pair ahead of need, only to prefetch what it may point at. Nothing may be decided by its value:
+/// it is no access in the protocol's sense, orders nothing and passes no seam.
 template <class Pair> inline Pair peekPair(Pair const& pair) {
    static_assert(sizeof(Pair) == 8 && alignof(Pair) == 8 && std::is_trivially_copyable_v<Pair>);
    return std::atomic_ref<Pair>(const_cast<Pair&>(pair)).load(std::memory_order_relaxed);
 }
 
 /// Asks the processor to bring a shared line close. No access in the protocol's sense: no value is used.
-inline void prefetchShared(void const* at) { __builtin_prefetch(at, 0, 3); }
+/// Always inline: as a call it would be dropped, since it has no effect that the compiler knows of.
+[[gnu::always_inline]] inline void prefetchShared(void const* at) { __builtin_prefetch(at, 0, 3); }
 
 } // namespace Mem

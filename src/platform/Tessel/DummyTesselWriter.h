@@ -3,11 +3,13 @@
 // with it have no queue, and can be read but not followed.
 #pragma once
 
+#include "Lomi/Export.h"
+
 #include "Mem/SharedWords.h"
 
 namespace Tessel {
 
-struct DummyTesselWriter {
+struct HOFLOW_EXPORT DummyTesselWriter {
    static constexpr bool real = false;
    void notify(Mem::u32 /*slot*/) {}
    void tombstone(Mem::u32 /*slot*/) {}

@@ -9,7 +9,7 @@
 // stand in traces and messages. It does not parse: the text forms that parse back live with the records.
 #pragma once
 
-#include "Zeb/Export.h"
+#include "Lomi/Export.h"
 
 #include <compare>
 #include <concepts>

@@ -8,6 +8,7 @@
 #pragma once
 
 #include "Lomi/Trace.h"
+#include "Mirak/KeyText.h"
 #include "Mirak/MirakInterface.h"
 
 #include <memory>
@@ -41,7 +42,9 @@ public:
 
 protected:
    void trace(char const* operation) const {
-      LOMI_TRACE(debugHandler_, 5, "MirakDummy", "{} {}", operation, rootPath_.str());
+      // LOMI_TRACE would name this function.
+      if (debugHandler_.traces(5))
+         Lomi::fmtrace(debugHandler_, 5, "MirakDummy", operation, "{}", rootPath_.str());
    }
 
    Ops ops_;
@@ -138,12 +141,6 @@ private:
    void refuseKey(Key const& key) const {
       LOMI_ASSERT(false, this->debugHandler_, "invoked, name:{} rootpath:{} key:{}{}", this->name_,
                   this->rootPath_.str(), keyText(key), orphanSuffix_);
-   }
-   static std::string keyText(Key const& key) {
-      if constexpr (requires { key.mirakString(); })
-         return std::string(key.mirakString());
-      else
-         return std::string(key.str());
    }
 
    std::string orphanSuffix_;

@@ -95,6 +95,9 @@ public:
    std::string dumpHeaders() const;
    /// A copy of the slot file's header, its counters perhaps of different moments. REQUIRES: initialized.
    SlotTableHeader headerCopy() const;
+   /// Whether an initialize() that meets damage leaves the marker "corruption-detected" beside the files, for
+   /// people and for other programs to see. True unless set; a program that only looks says false.
+   void corruptionMarkerIs(bool wanted) { corruptionMarker_ = wanted; }
    /// Called before each repeat of an operation.
    void betweenRetriesIs(std::function<void()> hook) { betweenRetries_ = std::move(hook); }
 
@@ -114,6 +117,8 @@ private:
    }
    template <class Operation, class Between> auto retried(Operation&& operation, Between&& between) const;
    bool settled() const;
+   static bool overlaps(Key const* key, void const* buffer);
+   Value const* lookupApart(Key const& key, bool& found, void* buffer) const;
    [[gnu::cold, gnu::noinline]] bool follow() const;
    [[gnu::cold, gnu::noinline]] bool followAfterThrow() const;
    [[gnu::cold, gnu::noinline]] void retry() const;
@@ -127,6 +132,7 @@ private:
    std::unique_ptr<Reader::Counters> ownCounters_;
    Reader::Counters& counters_;
    std::function<void()> betweenRetries_;
+   bool corruptionMarker_ = true;
 
    // Of the open table. Reading follows resizes, so it changes the mappings.
    Ops ops_; ///< its hash seed is the table's
@@ -174,13 +180,29 @@ template <class Ops> [[gnu::always_inline]] inline bool MirakReader<Ops>::settle
 template <class Ops>
 auto MirakReader<Ops>::lookup(Key const& key, bool& found, void* buffer) const -> Value const* {
    ++counters_.lookups;
-   Key const own = key; // it may lie in `buffer`
    if (auto const* header = slots_.header()) {
       // The words that are asked last; a busy writer keeps their lines in its own cache.
       Mem::prefetchShared(&header->numSlots);
       Mem::prefetchShared(buckets_.buckets().header());
    }
-   Value const* const value = retried([&] { return buckets_.lookup(own, found, buffer); });
+   if (overlaps(&key, buffer ? buffer : &buffer_)) [[unlikely]] {
+      Key const own = key; // the row is copied over it
+      return lookupApart(own, found, buffer);
+   }
+   return lookupApart(key, found, buffer);
+}
+
+/// Whether a key lies where a row is going to be copied to.
+template <class Ops> bool MirakReader<Ops>::overlaps(Key const* key, void const* buffer) {
+   auto const keyAt = reinterpret_cast<std::uintptr_t>(key);
+   auto const bufferAt = reinterpret_cast<std::uintptr_t>(buffer);
+   return keyAt < bufferAt + sizeof(Value) && bufferAt < keyAt + sizeof(Key);
+}
+
+template <class Ops>
+[[gnu::always_inline]] inline auto MirakReader<Ops>::lookupApart(Key const& key, bool& found,
+                                                                 void* buffer) const -> Value const* {
+   Value const* const value = retried([&] { return buckets_.lookup(key, found, buffer); });
    if (!found) {
       slots_.resetAnchor();
       if (buffer) std::memcpy(buffer, &Ops::typeDefault(), sizeof(Value));

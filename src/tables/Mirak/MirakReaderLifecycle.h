@@ -107,7 +107,8 @@ bool MirakReader<Ops>::failCorrupt(char const* what, std::string const& file, st
                                    Parcel::KestorFile const& kestorFile) {
    LOMI_TRACE(debugHandler_, 0, "MirakReader", "{}", dumpHeaders());
    // The kestor file goes away before a re-format touches anything: a half-formatted header is no damage.
-   if (kestorFile.read() == kestorId_) Util::writeCorruptionFile(debugHandler_, rootPath_.str(), why);
+   if (corruptionMarker_ && kestorFile.read() == kestorId_)
+      Util::writeCorruptionFile(debugHandler_, rootPath_.str(), why);
    return fail(what, file, why);
 }
 

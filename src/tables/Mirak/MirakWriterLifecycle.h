@@ -3,13 +3,12 @@
 // let readers in, let go. Included by MirakWriter.h only.
 //
 // What a crash leaves, by the order of the steps in attach():
-//   - the kestor file is written last, and taken away before the first store that destroys a published table.
-//   So
-//     "a kestor file whose id stands in both table files" means: this table was complete, and only its
-//     operations since (the critical section bit, the walks) decide whether it is adopted;
+//   - the kestor file is written last, and taken away before anything is formatted. So "a kestor file whose
+//     id stands in both table files" means: this table was complete, and only its operations since (the
+//     critical section bit, the walks) decide whether it is adopted;
 //   - a crash anywhere in a re-format leaves no kestor file; the next start makes a new id, which matches
-//   neither
-//     file, and formats all anew. A half-formatted or emptied table is never taken for the published one.
+//     neither file, and formats all anew. A half-formatted or emptied table is never taken for the published
+//     one.
 #pragma once
 
 #include "Mem/Atomics.h"
@@ -52,14 +51,15 @@ template <class Ops> bool MirakWriter<Ops>::initialize(std::string const&) {
    if (slots_.maxSlots() == 0)
       throw Lomi::InvalidInitializeException(fmt::format(
           "0 is not a valid initialization size for collection {} in writer mode", rootPath_.name()));
-   try {
-      attach();
-   } catch (...) {
-      slots_.detach();
-      map_.buckets().detach();
-      writerLock_.reset();
-      throw;
-   }
+   // No catch: where nobody handles the exception of a strict validation, nothing is unwound, and the core
+   // file shows the table.
+   struct Undo {
+      MirakWriter& writer;
+      ~Undo() {
+         if (!writer.initialized()) writer.release();
+      }
+   } const undo{*this};
+   attach();
    this->initializedIs(true);
    return true;
 }
@@ -72,6 +72,13 @@ template <class Ops> Parcel::KestorId MirakWriter<Ops>::newKestorId() {
       Parcel::KestorId const id(static_cast<u16>(getpid()), counter.fetch_add(1));
       if (id.value() != 0) return id;
    }
+}
+
+/// Whether a file has the present id already, although it is meant to be a new one.
+template <class Ops> bool MirakWriter<Ops>::standsInFiles() const {
+   auto stands = [&](char const* file) { return Util::storedKestor(rootPath_, file) == kestorId_.value(); };
+   return !localMem_ &&
+          (stands(SlotTableType::fileName) || stands(MirakCore::BucketWriter<SlotLink>::fileName));
 }
 
 template <class Ops> void MirakWriter<Ops>::attach() {
@@ -87,14 +94,11 @@ template <class Ops> void MirakWriter<Ops>::attach() {
    } else {
       writerLock_.emplace(Mem::WriterLock::acquireWriterLock(debugHandler_, rootPath_, ownerFile, false));
       kestorId_ = kestorFile.read();
+      // A process with the number of the last one would make its id again (in a container each has the same),
+      // and adopt what a crash half way through a format left.
       if (kestorId_.value() == 0) {
-         // A process with the number of the last one would make its id again (in a container each has the
-         // same), and adopt what a crash half way through a format left.
-         auto stands = [&](char const* file) {
-            return Util::storedKestor(rootPath_, file) == kestorId_.value();
-         };
          do kestorId_ = newKestorId();
-         while (stands(SlotTableType::fileName) || stands(MirakCore::BucketWriter<SlotLink>::fileName));
+         while (standsInFiles());
       }
    }
    bool const ownerInvalid = !ownerFile.validate();
@@ -141,7 +145,8 @@ bool MirakWriter<Ops>::attachAndValidate(bool reformat, Parcel::OwnerFile& owner
       }
    } else {
       LOMI_TRACE(debugHandler_, 1, "MirakWriter", "all entries from {} will be lost", rootPath_.str());
-      kestorId_.bumpHigh();
+      do kestorId_.bumpHigh();
+      while (standsInFiles());
       attach(kestorId_); // the stored generation differs now, so every file formats itself
       if (!validate(kestorId_, error, false)) throw Lomi::InvalidInitializeException("failed validation");
    }
@@ -187,6 +192,10 @@ template <class Ops>
 bool MirakWriter<Ops>::validate(Parcel::KestorId kestor, std::string& error, bool checkOwner) {
    refuseReentrancy();
    if (inDirectMode()) refuseUnbalanced("", "");
+   if (!attached()) {
+      error = fmt::format("no open table: {}", rootPath_.str());
+      return false;
+   }
    bool sound = false;
    {
       Validator<Ops, MirakWriter> validator(debugHandler_, *this);
@@ -212,8 +221,11 @@ bool MirakWriter<Ops>::validate(Parcel::KestorId kestor, std::string& error, boo
 }
 
 template <class Ops> bool MirakWriter<Ops>::validateFiles() {
+   if (localMem_) return true;
    map_.buckets().validateFile();
-   Util::validateFile(debugHandler_, slots_.wrapper().getFilename(), SlotTable<Ops>::headerSize);
+   u64 const mapped = slots_.wrapper().mappedSize();
+   Util::validateFile(debugHandler_, slots_.wrapper().getFilename(),
+                      mapped ? mapped : SlotTable<Ops>::headerSize);
    if constexpr (Ops::hasChangeQueue) tesselWriter_.validateFile();
    Parcel::KestorFile(debugHandler_, rootPath_, localMem_).validate(kestorId_);
    Parcel::OwnerFile(debugHandler_, rootPath_, localMem_).validateFile();
@@ -224,6 +236,7 @@ template <class Ops> bool MirakWriter<Ops>::validateFiles() {
 template <class Ops> void MirakWriter<Ops>::detach(bool) {
    LOMI_TRACE(debugHandler_, 5, "MirakWriter", "owner:{} localMem_:{} rootPath:{}", owner_, localMem_,
               rootPath_.str());
+   refuseReentrancy();
    if (directNew_) refuseUnbalanced("", "");
    directSlot_ = noSlot;
    if constexpr (Ops::hasChangeQueue) tesselWriter_.onDetach();
@@ -245,10 +258,14 @@ template <class Ops> void MirakWriter<Ops>::detach(bool) {
       }
       owner_ = false;
    }
+   release();
+   this->initializedIs(false);
+}
+
+template <class Ops> void MirakWriter<Ops>::release() {
    slots_.detach();
    map_.buckets().detach();
    if (anchor_.offset != Mem::anchorUnset) anchor_.offset = Mem::anchorGone;
-   this->initializedIs(false);
    writerLock_.reset(); // last: from here on another writer may claim the directory
 }
 
@@ -272,7 +289,7 @@ template <class Ops> void MirakWriter<Ops>::cleanup() {
    if constexpr (Ops::hasChangeQueue) tesselWriter_.cleanup();
    map_.buckets().cleanup();
    LOMI_TRACE(debugHandler_, 3, "MirakWriter", "removing file: {}", slots_.wrapper().getFilename());
-   slots_.wrapper().remove();
+   if (!slots_.wrapper().remove()) throw Lomi::RuntimeException(slots_.wrapper().lastError());
    Parcel::KestorFile(debugHandler_, rootPath_, localMem_).remove();
    Util::removeFile(rootPath_, Mem::Util::Clone::CONTROL_FILENAME);
    Util::removeFile(rootPath_, Parcel::OwnerFile::FILENAME);

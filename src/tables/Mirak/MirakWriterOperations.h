@@ -6,6 +6,7 @@
 // (Two exceptions by design: directCommit after directUpdate, and lookups and misses, which change nothing.)
 #pragma once
 
+#include "Mirak/KeyText.h"
 #include "Mirak/MirakWriter.h"
 
 #include <cstring>
@@ -25,15 +26,6 @@ public:
 private:
    MirakWriter& writer_;
 };
-
-namespace Detail {
-template <class Key> std::string textOf(Key const& key) {
-   if constexpr (requires { key.mirakString(); })
-      return std::string(key.mirakString());
-   else
-      return std::string(key.str());
-}
-} // namespace Detail
 
 template <class Ops> typename MirakWriter<Ops>::Place MirakWriter<Ops>::locate(Key const& key) {
    Place place;
@@ -56,7 +48,7 @@ void MirakWriter<Ops>::refuseUnbalanced(char const* what, std::string const& sub
       anchor_ = slots_.anchorOf(slot);
       Value value;
       Mem::loadShared(&value, slot.value, sizeof value);
-      held = Detail::textOf(value);
+      held = keyText(value);
    }
    std::string const tail = subject.empty() ? std::string() : fmt::format(" when {}{}", what, subject);
    LOMI_ASSERT(
@@ -113,14 +105,14 @@ template <class Ops>
 typename MirakWriter<Ops>::Value const* MirakWriter<Ops>::write(Value const& value, bool overwrite) {
    Key const key = Ops::key(value);
    if (inDirectMode()) [[unlikely]]
-      refuseUnbalanced("writing value:", Detail::textOf(value));
+      refuseUnbalanced("writing value:", keyText(value));
    releaseDue();
    auto const section = slots_.enterCriticalSection();
    Place place = locate(key);
    if (place.found) {
       Slot& slot = *reinterpret_cast<Slot*>(place.curr);
-      LOMI_TRACE(debugHandler_, 9, "MirakWriter", "existing {} bucket:{} slot:{} next:{}",
-                 Detail::textOf(key), place.bucket, slots_.indexOf(slot), Mem::loadPair(slot.link).next);
+      LOMI_TRACE(debugHandler_, 9, "MirakWriter", "existing {} bucket:{} slot:{} next:{}", keyText(key),
+                 place.bucket, slots_.indexOf(slot), Mem::loadPair(slot.link).next);
       if (overwrite) {
          overwriteSlot(slot, value);
          tesselWriter_.notify(slots_.indexOf(slot)); // 5
@@ -139,8 +131,8 @@ typename MirakWriter<Ops>::Value const* MirakWriter<Ops>::write(Value const& val
    Mem::storeShared(slot.versionFlags, (word + 4) | SlotFlags::occupied);
    // SYNC(chain-link) store: publishes the row; a reader that follows this link sees all of the above.
    publishLink(*place.prev, index); // 8
-   LOMI_TRACE(debugHandler_, 9, "MirakWriter", "new {} bucket:{} slot:{} next:{}", Detail::textOf(key),
-              place.bucket, index, Mem::loadPair(slot.link).next);
+   LOMI_TRACE(debugHandler_, 9, "MirakWriter", "new {} bucket:{} slot:{} next:{}", keyText(key), place.bucket,
+              index, Mem::loadPair(slot.link).next);
    if (members() > map_.growThreshold()) [[unlikely]]
       growBuckets();            // 9
    tesselWriter_.notify(index); // 10
@@ -150,12 +142,12 @@ typename MirakWriter<Ops>::Value const* MirakWriter<Ops>::write(Value const& val
 template <class Ops> bool MirakWriter<Ops>::remove(Key const& key, Value& removed) {
    refuseReentrancy();
    if (inDirectMode()) [[unlikely]]
-      refuseUnbalanced("removing key:", Detail::textOf(key));
+      refuseUnbalanced("removing key:", keyText(key));
+   if (!attached()) return false;
    releaseDue();
    Place const place = locate(key);
    if (!place.found) {
-      LOMI_TRACE(debugHandler_, 9, "MirakWriter", "{} bucket:{} not found", Detail::textOf(key),
-                 place.bucket);
+      LOMI_TRACE(debugHandler_, 9, "MirakWriter", "{} bucket:{} not found", keyText(key), place.bucket);
       return false;
    }
    // A miss never touches runtimeFlags: only from here on is the table half done.
@@ -167,7 +159,7 @@ template <class Ops> bool MirakWriter<Ops>::remove(Key const& key, Value& remove
    publishLink(*place.prev, Mem::loadPair(slot.link).next);
    [[maybe_unused]] u32 const shrinkThreshold = slots_.dealloc(index);
    tesselWriter_.notify(index);
-   LOMI_TRACE(debugHandler_, 9, "MirakWriter", "{} bucket:{} slot:{}", Detail::textOf(Ops::key(removed)),
+   LOMI_TRACE(debugHandler_, 9, "MirakWriter", "{} bucket:{} slot:{}", keyText(Ops::key(removed)),
               place.bucket, index);
    if (shrinkBuckets_ && members() < map_.shrinkThreshold()) [[unlikely]]
       shrinkBuckets();
@@ -192,12 +184,12 @@ typename MirakWriter<Ops>::Value const* MirakWriter<Ops>::lookup(Key const& key,
    found = false;
    u32 const hash = ops_.hash(key);
    u32 const bucket = map_.bucketOf(hash);
-   if (Slot const* slot = map_.lookup(key, bucket, hash)) {
+   if (Slot const* slot = attached() ? map_.lookup(key, bucket, hash) : nullptr) {
       anchor_ = slots_.anchorOf(*slot);
       found = true;
       return reinterpret_cast<Value const*>(slot->value);
    }
-   LOMI_TRACE(debugHandler_, 8, "MirakWriter", "{} not found bucket:{}", Detail::textOf(key), bucket);
+   LOMI_TRACE(debugHandler_, 8, "MirakWriter", "{} not found bucket:{}", keyText(key), bucket);
    anchor_ = {};
    if (buffer) std::memcpy(buffer, &Ops::typeDefault(), sizeof(Value));
    return &Ops::typeDefault();
@@ -205,18 +197,18 @@ typename MirakWriter<Ops>::Value const* MirakWriter<Ops>::lookup(Key const& key,
 
 template <class Ops> bool MirakWriter<Ops>::first(Value& value, IterHint& hint) const {
    refuseReentrancy();
-   return map_.first(0, value, hint);
+   return attached() && map_.first(0, value, hint);
 }
 
 template <class Ops> bool MirakWriter<Ops>::next(Key const& key, Value& value, IterHint& hint) const {
    refuseReentrancy();
-   return map_.next(key, value, hint);
+   return attached() && map_.next(key, value, hint);
 }
 
 template <class Ops> typename MirakWriter<Ops>::Value* MirakWriter<Ops>::directWrite(Value const& value) {
    Key const key = Ops::key(value);
    if (inDirectMode()) [[unlikely]]
-      refuseUnbalanced("writing value:", Detail::textOf(value));
+      refuseUnbalanced("writing value:", keyText(value));
    releaseDue();
    auto section = slots_.enterCriticalSection();
    Place place = locate(key);
@@ -228,7 +220,7 @@ template <class Ops> typename MirakWriter<Ops>::Value* MirakWriter<Ops>::directW
    Mem::storeShared(destination, &value, sizeof(Value));
    u32 const index = slots_.indexOf(slot);
    LOMI_TRACE(debugHandler_, 9, "MirakWriter", "{}{} bucket:{} slot:{} next:{}",
-              place.found ? " existing " : " new ", Detail::textOf(key), place.bucket, index,
+              place.found ? " existing " : " new ", keyText(key), place.bucket, index,
               Mem::loadPair(slot.link).next);
    directSlot_ = index;
    directPrevLink_ = place.prev;
@@ -239,7 +231,7 @@ template <class Ops> typename MirakWriter<Ops>::Value* MirakWriter<Ops>::directW
 
 template <class Ops> typename MirakWriter<Ops>::Value* MirakWriter<Ops>::directUpdate(Key const& key) {
    if (inDirectMode()) [[unlikely]]
-      refuseUnbalanced("modifying key:", Detail::textOf(key));
+      refuseUnbalanced("modifying key:", keyText(key));
    releaseDue();
    auto const section = slots_.enterCriticalSection();
    Place const place = locate(key);

@@ -6,6 +6,7 @@
 // shared and never static: two tables of one process have different seeds.
 #pragma once
 
+#include "Lomi/Export.h"
 #include "Mirak/SlotLink.h"
 #include "Tessel/DummyTesselWriter.h"
 #include "Zeb/Hash.h"
@@ -15,12 +16,12 @@
 namespace Mirak {
 
 /// Finds the key in a value; the stored key is the front of the stored value.
-template <class Key, class Value, auto retrieve> struct KeyRetrieval {
+template <class Key, class Value, auto retrieve> struct HOFLOW_EXPORT KeyRetrieval {
    static Key const& key(Value const& value) { return (value.*retrieve)(); }
 };
 
 /// Hashes a key with a table's seed. A one-byte key without a hash of its own is hashed as that byte.
-template <class Key, bool> struct Hash {
+template <class Key, bool> struct HOFLOW_EXPORT Hash {
    static u32 hash(Key const& key, u32 seed) {
       if constexpr (requires { key.hash(seed); }) {
          return key.hash(seed);
@@ -31,7 +32,7 @@ template <class Key, bool> struct Hash {
    }
 };
 
-template <class KeyType, class Value, class Retrieval, class Hasher> struct KeyOps {
+template <class KeyType, class Value, class Retrieval, class Hasher> struct HOFLOW_EXPORT KeyOps {
    u32 hashSeed = 0; ///< of the open table; set at attach, constant until detach
 
    static KeyType const& key(Value const& value) { return Retrieval::key(value); }
@@ -39,32 +40,32 @@ template <class KeyType, class Value, class Retrieval, class Hasher> struct KeyO
 };
 
 /// Copies values as bytes and adds nothing.
-template <class Value> struct Marshall {
+template <class Value> struct HOFLOW_EXPORT Marshall {
    static_assert(std::is_trivially_copyable_v<Value>);
    static_assert(sizeof(Value) % 4 == 0, "values are copied in words of 8 and 4 bytes");
 };
 
 /// Supplies the default value that a failed lookup hands back.
-template <class Value> struct Allocator {
+template <class Value> struct HOFLOW_EXPORT Allocator {
    static Value const& typeDefault() {
       static Value const type_default{};
       return type_default;
    }
 };
 
-template <class Key, class Value, class Marshalling, class Allocating> struct ValueOps {
+template <class Key, class Value, class Marshalling, class Allocating> struct HOFLOW_EXPORT ValueOps {
    static Value const& typeDefault() { return Allocating::typeDefault(); }
 };
 
 /// Names the policy slot of slot allocation; SlotWriterTable does the work.
-template <class Key, class Value> struct SlotAllocator {};
+template <class Key, class Value> struct HOFLOW_EXPORT SlotAllocator {};
 
 /// No table keeps the previous value of an overwritten entry.
-struct NullPrevValueAnchor {};
+struct HOFLOW_EXPORT NullPrevValueAnchor {};
 
 template <class KeyType, class ValueType, class KeyOperations, class ValueOperations, class SlotAlloc,
           class TesselWriterType, class PrevValueAnchor>
-struct Ops {
+struct HOFLOW_EXPORT Ops {
    using Key = KeyType;
    using Value = ValueType;
    using ValueOperationsType = ValueOperations;

@@ -42,6 +42,7 @@ public:
    /// Bytes of a value's front that hold the whole key, in words: what a walk reads of a row it only passes.
    static constexpr u32 frontBytes =
        (sizeof(Key) + 7) / 8 * 8 < sizeof(Value) ? (sizeof(Key) + 7) / 8 * 8 : sizeof(Value);
+   static constexpr u32 restBytes = sizeof(Value) - frontBytes;
 
    /// The slots that are mapped.
    struct Slots {
@@ -104,28 +105,27 @@ public:
       return {static_cast<u32>(both), static_cast<u32>(both >> 32)};
    }
 
-   /// Reads the row of `slot` as one whole: its front always, the rest only if `wanted(rhash)`, asked after
-   /// the front is copied, says so (and again on each repeat). Leaves the anchor on the slot.
+   /// Reads the row of `slot` as one whole: its front always, the rest only if `wanted(rhash)`, which is
+   /// asked once or twice after the front is copied, says so. Leaves the anchor on the slot.
    /// @param front frontBytes of private memory; @param rest what follows them
    template <class Wanted>
-   [[gnu::always_inline]] Read readSlot(Slot const& slot, void* front, void* rest, Wanted&& wanted) const {
-      // SYNC(slot-word) load: an unchanged word on both sides of the copy proves the copy whole, be it from
-      // the slot or, with LOOKASIDE up, from the header's spare slot. Word and rhash are one load.
+   [[gnu::always_inline]] Read readSlot(Slot const& slot, void* front, void* rest,
+                                        Wanted const& wanted) const {
+      // SYNC(slot-word) load: an unchanged word on both sides of the copy proves the copy whole. Word and
+      // rhash are one load.
       Read read = loadWordAndHash(slot);
-      for (;;) {
-         Slot const* source = &slot;
-         if (read.word & SlotFlags::lookaside) [[unlikely]] {
-            ++counters_.lookasideReads;
-            source = &Base::lookaside(*header_);
-            read.rhash = Mem::loadShared(source->rhash);
-         }
-         Mem::loadShared(front, source->value, frontBytes);
-         if (wanted(read.rhash))
-            Mem::loadShared(rest, source->value + frontBytes, sizeof(Value) - frontBytes);
+      bool whole = false;
+      if (!(read.word & SlotFlags::lookaside)) [[likely]] {
+         Mem::loadSharedRow<frontBytes>(front, slot.value);
+         if (wanted(read.rhash)) Mem::loadSharedRow<restBytes>(rest, slot.value + frontBytes);
          Read const again = loadWordAndHash(slot);
-         if (again.word == read.word) [[likely]]
-            break;
-         read = again;
+         whole = again.word == read.word;
+         if (!whole) [[unlikely]]
+            read = again;
+      }
+      if (!whole) [[unlikely]] {
+         read = readChanging(slot, read, front, rest);
+         wanted(read.rhash);
       }
       anchor_.word = read.word;
       anchor_.offset = static_cast<u32>(reinterpret_cast<char const*>(&slot.versionFlags) - mappedBase());
@@ -135,7 +135,7 @@ public:
 
    /// Reads the whole row of slot `index` into `value`, as readSlot does.
    /// @throws Lomi::CorruptionDetectedException on an index that isn't mapped
-   Read getValue(u32 index, Value& value) const {
+   [[gnu::always_inline]] Read getValue(u32 index, Value& value) const {
       auto* to = reinterpret_cast<unsigned char*>(&value);
       return readSlot(slots_[index], to, to + frontBytes, [](u32) { return true; });
    }
@@ -162,6 +162,7 @@ public:
    Mem::VersionAnchor& mappedAnchor() { return mappedAnchor_; }
 
 private:
+   [[gnu::cold, gnu::noinline]] Read readChanging(Slot const& slot, Read read, void* front, void* rest) const;
    char const* mappedBase() const { return reinterpret_cast<char const*>(header_); }
    u64 bytesFor(u32 numSlots) const;
    [[gnu::cold, gnu::noinline]] void follow();
@@ -217,6 +218,27 @@ template <class Ops> void SlotReaderTable<Ops>::detach() {
    // The place that an anchor names may hold anything from here on.
    markGone(anchor_);
    markGone(mappedAnchor_);
+}
+
+/// Reads the whole row of a slot that the writer is overwriting, or was a moment ago. `read` is its word as
+/// last seen.
+template <class Ops>
+auto SlotReaderTable<Ops>::readChanging(Slot const& slot, Read read, void* front, void* rest) const -> Read {
+   for (;;) {
+      // SYNC(slot-word) load: with LOOKASIDE up, the new value and its rhash stand whole in the spare slot,
+      // and they stay there until the word moves again.
+      Slot const* source = &slot;
+      if (read.word & SlotFlags::lookaside) {
+         ++counters_.lookasideReads;
+         source = &Base::lookaside(*header_);
+         read.rhash = Mem::loadShared(source->rhash);
+      }
+      Mem::loadSharedRow<frontBytes>(front, source->value);
+      Mem::loadSharedRow<restBytes>(rest, source->value + frontBytes);
+      Read const again = loadWordAndHash(slot);
+      if (again.word == read.word) return read;
+      read = again;
+   }
 }
 
 template <class Ops> u64 SlotReaderTable<Ops>::bytesFor(u32 numSlots) const {

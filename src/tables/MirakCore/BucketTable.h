@@ -27,7 +27,7 @@ using Mirak::u32;
 using Mirak::u64;
 
 /// The bucket file's header. Only BucketWriter stores into it.
-struct BucketTableHeader {
+struct HOFLOW_EXPORT BucketTableHeader {
    static constexpr u64 magicValue = 0x544b424b4152494d; ///< "MIRAKBKT"
    static constexpr u32 formatVersion = 1;
 

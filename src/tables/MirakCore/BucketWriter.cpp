@@ -110,7 +110,13 @@ template <class Link> bool BucketWriter<Link>::validate(Parcel::KestorId kestor,
 }
 
 template <class Link> void BucketWriter<Link>::validateFile() const {
-   Mirak::Util::validateFile(debugHandler_, wrapper_.getFilename(), sizeof(BucketTableHeader));
+   u64 const mapped = wrapper_.mappedSize();
+   Mirak::Util::validateFile(debugHandler_, wrapper_.getFilename(),
+                             mapped ? mapped : sizeof(BucketTableHeader));
+}
+
+template <class Link> void BucketWriter<Link>::cleanup() {
+   if (!wrapper_.remove()) throw Lomi::RuntimeException(wrapper_.lastError());
 }
 
 template <class Link> void BucketWriter<Link>::outOfRange(u32 index) const {

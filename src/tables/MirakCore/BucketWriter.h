@@ -45,8 +45,8 @@ public:
    void reserve(u32 newNumBuckets);
    bool validate(Parcel::KestorId kestor, std::string& error) const;
    void validateFile() const;
-   /// Removes the file.
-   void cleanup() { wrapper_.remove(); }
+   /// Removes the file. @throws Lomi::RuntimeException if it can't be removed
+   void cleanup();
 
    /// @throws Lomi::CorruptionDetectedException on an index outside the table
    Link& operator[](u32 index) {

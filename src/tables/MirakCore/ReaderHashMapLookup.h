@@ -95,7 +95,8 @@ template <ReaderErrors::Walk walk, class Judge>
 }
 
 template <class Owner>
-auto ReaderHashMap<Owner>::lookup(Key const& key, bool& found, void* buffer) const -> Value const* {
+[[gnu::flatten]] auto ReaderHashMap<Owner>::lookup(Key const& key, bool& found, void* buffer) const
+    -> Value const* {
    found = false;
    u32 const numBuckets = buckets_.numBuckets();
    if (numBuckets == 0) [[unlikely]] {

@@ -5,23 +5,19 @@
 //
 // Invariants, between operations:
 //   I1  the rows form one list, strictly ascending by (rhash, key); bucket b's chain is the stretch of it
-//   whose
-//       hashes end in b's bits, and ends in a link that names the next bucket of the walk
+//       whose hashes end in b's bits, and ends in a link that names the next bucket of the walk
 //   I2  every row of a chain is OCCUPIED and hashes to that chain's bucket
 // Any breach that a step meets is thrown as Lomi::CorruptionDetectedException; nothing is repaired here, and
 // no loop trusts the links for its end: each counts against the capacity.
 //
 // Growing from n to 2n, and what a crash leaves (numBuckets is the commit point):
-//   pass 1   entry b + n := the link that leads to the first row of chain b which hashes to b + n. Invisible:
-//   the
-//            table is simply the old one.
+//   pass 1   entry b + n := the link that leads to the first row of chain b which hashes to b + n.
+//            Invisible: the table is simply the old one.
 //   publish  numBuckets := 2n. Uncut chains still end in their old successor, which no chain of 2n may: the
-//   walk of
-//            the next start fails on it.
-//   pass 2   the link before that row := end of chain, next bucket b + n. Readers of either count find every
-//   row
-//            throughout: by the old entry until the cut, and after it they see an end that the new count
-//            explains.
+//            walk of the next start fails on it.
+//   pass 2   the link before that row := end of chain, next bucket b + n. Readers of either count find
+//            every row throughout: by the old entry until the cut, and after it they see an end that the
+//            new count explains.
 // Shrinking mirrors it: chains are joined first, then the count falls, then the file.
 #pragma once
 
@@ -31,6 +27,7 @@
 #include "Mem/VersionAnchor.h"
 #include "Mirak/Counters.h"
 #include "Mirak/IterHint.h"
+#include "Mirak/KeyText.h"
 #include "Mirak/SlotWriter.h"
 #include "MirakCore/BucketWriter.h"
 
@@ -122,9 +119,8 @@ private:
       anchor_ = slots_.anchorOf(slot);
       Mem::loadShared(&value, slot.value, sizeof(Value));
    }
-   bool atEndOfTable(u32 bucket) const;
+   void atEndOfTable(u32 bucket) const;
    bool nextSlow(Key const& key, Value& value, IterHint& hint) const;
-   bool goOn(u32 bucket, u32 next, Value& value, IterHint& hint) const;
    void checkRhash(u32 index, u32 rhash, u32 hash, bool slowPath) const;
    void mark(u32 index) const;
    SlotLink* cutPoint(u32 bucket, u32 bit, u32& visited);
@@ -157,9 +153,9 @@ public:
       , begin_(Lomi::time()) {
       renew();
    }
-   /// Called after each bucket. The clock is looked at every 64th time, which is well below a millisecond.
-   void check(u32 step) {
-      if (!enabled_ || step % 64 != 63 || Lomi::Rdtsc::now() < at_) return;
+   /// Called after each bucket: nothing bounds the chains of the next ones.
+   void check() {
+      if (!enabled_ || Lomi::Rdtsc::now() < at_) return;
       Lomi::TaskSchedulerRoot::root().runCriticalPriorityTasks();
       renew();
    }
@@ -214,12 +210,11 @@ template <class Ops> void WriterHashMap<Ops>::verifyNextBucket(u32 bucket, u32 n
 }
 
 /// The walk met the end of the table in `bucket`. Only the last bucket may say so.
-template <class Ops> bool WriterHashMap<Ops>::atEndOfTable(u32 bucket) const {
+template <class Ops> void WriterHashMap<Ops>::atEndOfTable(u32 bucket) const {
    if (bucket != buckets_.numBuckets() - 1) [[unlikely]]
       corrupt(
           "thinks we've reached the end of the table, but we're in bucket {} when there are numBuckets: {}",
           bucket, buckets_.numBuckets());
-   return false;
 }
 
 template <class Ops>
@@ -239,8 +234,9 @@ template <class Ops> bool WriterHashMap<Ops>::first(u32 bucket, Value& value, It
    u32 next = Mem::loadPair(buckets_[bucket]).next;
    for (u32 count = 1; endsChain(next); ++count) {
       if (next == noSlot) {
+         atEndOfTable(bucket);
          LOMI_TRACE(debugHandler_, 8, "WriterHashMap", "{}", "none found!");
-         return atEndOfTable(bucket);
+         return false;
       }
       if (count >= buckets_.numBuckets()) [[unlikely]]
          corrupt("has bucket cycle detected, bucketCount: {} numBuckets: {}", count, buckets_.numBuckets());
@@ -275,8 +271,9 @@ template <class Ops> bool WriterHashMap<Ops>::next(Key const& after, Value& valu
    try {
       if (endsChain(index)) {
          if (index == noSlot) {
-            LOMI_TRACE(debugHandler_, 9, "WriterHashMap", "{} failed", "next");
-            return atEndOfTable(hint.bucket);
+            atEndOfTable(hint.bucket);
+            LOMI_TRACE(debugHandler_, 9, "WriterHashMap", "{} failed", Mirak::keyText(key));
+            return false;
          }
          verifyNextBucket(hint.bucket, nextBucketOf(index));
          toNextBucket = true;
@@ -329,17 +326,12 @@ template <class Ops> bool WriterHashMap<Ops>::nextSlow(Key const& key, Value& va
       }
       index = Mem::loadPair(slot.link).next;
    }
-   return goOn(bucket, index, value, hint);
-}
-
-/// The chain of `bucket` ended in `next`: the table ends there, or the walk goes on in another bucket.
-template <class Ops> bool WriterHashMap<Ops>::goOn(u32 bucket, u32 next, Value& value, IterHint& hint) const {
-   if (next == noSlot) {
-      LOMI_TRACE(debugHandler_, 9, "WriterHashMap", "{} failed", "next");
+   if (index == noSlot) {
+      LOMI_TRACE(debugHandler_, 9, "WriterHashMap", "{} failed", Mirak::keyText(key));
       return false;
    }
-   verifyNextBucket(bucket, nextBucketOf(next));
-   return first(nextBucketOf(next), value, hint);
+   verifyNextBucket(bucket, nextBucketOf(index));
+   return first(nextBucketOf(index), value, hint);
 }
 
 template <class Ops> void WriterHashMap<Ops>::checkVisited(u32 visited) const {
@@ -399,7 +391,7 @@ template <class Ops> void WriterHashMap<Ops>::growBuckets(bool criticalTaskCheck
       }
       cuts_[b] = cutPoint(b, bit, visited);
       Mirak::publishLink(entries[b + n], Mem::loadPair(*cuts_[b]).next);
-      deadline.check(b);
+      deadline.check();
    }
    // SYNC(num-buckets) store: the entries up to 2n are complete.
    auto& count = buckets_.header().numBuckets;
@@ -407,7 +399,7 @@ template <class Ops> void WriterHashMap<Ops>::growBuckets(bool criticalTaskCheck
    for (u32 b = 0; b < n; ++b) {
       // SYNC(chain-link) store: cuts the chain in two; both parts keep their slots and their order.
       Mirak::publishLink(*cuts_[b], chainEnd(b + n));
-      deadline.check(b);
+      deadline.check();
    }
    counters_.lastBucketGrow = deadline.elapsed();
    counters_.longestBucketGrow = std::max(counters_.longestBucketGrow, counters_.lastBucketGrow);
@@ -425,7 +417,7 @@ template <class Ops> void WriterHashMap<Ops>::shrinkBuckets(bool criticalTaskChe
       // SYNC(chain-link) store: the upper chain is joined behind the lower one, and its end names the bucket
       // that follows in the smaller table, too.
       Mirak::publishLink(*last, Mem::loadPair(buckets_.entries()[b + half]).next);
-      deadline.check(b);
+      deadline.check();
    }
    // SYNC(num-buckets) store: readers stop using the upper half before it goes.
    auto& count = buckets_.header().numBuckets;

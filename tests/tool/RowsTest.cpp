@@ -1,0 +1,314 @@
+// SPDX-License-Identifier: Apache-2.0
+// The tool on sound tables: what each command says of them, in both forms, and how people name tables, keys
+// and fields. Every key that dump prints is typed back into get, so printing and parsing can't drift apart.
+#include "Support.h"
+
+#include <sys/stat.h>
+
+namespace ToolTest {
+namespace {
+
+using namespace FlowTracking;
+using testing::ExitedWithCode;
+
+/// One table of each type, two rows in each.
+class AllTypes : public Root {
+protected:
+   AllTypes() {
+      make<HoIpFlowCounter>("t/counter/hoIpFlowCounter", counter4(0), counter4(1), false);
+      make<HoIp6FlowCounter>("t/counter/hoIp6FlowCounter", counter6(0), counter6(1), false);
+      HosStateCounterEntry state{HosStateCounterKey(HoFlowState::offloaded)};
+      state.hoFlowsIs(7);
+      make<HosStateCounterEntry>("t/counter/hosStateCounter", state,
+                                 HosStateCounterEntry{HosStateCounterKey(static_cast<HoFlowState>(200))},
+                                 false);
+      makeFlows<HoIpFlowConfig, HoIpFlowStatus>("IpFlow", HoIpFlowKey(key4(5), Nimbet::IntfId(7)),
+                                                HoIpFlowKey(key4(5), Nimbet::IntfId()));
+      makeFlows<HoIp6FlowConfig, HoIp6FlowStatus>("Ip6Flow", HoIp6FlowKey(key6(5), Nimbet::IntfId(7, 2)),
+                                                  HoIp6FlowKey(key6(6), Nimbet::IntfId(8)));
+   }
+
+   template <class Record> void make(std::string const& name, Record const& a, Record const& b, bool queue) {
+      Writer<Record> writer(name);
+      writer.put(a);
+      writer.put(b);
+      names.push_back(name);
+      queues.push_back(queue);
+   }
+   template <class Config, class Status, class Key>
+   void makeFlows(std::string const& family, Key const& one, Key const& two) {
+      Config config(one);
+      config.createTimeIs(1);
+      config.srcEthAddrIs(Nimbet::EthAddr({0, 0x1c, 0x73, 0, 0, 0x99}));
+      config.dot1qVlanTagIs(Ovie::VlanTag(0x6000 | 42, 0x88a8));
+      config.cachedIntfIdIs(Nimbet::IntfId(9));
+      make<Config>("t/config/ho" + family + "Config", config, Config(two), true);
+      Status status(one);
+      status.hoFlowStateIs(HoFlowState::rejected);
+      make<Status>("t/status/ho" + family + "Status", status, Status(two), true);
+   }
+   void SetUp() override {
+      for (std::size_t i = 0; i < names.size(); ++i)
+         if (queues[i]) claimQueue(names[i]);
+   }
+
+   json rowOf(std::string const& table, std::function<bool(json const&)> wanted) {
+      for (json const& row : run({"dump", table, "-j"}).objects())
+         if (wanted(row)) return row;
+      ADD_FAILURE() << table << " has no such row";
+      return {};
+   }
+
+   std::vector<std::string> names;
+   std::vector<bool> queues;
+};
+
+TEST_F(AllTypes, EachRowPrintedCanBeAskedFor) {
+   ASSERT_EQ(names.size(), 7u);
+   for (std::string const& name : names) {
+      SCOPED_TRACE(name);
+      auto const dump = run({"dump", name, "-j"});
+      ASSERT_EQ(dump.status, 0) << dump.err;
+      auto const rows = dump.objects();
+      ASSERT_EQ(rows.size(), 2u);
+      for (json const& row : rows) {
+         auto const again = run({"get", name, row["key"].dump(), "-j"});
+         EXPECT_EQ(again.status, 0) << again.err;
+         ASSERT_EQ(again.objects().size(), 1u);
+         EXPECT_EQ(again.objects()[0], row);
+         // The columns hold the same fields as words without blanks, and the words are a key, too.
+         auto const text = run({"get", name, row.dump()});
+         std::vector<std::string> words{"get", name, "-j"};
+         for (std::string const& line : text.lines()) {
+            std::istringstream in(line);
+            std::string field, word, more;
+            EXPECT_TRUE(in >> field >> word && !(in >> more)) << line;
+            if (row["key"].contains(field)) words.push_back(field + "=" + word);
+         }
+         EXPECT_EQ(run(words).out, again.out);
+      }
+      EXPECT_EQ(run({"count", name}).out, "2\n");
+      EXPECT_EQ(run({"check", name}).status, 0);
+      EXPECT_EQ(run({"stat", name, "-j"}).objects().at(0)["rows"], 2);
+      auto const show = run({"show", name, "-j"}).objects().at(0);
+      EXPECT_EQ(show["rows"], 2);
+      EXPECT_EQ(show["state"], "ok");
+      EXPECT_EQ(show["writerAlive"], false);
+   }
+}
+
+TEST_F(AllTypes, RowsAsJson) {
+   auto const counter = rowOf(names[0], [](json const& row) { return row["key"]["srcAddr"] == "10.1.0.1"; });
+   EXPECT_EQ(counter, json::parse(R"({"key":{"vrfId":0,"vlanId":0,"srcAddr":"10.1.0.1","dstAddr":"10.2.0.1",
+      "ipProtocol":"TCP","ipProtocolNumber":6,"srcPort":1000,"dstPort":443,"direction":0},"intfId":null,"packets":2,
+      "bytes":1099511627777,"createTime":"2025-01-02T03:04:05.250000Z","updateTime":"2025-01-02T03:04:06.250000Z",
+      "hosEntries":0})"));
+   EXPECT_EQ(rowOf(names[1], [](json const& row) { return row["packets"] == 2; })["key"]["srcAddr"],
+             "2001:db8::1");
+   EXPECT_EQ(rowOf(names[2], [](json const& row) { return row["hoFlows"] == 7; }),
+             json::parse(R"({"key":{"key":"offloaded"},"hoFlows":7})"));
+   auto const config = rowOf("hoIpFlowConfig", [](json const& row) { return row["key"]["intfId"] == "if7"; });
+   EXPECT_EQ(config["srcEthAddr"], "00:1c:73:00:00:99");
+   EXPECT_EQ(
+       config["dot1qVlanTag"],
+       json::parse(R"({"vlanId":42,"priority":3,"dropEligible":false,"protocolId":"0x88a8","depth":0})"));
+   EXPECT_EQ(config["dot1qCustomerVlanTag"], nullptr);
+   EXPECT_EQ(config["cachedIntfId"], "if9");
+   EXPECT_EQ(config["createTime"], "1970-01-01T00:00:01.000000Z");
+   auto const status =
+       rowOf("hoIp6FlowStatus", [](json const& row) { return row["key"]["intfId"] == "if7.2"; });
+   EXPECT_EQ(status["hoFlowState"], "rejected");
+}
+
+TEST_F(AllTypes, List) {
+   auto const list = run({"list", "-j"}).objects();
+   ASSERT_EQ(list.size(), 7u);
+   for (json const& table : list) EXPECT_EQ(table["state"], "ok") << table;
+   EXPECT_EQ(run({"list", "--names", "*Counter"}).out,
+             "t/counter/hoIp6FlowCounter\nt/counter/hoIpFlowCounter\nt/counter/hosStateCounter\n");
+   auto const text = run({"list", "Status"});
+   ASSERT_EQ(text.lines().size(), 3u); // names of the columns first
+   EXPECT_NE(text.lines()[1].find("HoIp6FlowStatus"), std::string::npos);
+   EXPECT_EQ(run({"list", "nothing"}).status, 1);
+}
+
+class Rows : public Root {
+protected:
+   static constexpr u32 rows = 3000;
+   Rows() {
+      Writer<HoIpFlowCounter> writer(counterName, 100);
+      for (u32 n = 0; n < rows; ++n) writer.put(counter4(n));
+      Writer<HoIp6FlowCounter> writer6(counter6Name, 100);
+      writer6.put(counter6(1));
+   }
+};
+
+TEST_F(Rows, GetTakesKeysAsPeopleWriteThem) {
+   std::vector<std::vector<std::string>> const spellings = {
+       {"src=10.1.0.1", "dst=10.2.0.1", "proto=tcp", "sport=1000", "dport=443"},
+       {"srcAddr=10.1.0.1", "dstAddr=10.2.0.1", "ipProtocol=6", "srcPort=1000", "dstPort=443", "vlanId=0",
+        "vrf=0"},
+       {"TCP", "10.1.0.1:1000", "10.2.0.1:443"},
+       {"vrf 0 vlan 0 TCP 10.1.0.1:1000 -> 10.2.0.1:443"},
+       {"proto=Tcp", "src=10.1.0.1:1000", "dst=10.2.0.1:443", "dir=unspecified"},
+       {"key.srcAddr=10.1.0.1", "10.2.0.1", "ipProtocolNumber=6", "sport=1000", "dport=443"},
+   };
+   for (auto const& words : spellings) {
+      std::vector<std::string> arguments{"get", counterName, "-j"};
+      arguments.insert(arguments.end(), words.begin(), words.end());
+      auto const result = run(arguments);
+      ASSERT_EQ(result.status, 0) << words[0] << result.err;
+      EXPECT_EQ(result.objects().at(0)["packets"], 2);
+   }
+   auto const six =
+       run({"get", "hoIp6FlowCounter", "udp", "[2001:db8::1]:1000", "[2001:db8:100::]:53", "-j"});
+   ASSERT_EQ(six.status, 0) << six.err;
+   EXPECT_EQ(six.objects().at(0)["packets"], 2);
+   // The same flow in a VLAN is another row.
+   auto const absent = run({"get", counterName, "TCP", "10.1.0.1:1000", "10.2.0.1:443", "vlan=42"});
+   EXPECT_EQ(absent.status, 1);
+   EXPECT_EQ(absent.out, "");
+   EXPECT_NE(absent.err.find("vlanId=42"), std::string::npos) << absent.err;
+}
+
+TEST_F(Rows, BadWordsAreNamed) {
+   struct Bad {
+      std::vector<std::string> arguments;
+      char const* says;
+   };
+   std::vector<std::string> const get{"get", counterName, "tcp", "10.1.0.1:1000"};
+   auto const with = [&](char const* word) {
+      auto arguments = get;
+      arguments.push_back(word);
+      return arguments;
+   };
+   Bad const all[] = {
+       {get, "lacks dstAddr"},
+       {with("dst=10.2.0"), "\"dst=10.2.0\": dstAddr expects an IPv4 address"},
+       {with("dst=2001:db8::1"), "expects an IPv4 address"},
+       {with("10.2.0.1:65536"), "dstPort expects a number from 0 to 65535"},
+       {with("sport=5"), "srcPort is given twice"},
+       {with("proto=tpc"), "expects a protocol"},
+       {with("vlan=-1"), "vlanId expects a number from 0 to 65535"},
+       {with("colour=red"), "no field \"colour\""},
+       {with("packets=5"), "no field \"packets\""},
+       {with("hello"), "\"hello\" says nothing about a key"},
+       {with("{\"dstAddr\":"), "expected a JSON object"},
+       {{"dump", counterName, "-w", "packets>x"}, "\"packets>x\": packets expects a number"},
+       {{"dump", counterName, "-w", "nothing=1"}, "no field \"nothing\""},
+       {{"dump", counterName, "-w", "packets"}, "expected FIELD=VALUE"},
+       {{"dump", counterName, "-w", "src=10.0.0.0/33"}, "a prefix length from 0 to 32"},
+       {{"dump", counterName, "-w", "updateTime<yesterday"}, "a time like 2025"},
+       {{"dump", counterName, "-c", "bites"}, "\"bites\" is no column"},
+       {{"frobnicate"}, "frobnicate"},
+       {{"dump"}, "TABLE"},
+       {{"show", "../x"}, "../x"},
+   };
+   for (auto const& [arguments, says] : all) {
+      auto const result = run(arguments);
+      EXPECT_EQ(result.status, std::string(arguments.back()) == "../x" ? 3 : 2) << arguments.back();
+      EXPECT_EQ(result.out, "") << arguments.back();
+      EXPECT_NE(result.err.find(says), std::string::npos) << arguments.back() << ": " << result.err;
+   }
+}
+
+TEST_F(Rows, Filters) {
+   auto const counted = [&](std::vector<std::string> tests) {
+      std::vector<std::string> arguments{"count", counterName};
+      for (auto& test : tests) arguments.insert(arguments.end(), {"--where", std::move(test)});
+      return std::stoul("0" + run(arguments).out);
+   };
+   EXPECT_EQ(counted({"proto=tcp"}), rows / 2);
+   EXPECT_EQ(counted({"proto!=tcp"}), rows / 2);
+   EXPECT_EQ(counted({"proto=tcp", "vlan=42"}), rows / 6);
+   EXPECT_EQ(counted({"packets<=10"}), 10u);
+   EXPECT_EQ(counted({"packets>10"}), rows - 10);
+   EXPECT_EQ(counted({"src=10.1.1.0/24"}), 256u);
+   EXPECT_EQ(counted({"src!=10.1.1.0/24"}), rows - 256);
+   EXPECT_EQ(counted({"src<10.1.1.0"}), 256u);
+   EXPECT_EQ(counted({"src=0.0.0.0/0"}), rows);
+   EXPECT_EQ(counted({"updateTime<2025-01-02T03:04:07"}), 2u);
+   EXPECT_EQ(counted({"updateTime>=1735787047"}), rows - 2);
+   EXPECT_EQ(counted({"intfId=none"}), rows);
+   EXPECT_EQ(run({"count", counterName, "-w", "packets=0"}).status, 1);
+   EXPECT_EQ(run({"dump", counterName, "-w", "packets=0"}).status, 1);
+   EXPECT_EQ(run({"dump", counter6Name, "-w", "src=2001:db8::/127"}).status, 0);
+   EXPECT_EQ(run({"dump", counter6Name, "-w", "src=2001:db8::/128"}).status, 1);
+}
+
+TEST_F(Rows, Columns) {
+   auto const all = run({"dump", counterName}).lines();
+   ASSERT_EQ(all.size(), rows + 1);
+   std::istringstream names(all[0]);
+   std::string name;
+   std::size_t columns = 0, most = 0;
+   while (names >> name) ++columns;
+   for (std::string const& line : all) {
+      std::istringstream in(line);
+      std::size_t words = 0;
+      while (in >> name) ++words;
+      EXPECT_EQ(words, columns) << line;
+      most = std::max(most, line.size());
+   }
+   EXPECT_EQ(all[0].size(), most); // aligned: the last column's name is its widest word
+   auto const chosen =
+       run({"dump", counterName, "--columns", "srcAddr,packets", "--no-header", "--limit", "3"}).lines();
+   ASSERT_EQ(chosen.size(), 3u);
+   EXPECT_EQ(chosen[0].rfind("10.1.", 0), 0u);
+}
+
+TEST_F(Rows, TablesAreNamedAsPeopleDo) {
+   std::string const rowCount = std::to_string(rows) + "\n";
+   EXPECT_EQ(run({"count", "hoIpFlowCounter"}).out, rowCount);
+   EXPECT_EQ(run({"count", "capture/hoIpFlowCounter"}).out, rowCount);
+   EXPECT_EQ(run({"count", root + "/" + counterName + "/"}).out, rowCount);
+   EXPECT_EQ(run({"count", "*/hoIpFlow*"}).out, rowCount);
+   EXPECT_EQ(run({"count", "*"}).lines().size(), 2u);
+   EXPECT_EQ(run({"dump", "*"}).status, 2);
+   EXPECT_EQ(run({"count", "/elsewhere/x"}).status, 2);
+   auto const typo = run({"count", "hoIpFlowCountr"});
+   EXPECT_EQ(typo.status, 3);
+   EXPECT_NE(typo.err.find("did you mean"), std::string::npos);
+   EXPECT_NE(typo.err.find(counterName), std::string::npos) << typo.err;
+   auto const unknown = run({"count", "completelyElse"});
+   EXPECT_EQ(unknown.status, 3);
+   EXPECT_NE(unknown.err.find(counterName), std::string::npos) << unknown.err;
+   Writer<HoIpFlowCounter> other("flowtracking/other/hoIpFlowCounter");
+   auto const two = run({"count", "hoIpFlowCounter"});
+   EXPECT_EQ(two.status, 2);
+   EXPECT_NE(two.err.find("flowtracking/other/hoIpFlowCounter"), std::string::npos) << two.err;
+}
+
+TEST_F(Rows, OptionsStandAnywhere) {
+   std::string const expected = fmt::format("{{\"table\":\"{}\",\"rows\":{}}}\n", counterName, rows);
+   EXPECT_EQ(hoflow({"-j", "--root", root, "count", counterName}).out, expected);
+   EXPECT_EQ(hoflow({"count", counterName, "--json", "--root=" + root}).out, expected);
+   EXPECT_EQ(hoflow({"count", "-j", counterName}, {.environment = {"HOFLOW_ROOT=" + root}}).out, expected);
+   EXPECT_EQ(
+       hoflow({"count", "-j", "--root", root, counterName}, {.environment = {"HOFLOW_ROOT=/nowhere"}}).out,
+       expected);
+   EXPECT_EQ(hoflow({"list"}, {.environment = {"HOFLOW_ROOT=/nowhere"}}).status, 3);
+}
+
+TEST_F(Rows, HelpTeaches) {
+   auto const alone = run({});
+   EXPECT_EQ(alone.status, 0);
+   EXPECT_NE(alone.out.find(counterName), std::string::npos);
+   EXPECT_EQ(hoflow({}, {.environment = {"HOFLOW_ROOT=/nowhere"}}).status, 0);
+   for (char const* command : {"list", "show", "header", "get", "dump", "count", "check", "stat"}) {
+      auto const help = run({command, "--help"});
+      EXPECT_EQ(help.status, 0);
+      EXPECT_NE(help.out.find(std::string("  hoflow ") + command), std::string::npos) << help.out;
+      EXPECT_NE(run({"--help"}).out.find(command), std::string::npos);
+   }
+}
+
+TEST_F(Rows, ColourOnlyOnATerminal) {
+   auto const colour = [](Result const& result) { return result.out.find("\033[") != std::string::npos; };
+   EXPECT_TRUE(colour(run({"list"}, {.terminal = true})));
+   EXPECT_FALSE(colour(run({"list"}, {.environment = {"NO_COLOR=1"}, .terminal = true})));
+   EXPECT_FALSE(colour(run({"list"})));
+}
+
+} // namespace
+} // namespace ToolTest

@@ -1,0 +1,316 @@
+// SPDX-License-Identifier: Apache-2.0
+// The tool on tables that can't be read, and beside writers that don't keep still: the exit status for each
+// kind of trouble, a message that names the file, and nothing ever written, as root neither.
+#include "Support.h"
+
+#include "Parcel/KestorFile.h"
+
+#include <atomic>
+#include <csignal>
+#include <filesystem>
+#include <fmt/format.h>
+#include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
+
+namespace ToolTest {
+namespace {
+
+using namespace FlowTracking;
+namespace fs = std::filesystem;
+using Header = Mirak::SlotTableHeader;
+using BucketHeader = MirakCore::BucketTableHeader;
+
+class Trouble : public Root {
+protected:
+   static constexpr u32 rows = 500;
+   Trouble() { makeTable(); }
+   void makeTable(u32 count = rows) const {
+      Writer<HoIpFlowCounter> writer(counterName, 100);
+      for (u32 n = 0; n < count; ++n) writer.put(counter4(n));
+   }
+   std::string slots() const { return file(counterName, "slots"); }
+   std::string buckets() const { return file(counterName, "buckets"); }
+   std::string kestor() const { return file(counterName, "kestor"); }
+   /// Where slot n begins.
+   static std::size_t slotAt(u32 n) { return 672 + 88 * std::size_t{n}; }
+};
+
+TEST_F(Trouble, EachKindHasItsStatusAndNamesItsFile) {
+   struct Kind {
+      char const* what;
+      std::function<void()> damage;
+      int status;
+      std::vector<std::string> says; ///< all on stderr
+   };
+   auto const slotField = [&](auto value, std::size_t offset) {
+      return [=, this] { poke(slots(), offset, value); };
+   };
+   auto const sealed = [&](auto value, std::size_t offset) {
+      return [=, this] {
+         poke(slots(), offset, value);
+         sealHeader(counterName);
+      };
+   };
+   Kind const kinds[] = {
+       {"no table", [&] { fs::remove_all(root + "/" + counterName); }, 3, {counterName}},
+       {"no kestor file", [&] { fs::remove(kestor()); }, 5, {kestor(), "half made"}},
+       {"only an owner file",
+        [&] {
+           fs::remove(kestor());
+           fs::remove(slots());
+           fs::remove(buckets());
+        },
+        5,
+        {kestor(), "half made"}},
+       {"kestor file cut", [&] { fs::resize_file(kestor(), 7); }, 4, {kestor(), "7 bytes"}},
+       {"kestor of another table", [&] { poke(kestor(), 8, u32{0x12345}); }, 4, {kestor()}},
+       {"slots gone", [&] { fs::remove(slots()); }, 4, {slots(), "missing"}},
+       {"slots empty", [&] { fs::resize_file(slots(), 0); }, 4, {slots(), "bad header file size: 0"}},
+       {"slots cut", [&] { fs::resize_file(slots(), 4096); }, 4, {slots(), "bad shmem size:4096"}},
+       {"slots is a text",
+        [&] { write(slots(), std::vector<char>(10000, 'x')); },
+        4,
+        {slots(), "bad magic: 7878787878787878"}},
+       {"slots is a directory",
+        [&] {
+           fs::remove(slots());
+           fs::create_directory(slots());
+        },
+        4,
+        {slots(), "not a plain file"}},
+       {"slots is a link",
+        [&] {
+           fs::rename(slots(), root + "/x");
+           fs::create_symlink(root + "/x", slots());
+        },
+        4,
+        {slots(), "not a plain file"}},
+       {"another version",
+        slotField(u32{25}, offsetof(Header, version)),
+        3,
+        {slots(), "bad version: 25", "version 24"}},
+       {"another generation", slotField(u32{99}, offsetof(Header, kestor)), 4, {slots(), "bad kestor:99:0"}},
+       {"another platform", slotField(u32{2}, offsetof(Header, platform)), 4, {slots(), "bad platform"}},
+       {"damaged type", slotField('X', offsetof(Header, valueType)), 4, {slots(), "checksum fail"}},
+       {"damaged size", slotField(u32{73}, offsetof(Header, valueSize)), 4, {slots(), "checksum fail"}},
+       {"unknown type",
+        sealed('X', offsetof(Header, valueType) + 14),
+        3,
+        {slots(), "FlowTracking::XoIpFlowCounter"}},
+       {"another layout", sealed(u32{80}, offsetof(Header, valueSize)), 3, {slots(), "valueSize:80"}},
+       {"occupied beyond capacity",
+        slotField(u32{70000}, offsetof(Header, occupiedSlots)),
+        4,
+        {slots(), "bad occupiedSlots: 70000"}},
+       {"capacity beyond the file",
+        slotField(u32{70000}, offsetof(Header, numSlots) + 4),
+        4,
+        {slots(), "70000"}},
+       {"buckets gone", [&] { fs::remove(buckets()); }, 4, {buckets(), "missing"}},
+       {"buckets cut", [&] { fs::resize_file(buckets(), 10); }, 4, {buckets(), "size: 10"}},
+       {"buckets foreign", [&] { poke(buckets(), 0, u64{1}); }, 4, {buckets(), "bad bucket magic: 1"}},
+       {"buckets of another version",
+        [&] { poke(buckets(), offsetof(BucketHeader, version), u32{2}); },
+        3,
+        {buckets(), "bad bucket version: 2"}},
+       {"buckets of another generation",
+        [&] { poke(buckets(), offsetof(BucketHeader, kestor), u32{99}); },
+        4,
+        {buckets(), "kestor"}},
+       {"bucket count",
+        [&] { poke(buckets(), offsetof(BucketHeader, numBuckets) + 4, u32{3}); },
+        4,
+        {buckets(), "numBuckets: 3"}},
+   };
+   for (Kind const& kind : kinds) {
+      SCOPED_TRACE(kind.what);
+      fs::remove_all(root + "/" + counterName);
+      makeTable();
+      ASSERT_EQ(run({"check", counterName}).status, 0);
+      kind.damage();
+      std::string const before = snapshot();
+      for (std::vector<std::string> command : {std::vector<std::string>{"dump"},
+                                               {"count"},
+                                               {"get"},
+                                               {"check"},
+                                               {"stat", "-j"},
+                                               {"show", "-j"},
+                                               {"header"}}) {
+         command.push_back(counterName);
+         if (command[0] == "get") command.insert(command.end(), {"tcp", "10.1.0.1:1000", "10.2.0.1:443"});
+         auto const result = run(command);
+         EXPECT_EQ(result.status, kind.status) << command[0] << ": " << result.err;
+         for (std::string const& words : kind.says)
+            EXPECT_NE(result.err.find(words), std::string::npos) << command[0] << ": " << result.err;
+         if (command[0] == "show" && kind.what != kinds[0].what) {
+            EXPECT_EQ(result.objects().size(), 1u);
+         }
+      }
+      EXPECT_EQ(run({"list", "-j"}).objects().size(), kind.what == kinds[0].what ? 0u : 1u);
+      EXPECT_EQ(snapshot(), before) << "the tool changed something";
+   }
+}
+
+TEST_F(Trouble, CheckFindsDamagedRows) {
+   struct Damage {
+      char const* what;
+      std::function<void()> store;
+      char const* says;
+   };
+   std::vector<char> const sound = read(slots());
+   u32 const word = peek<u32>(slots(), slotAt(3) + 8);
+   Damage const all[] = {
+       {"a key", [&] { poke(slots(), slotAt(7) + 16 + 6, u32{0x01010101}); }, "corrupt"},
+       {"a stored hash", [&] { poke(slots(), slotAt(7) + 12, u32{5}); }, "damaged"},
+       {"an OCCUPIED bit", [&] { poke(slots(), slotAt(3) + 8, word & ~1u); }, "not marked as occupied"},
+       {"a chain into itself", [&] { poke(slots(), slotAt(3) + 4, u32{3}); }, "damaged"},
+       {"a slot out of range", [&] { poke(slots(), slotAt(3) + 4, u32{60000}); }, "damaged"},
+       {"the number of rows", [&] { poke(slots(), offsetof(Header, occupiedSlots), rows - 1); },
+        "the header says 499 rows, the walk met 500"},
+       {"a bucket's head", [&] { poke(buckets(), 24 + 8 * 5 + 4, u32{60000}); }, "damaged"},
+   };
+   for (Damage const& damage : all) {
+      SCOPED_TRACE(damage.what);
+      auto const index = read(buckets());
+      damage.store();
+      std::string const before = snapshot();
+      auto const check = run({"check", counterName});
+      EXPECT_EQ(check.status, 4) << check.out << check.err;
+      EXPECT_NE((check.out + check.err).find(damage.says), std::string::npos) << check.out << check.err;
+      auto const asJson = run({"check", "-j", counterName});
+      EXPECT_EQ(asJson.status, 4);
+      ASSERT_EQ(asJson.objects().size(), 1u);
+      EXPECT_EQ(asJson.objects()[0]["sound"], false);
+      EXPECT_FALSE(asJson.objects()[0]["problems"].empty());
+      EXPECT_EQ(snapshot(), before) << "the tool changed something";
+      write(slots(), sound);
+      write(buckets(), index);
+   }
+   EXPECT_EQ(run({"check", counterName}).status, 0);
+   // A dump says what it can: the rows before the damage, and how many.
+   poke(slots(), slotAt(7) + 16 + 6, u32{0x01010101});
+   auto const dump = run({"dump", counterName, "-j"});
+   EXPECT_EQ(dump.status, 4);
+   EXPECT_NE(dump.err.find(fmt::format("(behind {} sound rows)", dump.objects().size())), std::string::npos)
+       << dump.err;
+}
+
+TEST_F(Trouble, ADeadWritersHalfOperationIsSaid) {
+   poke(slots(), offsetof(Header, runtimeFlags), Header::inCriticalSection);
+   auto const check = run({"check", counterName});
+   EXPECT_EQ(check.status, 5);
+   EXPECT_NE(check.out.find("died inside an operation"), std::string::npos) << check.out;
+   EXPECT_EQ(run({"dump", counterName}).lines().size(), rows + 1); // readers go on
+}
+
+TEST_F(Trouble, AnotherUserNeedsReadRightsAndNoMore) {
+   if (getuid() != 0) GTEST_SKIP() << "needs root to become another user";
+   constexpr unsigned nobody = 65534;
+   for (char const* name : {"slots", "buckets", "kestor", "owner"})
+      chmod(file(counterName, name).c_str(), 0444);
+   EXPECT_EQ(run({"check", counterName}, {.uid = nobody}).status, 0);
+   EXPECT_EQ(run({"dump", counterName, "-j"}, {.uid = nobody}).objects().size(), rows);
+   {
+      Writer<HoIpFlowCounter> writer(counterName);
+      auto const show = run({"show", counterName, "-j"}, {.uid = nobody}).objects().at(0);
+      EXPECT_EQ(show["writerAlive"], true);
+      EXPECT_EQ(show["writerPid"], getpid());
+   }
+   for (char const* name : {"slots", "buckets", "kestor"}) {
+      chmod(file(counterName, name).c_str(), 0400);
+      auto const result = run({"dump", counterName}, {.uid = nobody});
+      EXPECT_EQ(result.status, 3) << name;
+      EXPECT_NE(result.err.find(file(counterName, name)), std::string::npos) << result.err;
+      EXPECT_NE(result.err.find("Permission denied"), std::string::npos) << result.err;
+      chmod(file(counterName, name).c_str(), 0444);
+   }
+   chmod((root + "/" + counterName).c_str(), 0700);
+   EXPECT_EQ(run({"dump", counterName}, {.uid = nobody}).status, 3);
+   EXPECT_EQ(run({"list"}, {.uid = nobody}).status, 5);
+}
+
+class BesideAWriter : public Trouble {};
+
+// A dump that is stopped by its full pipe while the table is formatted anew, or removed and made again.
+TEST_F(BesideAWriter, ADumpOfAReplacedTableIsIncomplete) {
+   constexpr u32 many = 20000;
+   std::function<void()> const changes[] = {
+       [&] {
+          poke(slots(), offsetof(Header, runtimeFlags), Header::inCriticalSection); // the next writer formats
+          makeTable(3);
+       },
+       [&] {
+          fs::remove_all(root + "/" + counterName);
+          makeTable(3);
+       },
+   };
+   for (auto const& change : changes) {
+      fs::remove_all(root + "/" + counterName);
+      makeTable(many);
+      auto const result = run({"dump", counterName, "-j"}, {.whileBlocked = change});
+      EXPECT_EQ(result.status, 5) << result.err;
+      EXPECT_NE(result.err.find("of the old table"), std::string::npos) << result.err;
+      for (json const& row : result.objects()) ASSERT_EQ(row["key"]["dstAddr"], "10.2.0.1");
+      EXPECT_EQ(run({"dump", counterName, "-j"}).objects().size(), 3u);
+   }
+}
+
+TEST_F(BesideAWriter, CheckDoesNotCryWolf) {
+   constexpr u32 steady = 20000;
+   fs::remove_all(root + "/" + counterName);
+   std::atomic<bool> ready{false}, stop{false};
+   std::atomic<u64> operations{0};
+   // Rows come and go, values change, the index grows and shrinks.
+   std::thread busy([&] {
+      Writer<HoIpFlowCounter> writer(counterName, 100);
+      for (u32 n = 0; n < steady; ++n) writer.put(counter4(n));
+      ready = true;
+      for (u32 n = 0; !stop; ++n) {
+         writer.put(counter4(n % steady));
+         u32 const fleeting = steady + n % 50000;
+         if (n / 50000 % 2)
+            writer.remove(key4(fleeting));
+         else
+            writer.put(counter4(fleeting));
+         operations += 2;
+      }
+   });
+   while (!ready) std::this_thread::yield();
+   u64 const before = operations;
+   bool rowsDiffered = false;
+   for (int i = 0; i < 5; ++i) {
+      auto const check = run({"check", counterName, "-j"});
+      EXPECT_EQ(check.status, 0) << check.out << check.err;
+      auto const verdict = check.objects().at(0);
+      EXPECT_EQ(verdict["writerAlive"], true);
+      EXPECT_GE(verdict["rows"], steady);
+      rowsDiffered = rowsDiffered || verdict["rows"] != verdict["members"];
+      EXPECT_GE(run({"dump", counterName, "-j"}).objects().size(), steady);
+      EXPECT_EQ(run({"stat", counterName}).status, 0);
+      EXPECT_EQ(run({"get", counterName, "tcp", "10.1.0.1:1000", "10.2.0.1:443"}).status, 0);
+   }
+   stop = true;
+   busy.join();
+   EXPECT_GT(operations - before, 1000u);
+   EXPECT_TRUE(rowsDiffered) << "no check met a row that came or went: the test shows nothing";
+   EXPECT_EQ(run({"check", counterName}).status, 0);
+}
+
+TEST_F(BesideAWriter, ABrokenPipeIsSilent) {
+   fs::remove_all(root + "/" + counterName);
+   makeTable(5000);
+   // The reading end is gone before the tool begins to write.
+   auto const result = hoflow({"dump", counterName, "--root", root}, {.closedPipe = true});
+   EXPECT_EQ(result.status, 128 + SIGPIPE);
+   EXPECT_EQ(result.err, "");
+}
+
+TEST_F(BesideAWriter, AFullDiskUnderTheOutputIsSaid) {
+   auto const result = hoflow({"dump", counterName, "--root", root}, {.intoFile = "/dev/full"});
+   EXPECT_EQ(result.status, 5);
+   EXPECT_NE(result.err.find("cannot write the output"), std::string::npos) << result.err;
+}
+
+} // namespace
+} // namespace ToolTest

@@ -1,0 +1,56 @@
+// SPDX-License-Identifier: Apache-2.0
+// The tool's commands. Each takes what the command line said, writes its data through `out`, and returns the
+// exit status; a Failure ends it. Which file holds which: list, show, header in CommandsFiles.cpp; get, dump,
+// count in CommandsRows.cpp; check and stat in CommandsWalk.cpp.
+#pragma once
+
+#include "Output.h"
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace Tool {
+
+struct Common {
+   Output& out;
+   bool json;
+};
+
+Exit listTables(Common const& common, std::vector<std::string> const& patterns, bool namesOnly);
+Exit showTables(Common const& common, std::vector<std::string> const& tables);
+Exit showHeaders(Common const& common, std::vector<std::string> const& tables);
+
+Exit getRow(Common const& common, std::string const& table, std::vector<std::string> const& key);
+
+struct DumpOptions {
+   std::vector<std::string> where;
+   std::vector<std::string> columns; ///< empty: all
+   std::uint64_t limit = 0;          ///< 0: none
+   bool noHeader = false;
+};
+Exit dumpTable(Common const& common, std::string const& table, DumpOptions const& options);
+Exit countRows(Common const& common, std::vector<std::string> const& tables,
+               std::vector<std::string> const& where);
+
+Exit checkTables(Common const& common, std::vector<std::string> const& tables);
+Exit statTables(Common const& common, std::vector<std::string> const& tables);
+
+/// What `hoflow` alone says: what it is, what there is, what to type.
+Exit overview(Common const& common);
+
+/// Runs `one` for each table; a Failure of one is said and doesn't keep the others from their turn.
+template <class One> Exit forEachTable(std::vector<std::string> const& names, One&& one) {
+   Exit all = Exit::ok;
+   for (std::string const& name : names) {
+      try {
+         all = worse(all, one(name));
+      } catch (Failure const& failure) {
+         say(failure);
+         all = worse(all, failure.status);
+      }
+   }
+   return all;
+}
+
+} // namespace Tool

@@ -1,0 +1,208 @@
+// SPDX-License-Identifier: Apache-2.0
+// hoflow COMMAND ...: looks into the tables of a running system, or of one that has stopped. Safe beside a
+// live writer: it opens files for reading only, takes no lock, and leaves nothing behind.
+//
+// Exit statuses are those of Tool::Exit (Output.h). This file is the command line alone.
+#include "Commands.h"
+#include "Lomi/Exception.h"
+#include "Lomi/Trace.h"
+#include "Mem/Paths.h"
+
+#include <CLI/CLI.hpp>
+#include <csignal>
+#include <sstream>
+
+namespace {
+
+using namespace Tool;
+
+constexpr char const* statuses =
+    R"(Exit status: 0 ok, 1 no match, 2 usage, 3 can't open (absent, no permission, another version or type),
+4 corrupt, 5 incomplete (a table half made, output not whole).)";
+
+constexpr char const* tables =
+    R"(A table is named by its path below the root, by an end of that path which only one table has, or by a
+pattern: flowtracking/default/hwOffload/counter/capture/hoIpFlowCounter, capture/hoIpFlowCounter, '*Ip6*'.)";
+
+struct Arguments {
+   std::string root, table, columns;
+   bool json = false, namesOnly = false;
+   std::vector<std::string> words; ///< tables, patterns, or a key
+   std::vector<std::string> where;
+   DumpOptions dump;
+};
+
+class CommandLine {
+public:
+   CommandLine()
+      : app("Looks into flow tables: lists, reads, checks them. It only reads, and never disturbs a writer.",
+            "hoflow") {
+      app.fallthrough();
+      app.require_subcommand(0, 1);
+      app.set_version_flag("--version", "hoflow " HOFLOW_VERSION);
+      app.add_option("--root", args.root, "folder below which the tables lie")
+          ->envname("HOFLOW_ROOT")
+          ->type_name("DIR");
+      app.add_flag("-j,--json", args.json, "JSON, one object a line");
+      app.footer(std::string("\n") + tables +
+                 "\n--root and -j may stand before and after the command's word.\n\nExamples:\n"
+                 "  hoflow list\n"
+                 "  hoflow dump hoIpFlowCounter --where proto=udp --where 'packets>=100'\n"
+                 "  hoflow dump hoIpFlowCounter -j | jq -r 'select(.bytes > 1000000) | .key.srcAddr'\n"
+                 "  hoflow get hoIpFlowCounter tcp 10.0.0.1:443 10.0.0.2:50000\n\n" +
+                 statuses);
+      addFileCommands();
+      addRowCommands();
+      addWalkCommands();
+   }
+
+   int run(int argc, char** argv);
+
+private:
+   using Run = Exit (*)(Common const&, Arguments const&);
+
+   CLI::App* command(char const* name, char const* what, std::string const& examples, Run toRun) {
+      CLI::App* const sub = app.add_subcommand(name, what);
+      sub->footer("\nExamples:\n" + examples + "\n" + statuses);
+      sub->final_callback([this, toRun] { chosen = toRun; });
+      return sub;
+   }
+   void takesTables(CLI::App* sub) {
+      sub->add_option("TABLE", args.words, "names, ends of names or patterns")->required()->type_name("");
+   }
+   void takesTable(CLI::App* sub) {
+      sub->add_option("TABLE", args.table, "name, end of a name or pattern")->required()->type_name("");
+   }
+   void takesWhere(CLI::App* sub) {
+      sub->add_option(
+             "-w,--where", args.where,
+             "only rows for which this holds: FIELD=VALUE, !=, <, <=, >, >=; all of several must hold")
+          ->type_name("TEST")
+          ->expected(1)
+          ->take_all();
+   }
+
+   void addFileCommands() {
+      auto* const list =
+          command("list", "All tables, with rows, capacity, writer and state",
+                  "  hoflow list\n  hoflow list '*Counter'\n  hoflow list --names\n",
+                  [](Common const& c, Arguments const& a) { return listTables(c, a.words, a.namesOnly); });
+      list->add_option("PATTERN", args.words, "only tables with this in their names, or matching it")
+          ->type_name("");
+      list->add_flag("--names", args.namesOnly, "names only");
+      takesTables(command("show", "One table's header, sizes, load and writer",
+                          "  hoflow show capture/hoIpFlowCounter\n  hoflow show '*' -j\n",
+                          [](Common const& c, Arguments const& a) { return showTables(c, a.words); }));
+      takesTables(command("header", "The raw headers of both files, also of a damaged table",
+                          "  hoflow header capture/hoIpFlowCounter\n",
+                          [](Common const& c, Arguments const& a) { return showHeaders(c, a.words); }));
+   }
+
+   void addRowCommands() {
+      auto* const get = command(
+          "get", "One row by its key",
+          "  hoflow get hoIpFlowCounter tcp 10.0.0.1:443 10.0.0.2:50000\n"
+          "  hoflow get hoIpFlowCounter src=10.0.0.1 dst=10.0.0.2 proto=tcp sport=443 dport=50000 vlan=5\n"
+          "  hoflow get hoIp6FlowCounter udp '[2001:db8::1]:53' '[2001:db8::2]:50000'\n"
+          "  hoflow get hoIpFlowStatus tcp 10.0.0.1:443 10.0.0.2:50000 intf=if7\n"
+          "  hoflow get hosStateCounter offloaded\n"
+          "  hoflow get hoIpFlowCounter '{\"srcAddr\":\"10.0.0.1\", ...}'      a row or key as dump -j gives "
+          "it\n\n"
+          "A key must be whole. What isn't said is 0: vrfId, vlanId, ports, direction; intfId is none.\n"
+          "To find rows by a part of their key: hoflow dump TABLE --where.\n",
+          [](Common const& c, Arguments const& a) { return getRow(c, a.table, a.words); });
+      takesTable(get);
+      get->add_option("KEY", args.words, "NAME=VALUE, a protocol, endpoints, a state, or one JSON object")
+          ->required()
+          ->type_name("");
+
+      auto* const dump =
+          command("dump", "All rows, in the table's own order",
+                  "  hoflow dump hoIpFlowCounter | sort -k10 -n | tail\n"
+                  "  hoflow dump hoIpFlowCounter --columns srcAddr,dstAddr,bytes --no-header\n"
+                  "  hoflow dump hoIpFlowCounter --where src=10.0.0.0/8 --where 'bytes>1000000'\n"
+                  "  hoflow dump hoIpFlowCounter -w 'updateTime<2025-03-01T12:00:00Z' -j\n",
+                  [](Common const& c, Arguments const& a) {
+                     DumpOptions options = a.dump;
+                     options.where = a.where;
+                     std::istringstream names(a.columns);
+                     for (std::string name; std::getline(names, name, ',');) options.columns.push_back(name);
+                     return dumpTable(c, a.table, options);
+                  });
+      takesTable(dump);
+      takesWhere(dump);
+      dump->add_option("-c,--columns", args.columns, "these columns, in this order; text only")
+          ->type_name("FIELD,...")
+          ->join(',');
+      dump->add_option("-n,--limit", args.dump.limit, "at most so many rows")
+          ->type_name("ROWS")
+          ->check(CLI::PositiveNumber);
+      dump->add_flag("--no-header", args.dump.noHeader, "no line with the columns' names");
+
+      auto* const count = command(
+          "count", "How many rows", "  hoflow count '*'\n  hoflow count hoIpFlowCounter --where proto=udp\n",
+          [](Common const& c, Arguments const& a) { return countRows(c, a.words, a.where); });
+      takesTables(count);
+      takesWhere(count);
+   }
+
+   void addWalkCommands() {
+      takesTables(command("check", "Walks the table: is every row there once, and where it belongs?",
+                          "  hoflow check hoIpFlowCounter\n  hoflow check '*' -j\n\n"
+                          "Safe beside a live writer: rows that come and go during the walk are no fault.\n",
+                          [](Common const& c, Arguments const& a) { return checkTables(c, a.words); }));
+      takesTables(command("stat", "Load, chains, memory a row, growth ahead",
+                          "  hoflow stat hoIpFlowCounter\n",
+                          [](Common const& c, Arguments const& a) { return statTables(c, a.words); }));
+   }
+
+   CLI::App app;
+   Arguments args;
+   Run chosen = nullptr;
+};
+
+int CommandLine::run(int argc, char** argv) {
+   try {
+      // The arrow of a key as traces print it would be taken for an option. The parser wants the last word
+      // first.
+      std::vector<std::string> words;
+      for (int i = argc - 1; i > 0; --i)
+         if (argv[i] != std::string_view("->")) words.emplace_back(argv[i]);
+      app.parse(words);
+   } catch (CLI::ParseError const& e) {
+      return app.exit(e) == 0 ? 0 : static_cast<int>(Exit::usage);
+   }
+   Output out;
+   Common const common{out, args.json};
+   Exit status = Exit::ok;
+   try {
+      try {
+         if (app.count("--root") || !args.root.empty()) Mem::RootPath::set(args.root);
+         status = chosen ? chosen(common, args) : overview(common);
+      } catch (Failure const& failure) {
+         out.flush(); // what was found before
+         throw;
+      }
+      out.flush();
+   } catch (Failure const& failure) {
+      say(failure);
+      status = failure.status;
+   } catch (Lomi::InvalidInitializeException const& e) {
+      say(e.what());
+      status = Exit::usage;
+   } catch (std::exception const& e) {
+      say(e.what());
+      status = Exit::incomplete;
+   }
+   return static_cast<int>(status);
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+   // `hoflow dump TABLE | head` ends without a word, also where a parent ignores the signal.
+   std::signal(SIGPIPE, SIG_DFL);
+   // The tool says itself what is wrong with a table; the library's traces would say it again in other words.
+   Lomi::Platform::defaultMaskIs(0);
+   return CommandLine().run(argc, argv);
+}
