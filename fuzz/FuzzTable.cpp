@@ -163,7 +163,7 @@ extern "C" int LLVMFuzzerTestOneInput(unsigned char const* input, std::size_t si
    Bytes const* const sound[] = {&slots, &buckets, &kestor, &owner};
    for (int i = 0; i < 4; ++i) replace(names[i], underReader ? *sound[i] : file[i], false);
    {
-      Mirak::MirakReader<Ops> reader(handler(), table);
+      Mirak::MirakReader<Ops> reader(handler(), table, Ops());
       bool attached = false;
       tolerated([&] { attached = reader.initialize("fuzz"); });
       if (underReader) {

@@ -14,6 +14,7 @@
 #include "Track.h"
 
 #include <CLI/CLI.hpp>
+#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
@@ -24,7 +25,8 @@ namespace {
 
 enum ExitStatus { done = 0, wrongUse = 2, cannotOpen = 3, damaged = 4, incomplete = 5 };
 
-std::sig_atomic_t volatile stopped = 0;
+std::atomic<bool> stopped{false}; // set by a signal
+static_assert(std::atomic<bool>::is_always_lock_free, "a signal handler may store it");
 
 void complain(std::string const& text) { std::fprintf(stderr, "hoflow-tracker: %s\n", text.c_str()); }
 
@@ -179,7 +181,7 @@ int run(Options const& options) {
 int main(int argc, char** argv) {
    Options options;
    if (auto const status = parse(argc, argv, options)) return *status;
-   auto stop = [](int) { stopped = 1; };
+   auto stop = [](int) { stopped = true; };
    std::signal(SIGINT, stop);
    std::signal(SIGTERM, stop);
    try {

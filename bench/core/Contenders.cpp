@@ -8,9 +8,7 @@ namespace Bench {
 std::vector<std::unique_ptr<Contender>> contenders() {
    std::vector<std::unique_ptr<Contender>> all;
    all.push_back(makeBareLimit());
-#ifdef BENCH_HOFLOW
    all.push_back(makeHoflow());
-#endif
 #ifdef BENCH_PEERS
    all.push_back(makeRteHash());
    all.push_back(makeLfht());

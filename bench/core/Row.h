@@ -16,7 +16,7 @@ using u64 = std::uint64_t;
 
 /// A flow as a switch keys it, byte for byte as the tables store it. The bytes that no field covers are always
 /// zero here, so that peers may hash and compare the key as 36 raw bytes.
-struct [[gnu::packed]] Key {
+struct [[gnu::packed]] alignas(4) Key {
    u32 vrfId;
    u16 vlanId;
    u32 srcAddr;
@@ -30,7 +30,7 @@ struct [[gnu::packed]] Key {
    u32 intfId[2];
 };
 
-struct [[gnu::packed]] Row {
+struct [[gnu::packed]] alignas(4) Row {
    Key key;
    u64 createTime;
    u64 updateTime;

@@ -24,7 +24,7 @@ using Contenders = std::vector<std::unique_ptr<Contender>>;
 extern std::vector<std::string> const singleOperations; // hit miss insert overwrite remove walk, ns
 extern std::vector<std::string> const busyOperations;
 extern std::vector<std::string> const otherFigures;   // longest insert, bytes a row
-extern std::vector<std::string> const restartFigures; // adopt, attach
+extern std::vector<std::string> const restartFigures; // adopt and attach, ms
 
 /// One thread: every operation of every contender, contenders taking turns within each repetition.
 void runSingle(Contenders& all, Workload const& load, Setting const& setting, Figures& figures);

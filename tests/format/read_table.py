@@ -24,9 +24,13 @@ def lane(a, b):
     return a ^ product & M64, b ^ product >> 64
 
 
-def finish(a, b):
+def fold(a, b):
     product = a * b
-    f = ((product & M64 ^ product >> 64) + a) & M64
+    return product & M64 ^ product >> 64
+
+
+def finish(a, b):
+    f = (fold(a, b) + a) & M64
     return (f ^ f >> 32) & M32
 
 
@@ -42,7 +46,7 @@ def flow_hash(key, seed):
     ports = word(40 if wide else 16)
     if not wide:
         x, y = lane(first ^ K[0] ^ s >> 8, word(6) ^ K[1] ^ s)
-        return finish(x ^ K[2], y ^ ports ^ K[3])
+        return finish(x ^ K[2], y ^ fold(ports ^ s, K[6]) ^ K[3])
     p, q = lane(first ^ K[0] ^ s >> 8, ports ^ K[1] ^ s)
     t, u = lane(word(6) ^ K[2] ^ s, word(14) ^ K[3] ^ s >> 8)
     v, w = lane(word(22) ^ K[4] ^ s, word(30) ^ K[5] ^ s >> 8)

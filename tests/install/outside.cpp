@@ -23,7 +23,7 @@ int main(int, char** argv) {
    writer.initialize("start");
    writer.write(row, true);
 
-   Mirak::MirakReader<Ops> reader(*handler, name);
+   Mirak::MirakReader<Ops> reader(*handler, name, Ops());
    if (!reader.initialize("start")) return 1;
    bool found = false;
    Ops::Value value;

@@ -98,6 +98,31 @@ TEST(Scheduler, ADelayCountsFromTheCallNotFromTheLastRound) {
    });
 }
 
+// A new task makes the loop look at its sources; what it finds there on the way must stay visible outside.
+TEST(Scheduler, ATimerThatIsDueWhenAnotherIsAddedIsNotForgotten) {
+   inThread([] {
+      auto& root = TaskSchedulerRoot::root();
+      bool ran = false;
+      auto const due = root.timerTask(0.001, [&] { ran = true; });
+      spin(0.01);
+      auto const late = root.timerTask(1000, [] {});
+      EXPECT_TRUE(driveUntil([&] { return ran; }, 1));
+   });
+}
+
+TEST(Scheduler, MissedBeatsAreNotMadeUpFor) {
+   inThread([] {
+      auto& root = TaskSchedulerRoot::root();
+      int beats = 0;
+      auto const task = root.timerTask(
+          0.01, [&] { ++beats; }, TaskPriority::normal, 0.01);
+      spin(0.5);
+      root.dispatch();
+      EXPECT_GE(beats, 1);
+      EXPECT_LE(beats, 5);
+   });
+}
+
 TEST(Scheduler, ABusyLoopRunsCriticalTasksAndNoOthers) {
    inThread([] {
       auto& root = TaskSchedulerRoot::root();

@@ -12,7 +12,10 @@
 namespace Mem::FileCalls {
 namespace {
 
-constexpr u64 piece = u64{64} << 20;
+// Some kernels give a whole range up when a signal comes in between. After each such answer the piece is
+// halved, so that even a process with a fast interval timer gets through.
+constexpr u64 largestPiece = u64{64} << 20;
+constexpr u64 smallestPiece = u64{64} << 10;
 
 #ifdef HOFLOW_TEST_SEAM
 void announce(Seam::FileCall const& call) {
@@ -28,6 +31,22 @@ template <class Call> Outcome retried(Call call) {
       if (call() >= 0) return {};
       if (errno != EINTR) return {errno};
    }
+}
+
+Outcome inPieces(int fd, int mode, u64 offset, u64 length) {
+   u64 piece = largestPiece;
+   while (length) {
+      u64 const now = std::min(length, piece);
+      if (::fallocate(fd, mode, static_cast<off_t>(offset), static_cast<off_t>(now)) == 0) {
+         offset += now;
+         length -= now;
+      } else if (errno == EINTR) {
+         piece = std::max(piece / 2, smallestPiece);
+      } else {
+         return {errno};
+      }
+   }
+   return {};
 }
 
 // A file of our name that isn't a regular file was put there by somebody else.
@@ -77,15 +96,7 @@ Outcome makeDirectory(int parent, char const* name, [[maybe_unused]] std::string
 
 Outcome allocate(int fd, [[maybe_unused]] std::string const& path, u64 offset, u64 length) {
    ANNOUNCE(.kind = Seam::FileCall::Kind::allocate, .path = path, .offset = offset, .length = length);
-   while (length) {
-      u64 const now = std::min(length, piece);
-      Outcome const done =
-          retried([&] { return ::fallocate(fd, 0, static_cast<off_t>(offset), static_cast<off_t>(now)); });
-      if (!done) return done;
-      offset += now;
-      length -= now;
-   }
-   return {};
+   return inPieces(fd, 0, offset, length);
 }
 
 Outcome truncate(int fd, [[maybe_unused]] std::string const& path, u64 length) {
@@ -95,17 +106,7 @@ Outcome truncate(int fd, [[maybe_unused]] std::string const& path, u64 length) {
 
 Outcome punch(int fd, [[maybe_unused]] std::string const& path, u64 offset, u64 length) {
    ANNOUNCE(.kind = Seam::FileCall::Kind::punch, .path = path, .offset = offset, .length = length);
-   while (length) {
-      u64 const now = std::min(length, piece);
-      Outcome const done = retried([&] {
-         return ::fallocate(fd, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, static_cast<off_t>(offset),
-                            static_cast<off_t>(now));
-      });
-      if (!done) return done;
-      offset += now;
-      length -= now;
-   }
-   return {};
+   return inPieces(fd, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, offset, length);
 }
 
 Outcome write(int fd, [[maybe_unused]] std::string const& path, u64 offset, void const* bytes, u64 length) {

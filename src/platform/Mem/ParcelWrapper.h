@@ -22,6 +22,7 @@
 #include "Mem/Local.h"
 #include "Mem/Paths.h"
 
+#include <algorithm>
 #include <string>
 #include <string_view>
 
@@ -54,6 +55,8 @@ public:
    bool isAttached() const { return base_ != nullptr; }
    char* base() const { return base_; }
    u64 mappedSize() const { return size_; } // as attach or resize was told
+   /// Writer: bytes from the base on that may be stored to; more than mappedSize() after a reserve().
+   u64 writableSize() const { return local_ ? size_ : std::min(extent_, reserved_); }
    /// The file's present length, also before attach; 0 if there is none. Private memory: its size.
    u64 memSize() const;
    u64 fileSize() const { return memSize(); }

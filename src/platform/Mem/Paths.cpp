@@ -72,8 +72,10 @@ Descriptor openBelow(int parent, std::string const& name, int extraFlags) {
 } // namespace
 
 void Descriptor::reset() {
-   if (fd_ >= 0) ::close(fd_);
-   fd_ = -1;
+   if (fd_ < 0) return;
+   int const error = errno; // often still to be reported
+   ::close(std::exchange(fd_, -1));
+   errno = error;
 }
 
 std::string RootPath::get() {

@@ -1,11 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
-// The seam through which tests watch and stop every access to shared state. Only the test build has it: there,
-// Mem/SharedWords.h and Mem/FileCalls.h call the observer of the running thread before each shared load, before
-// each shared store (with the bytes about to be stored) and before each system call that changes a file. In every
-// other build the calls are empty and vanish.
+// The seam through which tests watch and stop every access to shared state. Only the test build has it:
+// there, Mem/SharedWords.h and Mem/FileCalls.h call the observer of the running thread before each shared
+// load, before each shared store (with the bytes about to be stored) and before each system call that changes
+// a file. In every other build the calls are empty and vanish.
 //
-// An observer may throw, copy files, run another role's operation, or end the process: whatever it does happens
-// exactly between two accesses. It is per thread, so that a reader and a writer of one process can be told apart.
+// An observer may throw, copy files, run another role's operation, or end the process: whatever it does
+// happens exactly between two accesses. It is per thread, so that a reader and a writer of one process can be
+// told apart.
 #pragma once
 
 #include <cstddef>
@@ -16,8 +17,8 @@ namespace Mem::Seam {
 /// A system call that is about to change a file or a directory. Paths are absolute.
 struct FileCall {
    enum class Kind { create, allocate, truncate, punch, write, rename, unlink } kind;
-   std::string path;           // the file; for rename, the source
-   std::string target = {};    // rename only: where it goes
+   std::string path;        // the file; for rename, the source
+   std::string target = {}; // rename only: where it goes
    unsigned long long offset = 0;
    unsigned long long length = 0;
    void const* bytes = nullptr; // write only: `length` bytes

@@ -2,6 +2,7 @@
 // The settings that a table is opened with. Configuration comes only through this record.
 #pragma once
 
+#include "Lomi/Export.h"
 #include "Mirak/SlotLink.h"
 
 #include <fmt/format.h>
@@ -23,9 +24,9 @@ namespace Mirak {
 enum class MirakType { writer = 0, shadow = 1, reader = 2, keyshadow = 3 };
 
 /// "writer", "shadow", "reader", "keyshadow", or the number of anything else.
-std::string formatMirakType(MirakType type);
+HOFLOW_EXPORT std::string formatMirakType(MirakType type);
 
-struct MapDescriptor : Mem::CollectionDescriptor {
+struct HOFLOW_EXPORT MapDescriptor : Mem::CollectionDescriptor {
    explicit MapDescriptor(u32 rows)
       : size(rows) {}
 
@@ -51,7 +52,7 @@ struct MapDescriptor : Mem::CollectionDescriptor {
 
 } // namespace Mirak
 
-template <> struct fmt::formatter<Mirak::MapDescriptor> : fmt::formatter<std::string> {
+template <> struct HOFLOW_EXPORT fmt::formatter<Mirak::MapDescriptor> : fmt::formatter<std::string> {
    fmt::format_context::iterator format(Mirak::MapDescriptor const& descriptor,
                                         fmt::format_context& context) const;
 };

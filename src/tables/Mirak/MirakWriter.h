@@ -6,11 +6,10 @@
 // Guarantees to readers (docs/concurrency.md tells the readers' side):
 //   G1  a row is visible from the store of its predecessor's link on, and not before; it is complete then
 //   G2  a row's value changes only between two stores of its versionFlags, and while LOOKASIDE is up the
-//   whole new
-//       value stands in the header's lookaside slot: a reader always finds one whole value and never waits
+//       whole new value stands in the header's lookaside slot: a reader always finds one whole value and
+//       never waits
 //   G3  a removed slot keeps its value, and its link until it joins the free list; the word and the link's
-//   version
-//       move before anything in it can be taken for something else
+//       version move before anything in it can be taken for something else
 //   G4  numSlots and numBuckets move their version with every change, after a growth and before a cut
 // Crash promise: whatever store was the last one, the next start either adopts every row as it was before or
 // after the interrupted operation, or formats the table anew under a new generation. Nothing is rolled
@@ -56,8 +55,7 @@ public:
    // --- lifecycle (MirakWriterLifecycle.h) ---
 
    /// Claims the directory, adopts the files or formats them, proves them sound, lets readers in.
-   /// @throws Lomi::InvalidInitializeException: another writer lives, the files can't be made, validation
-   /// failed
+   /// @throws Lomi::InvalidInitializeException: another writer lives, the files can't be made
    ///         Lomi::MemoryResourceException: no space
    bool initialize(std::string const& event) override;
    void detach(bool force) override;
@@ -151,6 +149,7 @@ private:
    bool attachAndValidate(bool reformat, Parcel::OwnerFile& ownerFile, Parcel::TunnetInfo const& tunnetInfo);
    void beforeFormat();
    static Parcel::KestorId newKestorId();
+   bool standsInFiles() const;
 
    // Constant after construction.
    Ops ops_; ///< its hash seed is the open table's

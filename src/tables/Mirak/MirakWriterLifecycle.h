@@ -3,13 +3,12 @@
 // let readers in, let go. Included by MirakWriter.h only.
 //
 // What a crash leaves, by the order of the steps in attach():
-//   - the kestor file is written last, and taken away before the first store that destroys a published table.
-//   So
-//     "a kestor file whose id stands in both table files" means: this table was complete, and only its
-//     operations since (the critical section bit, the walks) decide whether it is adopted;
+//   - the kestor file is written last, and taken away before anything is formatted. So "a kestor file whose
+//     id stands in both table files" means: this table was complete, and only its operations since (the
+//     critical section bit, the walks) decide whether it is adopted;
 //   - a crash anywhere in a re-format leaves no kestor file; the next start makes a new id, which matches
-//   neither
-//     file, and formats all anew. A half-formatted or emptied table is never taken for the published one.
+//     neither file, and formats all anew. A half-formatted or emptied table is never taken for the published
+//     one.
 #pragma once
 
 #include "Mem/Atomics.h"
@@ -75,6 +74,13 @@ template <class Ops> Parcel::KestorId MirakWriter<Ops>::newKestorId() {
    }
 }
 
+/// Whether a file has the present id already, although it is meant to be a new one.
+template <class Ops> bool MirakWriter<Ops>::standsInFiles() const {
+   auto stands = [&](char const* file) { return Util::storedKestor(rootPath_, file) == kestorId_.value(); };
+   return !localMem_ &&
+          (stands(SlotTableType::fileName) || stands(MirakCore::BucketWriter<SlotLink>::fileName));
+}
+
 template <class Ops> void MirakWriter<Ops>::attach() {
    LOMI_TRACE(debugHandler_, 5, "MirakWriter", "localMem_:{} rootPath:{}", localMem_, rootPath_.str());
    if (!localMem_) rootPath_.makeDirectories();
@@ -88,14 +94,11 @@ template <class Ops> void MirakWriter<Ops>::attach() {
    } else {
       writerLock_.emplace(Mem::WriterLock::acquireWriterLock(debugHandler_, rootPath_, ownerFile, false));
       kestorId_ = kestorFile.read();
+      // A process with the number of the last one would make its id again (in a container each has the same),
+      // and adopt what a crash half way through a format left.
       if (kestorId_.value() == 0) {
-         // A process with the number of the last one would make its id again (in a container each has the
-         // same), and adopt what a crash half way through a format left.
-         auto stands = [&](char const* file) {
-            return Util::storedKestor(rootPath_, file) == kestorId_.value();
-         };
          do kestorId_ = newKestorId();
-         while (stands(SlotTableType::fileName) || stands(MirakCore::BucketWriter<SlotLink>::fileName));
+         while (standsInFiles());
       }
    }
    bool const ownerInvalid = !ownerFile.validate();
@@ -142,7 +145,8 @@ bool MirakWriter<Ops>::attachAndValidate(bool reformat, Parcel::OwnerFile& owner
       }
    } else {
       LOMI_TRACE(debugHandler_, 1, "MirakWriter", "all entries from {} will be lost", rootPath_.str());
-      kestorId_.bumpHigh();
+      do kestorId_.bumpHigh();
+      while (standsInFiles());
       attach(kestorId_); // the stored generation differs now, so every file formats itself
       if (!validate(kestorId_, error, false)) throw Lomi::InvalidInitializeException("failed validation");
    }

@@ -3,14 +3,13 @@
 // draws them. The bucket file beside it is MirakCore/BucketTable.h.
 //
 // Who relies on what (SYNC labels name the pairs of stores and loads throughout the table code):
-//   SYNC(slot-word)   versionFlags: the sequence lock of a slot's value. Bit 0 OCCUPIED, bit 1 LOOKASIDE, the
-//   rest
-//                     counts. The value and rhash may change only while LOOKASIDE is up (readers take both
-//                     from `lookaside` then) or while the slot is unreachable.
+//   SYNC(slot-word)   versionFlags: the sequence lock of a slot's value. Bit 0 OCCUPIED, bit 1 LOOKASIDE,
+//                     the rest counts. The value and rhash may change only while LOOKASIDE is up (readers
+//                     take both from `lookaside` then) or while the slot is unreachable.
 //   SYNC(chain-link)  a link publishes what it points at: the slot behind it is complete.
 //   SYNC(num-slots)   numSlots: every slot below the count exists and is formatted; any change moves the
-//   version. SYNC(kestor)      the first store of a re-format; whoever read anything newer sees it
-//   afterwards.
+//                     version.
+//   SYNC(kestor)      the first store of a re-format; whoever read anything newer sees it afterwards.
 // Only the writer stores, and all stores and loads go through Mem/SharedWords.h.
 #pragma once
 
@@ -26,14 +25,13 @@
 namespace Mirak {
 
 namespace SlotFlags {
-inline constexpr u32 occupied = 1; ///< the slot holds a live entry
-inline constexpr u32 lookaside =
-    2; ///< the value is being overwritten: read it from the header's lookaside slot
+inline constexpr u32 occupied = 1;  ///< the slot holds a live entry
+inline constexpr u32 lookaside = 2; ///< the value is being overwritten: read it from the lookaside slot
 } // namespace SlotFlags
 
 namespace Compatibility {
 enum class Platform : u32 { x86 = 1 };
-std::string platformType(u32 platform);
+HOFLOW_EXPORT std::string platformType(u32 platform);
 } // namespace Compatibility
 
 /// The part of the slot file's header that is the same for all types: bytes 0 to 583, before `lookaside`.

@@ -22,6 +22,7 @@
 #include "Mirak/SlotTable.h"
 #include "MirakCore/BucketWriter.h" // AttachResult
 
+#include <algorithm>
 #include <exception>
 #include <functional>
 #include <utility>
@@ -36,8 +37,7 @@ u32 drawHashSeed();
 /// The largest power of two of slots that fits beside the header in one page; 1 if none does.
 u32 slotsInOnePage(u32 headerSize, u32 slotSize);
 
-/// The next capacity of a table of `capacity` slots that is full: doubled up to `maxSlots`, then a tenth
-/// more.
+/// The next capacity of a full table of `capacity` slots: doubled up to `maxSlots`, then a tenth more.
 u32 grownCapacity(u32 capacity, u32 maxSlots);
 
 template <class Ops> class SlotWriterTable {
@@ -88,6 +88,8 @@ public:
    /// may move the mapping. @throws TableFullException (nothing changed, critical section left),
    /// MemoryResourceException
    Slot& takeFreeSlot() {
+      if (occupiedSlots() >= prepareAt_) [[unlikely]]
+         prepareGrow();
       if (Mem::loadShared(header_->freeSlots) == noSlot) [[unlikely]]
          growOrRefuse();
       return slot(Mem::loadShared(header_->freeSlots));
@@ -155,6 +157,8 @@ private:
    bool adopt(Parcel::KestorId kestor, u64 existing);
    void format(Parcel::KestorId kestor);
    void addFreeSlots(u32 start, u32 end);
+   void formatFreeSlots(u32 start, u32 end, u32 listEnd);
+   [[gnu::cold, gnu::noinline]] void prepareGrow();
    void resize(u32 newNumSlots);
    void refresh(u32 capacity);
    void updateShrinkThreshold();
@@ -181,6 +185,9 @@ private:
    Slot* slots_ = nullptr;
    u32 capacity_ = 0;
    u32 shrinkThreshold_ = 0; ///< 0 while the table must not shrink
+   u32 prepared_ = 0;        ///< slots below are formatted; at least capacity_
+   u32 prepareAt_ = noSlot;  ///< occupied slots at which the next piece of a grow is prepared
+   static constexpr u32 preparedBytes = 64 * 1024; ///< of one piece
 };
 
 // ---------------------------------------------------------------------------------------------------------------
@@ -276,7 +283,9 @@ template <class Ops> void SlotWriterTable<Ops>::format(Parcel::KestorId kestor) 
    Mem::storeShared(spare.versionFlags, u32{0});
    Mem::publishPair(spare.link, SlotLink{0, noSlot});
    fillLookaside(0, &Ops::typeDefault());
+   prepared_ = 0;
    addFreeSlots(0, minSlots_);
+   prepared_ = minSlots_;
    Mem::storeShared(header_->freeSlots, u32{0});
 }
 
@@ -287,13 +296,39 @@ template <class Ops> void SlotWriterTable<Ops>::format(Parcel::KestorId kestor) 
 template <class Ops> void SlotWriterTable<Ops>::addFreeSlots(u32 start, u32 end) {
    LOMI_ASSERT(start < end, debugHandler_, "bad index range, start: {} end: {}", start, end);
    LOMI_ASSERT(Mem::loadShared(header_->freeSlots) == noSlot, debugHandler_, "{}", "free-list is not empty");
+   // What prepareGrow() has formatted lies ready, with the same links.
+   formatFreeSlots(std::max(start, prepared_), end, end);
+}
+
+/// Formats slots start to end - 1 as a part of a free list that ends before `listEnd`.
+template <class Ops> void SlotWriterTable<Ops>::formatFreeSlots(u32 start, u32 end, u32 listEnd) {
    for (u32 index = start; index < end; ++index) {
       Slot& slot = slots_[index];
       Mem::storeShared(slot.versionFlags, u32{0});
-      Mem::publishPair(slot.link, SlotLink{4, index + 1 < end ? index + 1 : noSlot});
+      Mem::publishPair(slot.link, SlotLink{4, index + 1 < listEnd ? index + 1 : noSlot});
       Mem::storeShared(slot.rhash, u32{0});
       Mem::storeShared(slot.value, &Ops::typeDefault(), Table::valueSize);
    }
+}
+
+/// Does a piece of the next grow() beforehand, so that no single write has to reserve, fault in and format
+/// half a table: a file may be longer than its count says, and nobody looks behind the count. Called while
+/// the last sixteenth of the slots fills up, as often as that the pieces are done in time. Running out of
+/// space is no error here; the grow will say so if it comes.
+template <class Ops> void SlotWriterTable<Ops>::prepareGrow() {
+   u32 const to = grownCapacity(capacity_, maxSlots_);
+   u32 const end = std::min(to, prepared_ + preparedBytes / Table::slotSize);
+   u64 const size = Table::headerSize + u64{end} * Table::slotSize;
+   prepareAt_ = noSlot;
+   if (to > Mem::Local::maxMappingSize() / Table::slotSize || !wrapper_.reserve(size) ||
+       wrapper_.writableSize() < size)
+      return;
+   formatFreeSlots(prepared_, end, to);
+   prepared_ = end;
+   if (end == to) return;
+   u32 const occupied = occupiedSlots();
+   u32 const pieces = (to - end) / (preparedBytes / Table::slotSize) + 1;
+   prepareAt_ = occupied + std::max(1u, (capacity_ - occupied) / (pieces + 1));
 }
 
 template <class Ops> bool SlotWriterTable<Ops>::grow() {
@@ -368,6 +403,10 @@ template <class Ops> void SlotWriterTable<Ops>::alloc() {
 template <class Ops> void SlotWriterTable<Ops>::refresh(u32 capacity) {
    slots_ = reinterpret_cast<Slot*>(base() + Table::headerSize);
    capacity_ = capacity;
+   prepared_ = capacity;
+   // A small table grows at once in less time than this would save.
+   bool const worthIt = !fixedSize_ && u64{capacity} * Table::slotSize >= 16 * preparedBytes;
+   prepareAt_ = worthIt ? capacity - capacity / 16 : noSlot;
    updateShrinkThreshold();
 }
 

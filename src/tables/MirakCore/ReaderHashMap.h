@@ -118,7 +118,7 @@ private:
    static ReaderErrors::KeyBytes bytesOf(Key const& key) { return {&key, sizeof key}; }
 
    static void prefetchSlot(Slot const& slot);
-   void prefetchSuccessor(Slot const& slot) const;
+   Slot const& prefetchBehind(SlotLink const& link) const;
    void lookAhead(u32 bucket) const;
 
    Lomi::Platform::DebugHandler const& debugHandler_;

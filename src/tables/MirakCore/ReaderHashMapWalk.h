@@ -16,10 +16,10 @@
 namespace MirakCore {
 
 namespace LookAhead {
-inline constexpr u32 fromBuckets = 8192; ///< smaller tables lie in the near caches anyway
-inline constexpr u32 heads = 16;         ///< buckets ahead: ask for the head
-inline constexpr u32 slots = 10;         ///< the head is there: ask for the first slot
-inline constexpr u32 successors = 5;     ///< the slot is there: ask for the second
+inline constexpr u32 fromSlots = 16384; ///< smaller tables lie in the near caches anyway
+inline constexpr u32 heads = 32;        ///< buckets ahead: ask for the head
+inline constexpr u32 slots = 20;        ///< the head is there: ask for the first slot
+inline constexpr u32 successors = 10;   ///< the slot is there: ask for the second
 } // namespace LookAhead
 
 /// The bucket that the end link of `bucket`'s chain names, checked.
@@ -72,7 +72,7 @@ template <class Owner>
       hint = {read.word, index, bucket};
       LOMI_TRACE(debugHandler_, 9, "ReaderHashMap", "{} found at bucket {}, saving {}", Mirak::keyText(found),
                  bucket, hint);
-      prefetchSuccessor(table.slots().base[index]);
+      prefetchBehind(table.slots().base[index].link);
       return true;
    }
 }
@@ -131,7 +131,7 @@ template <class Owner>
               Mirak::keyText(key), Mirak::keyText(found), hint, IterHint{read.word, index, hint.bucket});
    hint.version = read.word;
    hint.slot = index;
-   prefetchSuccessor(table.slots().base[index]);
+   prefetchBehind(table.slots().base[index].link);
    return Fast::found;
 }
 
@@ -178,21 +178,23 @@ inline bool ReaderHashMap<Owner>::goOnAfter(Walk walk, Key const& key, u32 bucke
    return first(next, value, hint);
 }
 
-/// The row behind the one just returned is likely to be asked for next.
+/// Asks for the slot that `link` names. An end of chain asks for slot 0 instead: without a branch, since
+/// nobody could predict it. @return the slot
 template <class Owner>
-[[gnu::always_inline]] inline void ReaderHashMap<Owner>::prefetchSuccessor(Slot const& slot) const {
-   u32 const next = Mem::peekPair(slot.link).next;
+[[gnu::always_inline]] inline auto ReaderHashMap<Owner>::prefetchBehind(SlotLink const& link) const
+    -> Slot const& {
    auto const& slots = reader_->slots_.slots();
-   if (next >= slots.count) return; // also an end of chain
-   Mem::prefetchShared(&slots.base[next]);
-   prefetchSlot(slots.base[next]);
+   u32 const next = Mem::peekPair(link).next;
+   Slot const& slot = slots.base[next & (u32{0} - u32{next < slots.count})];
+   Mem::prefetchShared(&slot);
+   prefetchSlot(slot);
+   return slot;
 }
 
 /// Has the buckets that the walk will reach soon on their way into the cache.
-template <class Owner> inline void ReaderHashMap<Owner>::lookAhead(u32 bucket) const {
-   if (buckets_.numBuckets() < LookAhead::fromBuckets) return;
+template <class Owner> [[gnu::always_inline]] inline void ReaderHashMap<Owner>::lookAhead(u32 bucket) const {
+   if (reader_->slots_.slots().count < LookAhead::fromSlots) return;
    auto const* heads = buckets_.entries();
-   auto const& slots = reader_->slots_.slots();
    // Walk order counts in reversed bits: the place of a bucket is its number reversed.
    u32 const place = Lomi::Util::reverse(bucket);
    u32 const shift = 32 - buckets_.bits();
@@ -200,12 +202,9 @@ template <class Owner> inline void ReaderHashMap<Owner>::lookAhead(u32 bucket) c
       return heads[Lomi::Util::reverse(place + (steps << shift))];
    };
    Mem::prefetchShared(&headAhead(LookAhead::heads));
-   if (u32 const slot = Mem::peekPair(headAhead(LookAhead::slots)).next; slot < slots.count) {
-      Mem::prefetchShared(&slots.base[slot]);
-      prefetchSlot(slots.base[slot]);
-   }
-   if (u32 const slot = Mem::peekPair(headAhead(LookAhead::successors)).next; slot < slots.count)
-      prefetchSuccessor(slots.base[slot]);
+   prefetchBehind(headAhead(LookAhead::slots));
+   Slot const& slot = prefetchBehind(headAhead(LookAhead::successors));
+   prefetchBehind(slot.link);
 }
 
 } // namespace MirakCore

@@ -5,23 +5,19 @@
 //
 // Invariants, between operations:
 //   I1  the rows form one list, strictly ascending by (rhash, key); bucket b's chain is the stretch of it
-//   whose
-//       hashes end in b's bits, and ends in a link that names the next bucket of the walk
+//       whose hashes end in b's bits, and ends in a link that names the next bucket of the walk
 //   I2  every row of a chain is OCCUPIED and hashes to that chain's bucket
 // Any breach that a step meets is thrown as Lomi::CorruptionDetectedException; nothing is repaired here, and
 // no loop trusts the links for its end: each counts against the capacity.
 //
 // Growing from n to 2n, and what a crash leaves (numBuckets is the commit point):
-//   pass 1   entry b + n := the link that leads to the first row of chain b which hashes to b + n. Invisible:
-//   the
-//            table is simply the old one.
+//   pass 1   entry b + n := the link that leads to the first row of chain b which hashes to b + n.
+//            Invisible: the table is simply the old one.
 //   publish  numBuckets := 2n. Uncut chains still end in their old successor, which no chain of 2n may: the
-//   walk of
-//            the next start fails on it.
-//   pass 2   the link before that row := end of chain, next bucket b + n. Readers of either count find every
-//   row
-//            throughout: by the old entry until the cut, and after it they see an end that the new count
-//            explains.
+//            walk of the next start fails on it.
+//   pass 2   the link before that row := end of chain, next bucket b + n. Readers of either count find
+//            every row throughout: by the old entry until the cut, and after it they see an end that the
+//            new count explains.
 // Shrinking mirrors it: chains are joined first, then the count falls, then the file.
 #pragma once
 

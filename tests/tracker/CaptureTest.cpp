@@ -1,0 +1,174 @@
+// SPDX-License-Identifier: Apache-2.0
+// Damaged captures. The file is cut at every byte: the packets before the cut are read and counted, the
+// damage is told with the packet's number, and a file whose header is damaged is no capture. Both formats.
+#include "Capture.h"
+#include "MemoryStore.h"
+#include "Packets.h"
+#include "Track.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+namespace Tracker {
+namespace {
+
+using namespace Packets;
+
+struct Read {
+   std::string failure; // nothing if the file could be opened
+   std::uint64_t packets = 0, counted = 0;
+   std::optional<std::string> damage;
+};
+
+Read read(std::string const& path) {
+   Read result;
+   try {
+      Capture capture(path);
+      MemoryStore<FlowTracking::HoIpFlowCounter> table4;
+      MemoryStore<FlowTracking::HoIp6FlowCounter> table6;
+      Figures figures;
+      track(capture, table4, table6, figures, [](std::uint64_t) { return true; });
+      EXPECT_TRUE(figures.complete);
+      result.packets = figures.packetsRead;
+      table4.forEach([&](auto const& row) { result.counted += row.packets(); });
+      EXPECT_EQ(result.counted, figures.ip4.packets);
+      result.damage = figures.damage;
+   } catch (CannotOpen const& e) {
+      result.failure = std::string("cannot open: ") + e.what();
+   } catch (NotACapture const& e) {
+      result.failure = std::string("no capture: ") + e.what();
+   }
+   return result;
+}
+
+Pcap threePackets() {
+   Pcap pcap;
+   for (unsigned i = 0; i < 3; ++i)
+      pcap.add(ethernet(0x0800) + Ip4{.protocol = 17, .payload = be16(i) + be16(9) + zeros(4)}.bytes());
+   return pcap;
+}
+
+/// The same as pcapng: one section, one interface, three packets in enhanced blocks.
+Pcap threePacketsNextGeneration() {
+   Pcap pcap;
+   auto const classic = threePackets();
+   auto block = [](unsigned type, Bytes const& body) {
+      auto const size = static_cast<std::uint32_t>(body.size() + 12);
+      return le32(type) + le32(size) + body + le32(size);
+   };
+   pcap.bytes = block(0x0a0d0d0a, le32(0x1a2b3c4d) + le16(1) + le16(0) + le32(~0u) + le32(~0u)) +
+                block(1, le16(1) + le16(0) + le32(262144));
+   for (auto const start : classic.starts) {
+      Bytes frame(classic.bytes.begin() + static_cast<long>(start) + 16,
+                  classic.bytes.begin() + static_cast<long>(start) + 16 + 42);
+      pcap.starts.push_back(pcap.bytes.size());
+      pcap.bytes =
+          pcap.bytes + block(6, le32(0) + le32(0) + le32(1000) + le32(42) + le32(42) + frame + zeros(2));
+   }
+   return pcap;
+}
+
+void cutEverywhere(Pcap const& whole, std::size_t headerEnd) {
+   Folder folder;
+   ASSERT_EQ(read(folder.write("whole", whole.bytes)).counted, 3u);
+   for (std::size_t cut = 0; cut < whole.bytes.size(); ++cut) {
+      auto const path =
+          folder.write("cut", Bytes(whole.bytes.begin(), whole.bytes.begin() + static_cast<long>(cut)));
+      Read const result = read(path);
+      if (cut < headerEnd) {
+         EXPECT_NE(result.failure.find("no capture: " + path), std::string::npos) << cut << result.failure;
+         continue;
+      }
+      EXPECT_EQ(result.failure, "") << cut;
+      auto const complete = static_cast<std::uint64_t>(
+          std::count_if(whole.starts.begin(), whole.starts.end(), [&](std::size_t start) {
+             std::size_t const size = whole.starts[1] - whole.starts[0];
+             return start + size <= cut;
+          }));
+      EXPECT_EQ(result.packets, complete) << cut;
+      EXPECT_EQ(result.counted, complete) << cut;
+      bool const between = cut == headerEnd || std::count(whole.starts.begin(), whole.starts.end(), cut);
+      EXPECT_EQ(result.damage.has_value(), !between) << cut;
+   }
+}
+
+TEST(Capture, CutAtEveryByte) { cutEverywhere(threePackets(), 24); }
+TEST(Capture, NextGenerationCutAtEveryByte) { cutEverywhere(threePacketsNextGeneration(), 28 + 20); }
+
+TEST(Capture, BrokenInside) {
+   Folder folder;
+   auto pcap = threePackets();
+   pcap.bytes[pcap.starts[1] + 11] = 0x7f; // captured length of the second packet: 2 GB
+   Read result = read(folder.write("length", pcap.bytes));
+   EXPECT_EQ(result.counted, 1u);
+   EXPECT_TRUE(result.damage);
+   auto next = threePacketsNextGeneration();
+   next.bytes[next.starts[2] - 1] = 1; // trailing length of the second packet's block
+   result = read(folder.write("trailer", next.bytes));
+   EXPECT_EQ(result.counted, 1u);
+   EXPECT_TRUE(result.damage);
+   next = threePacketsNextGeneration();
+   next.bytes[next.starts[0] + 4] = 3; // length of the first packet's block
+   result = read(folder.write("block", next.bytes));
+   EXPECT_EQ(result.packets, 0u);
+   EXPECT_TRUE(result.damage);
+   auto magic = threePackets();
+   magic.bytes[0] ^= 0xff;
+   EXPECT_NE(read(folder.write("magic", magic.bytes)).failure.find("expected a pcap or pcapng file"),
+             std::string::npos);
+}
+
+TEST(Capture, CannotOpen) {
+   Folder folder;
+   EXPECT_EQ(read(folder.path("absent")).failure,
+             "cannot open: " + folder.path("absent") + ": No such file or directory");
+   EXPECT_EQ(read(folder.path()).failure, "cannot open: " + folder.path() + ": Is a directory");
+   auto const path = folder.write("closed", threePackets().bytes);
+   chmod(path.c_str(), 0);
+   chmod(folder.path().c_str(), 0755);
+   bool const root = geteuid() == 0; // who may read every file: be nobody for a moment
+   if (root) {
+      ASSERT_EQ(seteuid(65534), 0);
+   }
+   Read const closed = read(path);
+   if (root) {
+      ASSERT_EQ(seteuid(0), 0);
+   }
+   EXPECT_EQ(closed.failure, "cannot open: " + path + ": Permission denied");
+}
+
+TEST(Capture, TimesAreThoseOfTheCapture) {
+   Folder folder;
+   Pcap pcap;
+   Bytes const frame = ethernet(0x0800) + Ip4{}.bytes();
+   pcap.add(frame, 1700000000, 250000);
+   pcap.add(frame, 1600000000, 500000); // time goes backwards
+   Capture capture(folder.write("times", pcap.bytes));
+   MemoryStore<FlowTracking::HoIpFlowCounter> table4;
+   MemoryStore<FlowTracking::HoIp6FlowCounter> table6;
+   Figures figures;
+   track(capture, table4, table6, figures, [](std::uint64_t) { return true; });
+   ASSERT_EQ(table4.rows(), 1u);
+   auto const row = table4.content().begin()->second;
+   EXPECT_EQ(row.createTime(), 1700000000.25);
+   EXPECT_EQ(row.updateTime(), 1600000000.5);
+   EXPECT_EQ(row.packets(), 2u);
+   EXPECT_EQ(row.bytes(), 80u);
+}
+
+TEST(Capture, UnsupportedLinkType) {
+   Folder folder;
+   Pcap pcap(105);
+   pcap.add(zeros(60));
+   Capture capture(folder.write("wifi", pcap.bytes));
+   EXPECT_FALSE(capture.linkLayer());
+   EXPECT_EQ(capture.linkTypeText(), "IEEE802_11 (105)");
+   MemoryStore<FlowTracking::HoIpFlowCounter> table4;
+   MemoryStore<FlowTracking::HoIp6FlowCounter> table6;
+   Figures figures;
+   track(capture, table4, table6, figures, [](std::uint64_t) { return true; });
+   EXPECT_EQ(figures.linkType, 1u);
+}
+
+} // namespace
+} // namespace Tracker

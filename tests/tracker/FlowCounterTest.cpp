@@ -1,0 +1,172 @@
+// SPDX-License-Identifier: Apache-2.0
+// The rule by which a killed tracker goes on: whatever the table holds at the start and wherever the tracker
+// is killed, once, twice or three times, the last run leaves exactly the rows of its capture. Packets are few
+// and their keys fewer, so that every point of death can be tried. Under a second.
+#include "FlowCounter.h"
+#include "FlowTracking/HoFlowCounter.h"
+#include "MemoryStore.h"
+
+#include <algorithm>
+#include <gtest/gtest.h>
+#include <random>
+
+namespace Tracker {
+namespace {
+
+using FlowTracking::HoIpFlowCounter;
+using FlowTracking::IpFlowKey;
+using Store = MemoryStore<HoIpFlowCounter>;
+
+struct TestPacket {
+   IpFlowKey key;
+   std::uint64_t bytes;
+   double time;
+};
+using Packets = std::vector<TestPacket>;
+
+Packets make(unsigned seed, unsigned count, unsigned flows) {
+   std::mt19937 draw(seed);
+   Packets packets;
+   for (unsigned i = 0; i < count; ++i) {
+      IpFlowKey const key(0, 0, Ip::IpAddr({10, 0, 0, 1}), Ip::IpAddr({10, 0, 0, 2}), Ip::Protocol::udp,
+                          static_cast<std::uint16_t>(draw() % flows), 53);
+      packets.push_back(
+          {key, 40 + draw() % 3, 1000.0 + static_cast<double>(draw() % 5)}); // also backwards in time
+   }
+   return packets;
+}
+
+Store::Rows rowsOf(Packets const& packets) {
+   Store::Rows rows;
+   for (auto const& packet : packets) {
+      auto const [place, isNew] = rows.try_emplace(packet.key, packet.key);
+      auto& row = place->second;
+      if (isNew) row.createTimeIs(packet.time);
+      row.updateTimeIs(packet.time);
+      row.packetsInc(1);
+      row.bytesInc(packet.bytes);
+   }
+   return rows;
+}
+
+struct Outcome {
+   std::uint64_t kept, removed, stores;
+};
+
+Outcome run(Store& store, Packets const& packets) {
+   FlowCounter<HoIpFlowCounter> counter(store);
+   for (auto const& packet : packets) counter.count(packet.key, packet.bytes, packet.time);
+   counter.finish();
+   EXPECT_EQ(counter.packets(), packets.size());
+   EXPECT_EQ(counter.rows(), store.rows());
+   return {counter.packetsKept(), counter.rowsRemoved(), counter.stores()};
+}
+
+/// Runs and dies at the given change. True if it died.
+bool runAndDie(Store& store, Packets const& packets, std::uint64_t after) {
+   store.dieAfter(after);
+   bool died = false;
+   try {
+      run(store, packets);
+   } catch (Killed const&) {
+      died = true;
+   }
+   store.dieAfter(~0ull >> 1);
+   return died;
+}
+
+bool holds(Store& store, Packets const& packets) { return store.content() == rowsOf(packets); }
+
+TEST(FlowCounter, GoesOnWhereItWasKilled) {
+   Packets const packets = make(1, 60, 7);
+   for (unsigned first = 0; first <= packets.size(); ++first)
+      for (unsigned second = 0; second <= 3; ++second) {
+         Store store;
+         EXPECT_EQ(runAndDie(store, packets, first), first < packets.size());
+         EXPECT_TRUE(holds(store, Packets(packets.begin(), packets.begin() + first)))
+             << "packets are rows at once";
+         runAndDie(store, packets, second);
+         auto const before = std::min<std::size_t>(first + second, packets.size());
+         auto const outcome = run(store, packets);
+         EXPECT_TRUE(holds(store, packets)) << first << ' ' << second;
+         EXPECT_EQ(outcome.kept, before) << "nothing is counted anew";
+         EXPECT_EQ(outcome.removed, 0u);
+         EXPECT_EQ(outcome.stores, packets.size() - before);
+      }
+}
+
+TEST(FlowCounter, ATableThatCameBackEmptyIsFilledAgain) {
+   Packets const packets = make(2, 60, 7);
+   Store store;
+   runAndDie(store, packets, 30);
+   store.content().clear();
+   EXPECT_EQ(run(store, packets).kept, 0u);
+   EXPECT_TRUE(holds(store, packets));
+}
+
+TEST(FlowCounter, RunningAgainChangesNothingAndGrownCapturesAreContinued) {
+   Packets const packets = make(3, 60, 7);
+   Store store;
+   run(store, Packets(packets.begin(), packets.begin() + 40));
+   auto const changes = store.changes();
+   EXPECT_EQ(run(store, Packets(packets.begin(), packets.begin() + 40)).kept, 40u);
+   EXPECT_EQ(store.changes(), changes);
+   EXPECT_EQ(run(store, packets).kept, 40u);
+   EXPECT_TRUE(holds(store, packets));
+   EXPECT_EQ(run(store, Packets()).removed, rowsOf(packets).size()) << "an empty capture has no rows";
+   EXPECT_TRUE(store.content().empty());
+}
+
+/// Whatever the table holds, and wherever the first run dies in putting it right, the second run ends exact.
+void putsRight(Store::Rows const& found, Packets const& packets, char const* what) {
+   bool died = true;
+   for (std::uint64_t after = 0; died; ++after) {
+      Store store;
+      store.content() = found;
+      died = runAndDie(store, packets, after);
+      run(store, packets);
+      ASSERT_TRUE(holds(store, packets)) << what << ", died at change " << after;
+   }
+}
+
+TEST(FlowCounter, BelievesNoForeignRows) {
+   Packets const packets = make(4, 40, 5);
+   Packets const half(packets.begin(), packets.begin() + 20);
+   putsRight(rowsOf(make(5, 40, 5)), packets, "another capture of the same flows");
+   putsRight(rowsOf(make(6, 90, 50)), packets, "a longer one");
+   Packets reordered = half;
+   std::swap(reordered[3], reordered[4]);
+   reordered[3].bytes = reordered[4].bytes + 1;
+   putsRight(rowsOf(reordered), packets, "one that differs in a packet");
+   Packets twice = half;
+   twice.push_back(half.back());
+   putsRight(rowsOf(twice), packets, "a packet counted twice");
+
+   auto changed = [&](auto change) {
+      auto rows = rowsOf(half);
+      change(rows.begin()->second);
+      return rows;
+   };
+   putsRight(changed([](auto& row) { row.bytesInc(1); }), packets, "bytes changed");
+   putsRight(changed([](auto& row) { row.packetsInc(1); }), packets, "packets changed");
+   putsRight(changed([](auto& row) { row.packetsIs(0); }), packets, "packets lost");
+   putsRight(changed([](auto& row) { row.packetsIs(~0ull); }), packets, "packets huge");
+   putsRight(changed([](auto& row) { row.updateTimeIs(7); }), packets, "update time changed");
+   putsRight(changed([](auto& row) { row.createTimeIs(7); }), packets, "create time changed");
+   putsRight(changed([](auto& row) { row.hosEntriesIs(1); }), packets, "another field changed");
+   auto rows = rowsOf(half);
+   IpFlowKey const stranger(1, 2, {}, {}, Ip::Protocol::tcp, 3, 4);
+   rows.emplace(stranger, HoIpFlowCounter(stranger));
+   putsRight(rows, packets, "one more row, without packets");
+   putsRight({{stranger, HoIpFlowCounter(stranger)}}, packets, "only a row without packets");
+   rows.erase(rows.begin());
+   putsRight(rows, packets, "one row less");
+   // Counts moved from one row to another leave the sum as it was.
+   rows = rowsOf(half);
+   rows.begin()->second.packetsInc(1);
+   std::prev(rows.end())->second.packetsInc(~0ull);
+   putsRight(rows, packets, "the right sum of wrong rows");
+}
+
+} // namespace
+} // namespace Tracker

@@ -1,0 +1,212 @@
+// SPDX-License-Identifier: Apache-2.0
+// The frame parser: one case for each rule of what counts, and for each frame here every shorter captured
+// length, in a buffer of exactly that length, so that a read beyond it is seen by the address sanitizer. What
+// a cut must not do is change anything but the ports and, for IPv6, how far the extension headers are known.
+#include "Frame.h"
+#include "Packets.h"
+
+#include <gtest/gtest.h>
+#include <memory>
+
+namespace Tracker {
+namespace {
+
+using namespace Packets;
+
+Frame parse(Bytes const& frame, LinkLayer layer = LinkLayer::ethernet) {
+   std::unique_ptr<unsigned char[]> const exact(new unsigned char[frame.size()]);
+   std::copy(frame.begin(), frame.end(), exact.get());
+   Frame result;
+   parseFrame({exact.get(), frame.size()}, layer, result);
+   return result;
+}
+
+/// "4 vlan protocol src:port > dst:port bytes", "6 ...", "no IP", "malformed".
+std::string text(Frame const& frame) {
+   auto flow = [&](char const* family, auto const& key) {
+      return fmt::format("{} {} {} {}:{} > {}:{} {}", family, key.vlanId(), key.ipProtocolNumber(),
+                         key.srcAddr().str().view(), key.srcPort(), key.dstAddr().str().view(), key.dstPort(),
+                         frame.bytes);
+   };
+   switch (frame.verdict) {
+   case Verdict::ip4:
+      return flow("4", frame.key4);
+   case Verdict::ip6:
+      return flow("6", frame.key6);
+   case Verdict::notIp:
+      return "no IP";
+   case Verdict::malformed:
+      return "malformed";
+   }
+   return "?";
+}
+
+std::string text(Bytes const& frame, LinkLayer layer = LinkLayer::ethernet) {
+   return text(parse(frame, layer));
+}
+
+std::string const tcp4 = "4 0 6 10.0.0.1:1234 > 10.0.0.2:80 40";
+std::string const tcp6 = "6 0 6 2001:db8::1:1234 > 2001:db8::2:80 60";
+Bytes const ip4 = ethernet(0x0800), ip6 = ethernet(0x86dd);
+
+TEST(Frame, PlainPackets) {
+   EXPECT_EQ(text(ip4 + Ip4{}.bytes()), tcp4);
+   EXPECT_EQ(text(ip6 + Ip6{}.bytes()), tcp6);
+   Frame const frame = parse(ip4 + Ip4{}.bytes());
+   EXPECT_EQ(frame.key4.vrfId(), 0u);
+   EXPECT_EQ(frame.key4.direction(), FlowTracking::TrafficDirection(0));
+   EXPECT_EQ(text(ip4 + Ip4{.protocol = 17}.bytes() + zeros(30)), "4 0 17 10.0.0.1:1234 > 10.0.0.2:80 40");
+   EXPECT_EQ(text(ip4 + Ip4{.protocol = 132}.bytes()), "4 0 132 10.0.0.1:1234 > 10.0.0.2:80 40");
+   for (unsigned protocol : {1u, 2u, 4u, 41u, 47u, 51u, 136u})
+      EXPECT_EQ(text(ip4 + Ip4{.protocol = protocol}.bytes()),
+                fmt::format("4 0 {} 10.0.0.1:0 > 10.0.0.2:0 40", protocol));
+   EXPECT_EQ(text(ip4 + Ip4{.versionAndLength = 0x4f}.bytes()), "4 0 6 10.0.0.1:1234 > 10.0.0.2:80 80");
+}
+
+TEST(Frame, Tags) {
+   EXPECT_EQ(text(ethernet(0x0800, {{0x8100, 0xe02a}}) + Ip4{}.bytes()),
+             "4 42 6 10.0.0.1:1234 > 10.0.0.2:80 40");
+   EXPECT_EQ(text(ethernet(0x0800, {{0x88a8, 10}, {0x8100, 20}}) + Ip4{}.bytes()),
+             "4 10 6 10.0.0.1:1234 > 10.0.0.2:80 40");
+   EXPECT_EQ(text(ethernet(0x86dd, {{0x8100, 0}, {0x8100, 20}, {0x8100, 30}}) + Ip6{}.bytes()), tcp6)
+       << "the outermost tag's id counts, also if it is 0";
+}
+
+TEST(Frame, WhatIsNoIp) {
+   for (unsigned etherType : {0x0806u, 0x8847u, 0x8863u, 0x8864u, 0x9100u, 100u, 0x05dcu})
+      EXPECT_EQ(text(ethernet(etherType) + Ip4{}.bytes()), "no IP") << etherType;
+   EXPECT_EQ(text(ethernet(0x8847, {{0x8100, 5}}) + Ip4{}.bytes()), "no IP");
+   EXPECT_EQ(text(Bytes()), "no IP");
+   EXPECT_EQ(text(ethernet(0x8100) + Bytes{0, 42, 8}), "no IP") << "a tag that was cut off";
+}
+
+TEST(Frame, Malformed) {
+   EXPECT_EQ(text(ip4 + Ip4{.versionAndLength = 0x65}.bytes()), "malformed");
+   EXPECT_EQ(text(ip4 + Ip4{.versionAndLength = 0x44}.bytes()), "malformed");
+   EXPECT_EQ(text(ip4 + Ip4{.length = 0}.bytes()), "malformed");
+   EXPECT_EQ(text(ip4 + Ip4{.length = 19}.bytes()), "malformed");
+   EXPECT_EQ(text(ip4 + Ip4{.versionAndLength = 0x46, .length = 23}.bytes()), "malformed");
+   EXPECT_EQ(text(ip4 + Ip4{.length = 20}.bytes()), "4 0 6 10.0.0.1:0 > 10.0.0.2:0 20");
+   EXPECT_EQ(text(ip6 + Ip6{.first = 0x40}.bytes()), "malformed");
+   EXPECT_EQ(text(ip6 + Ip6{.length = 0}.bytes()), "6 0 6 2001:db8::1:0 > 2001:db8::2:0 40");
+   EXPECT_EQ(text(ip4), "malformed");
+   EXPECT_EQ(text(ip6), "malformed");
+}
+
+TEST(Frame, LengthsComeFromTheHeader) {
+   EXPECT_EQ(text(ip4 + Ip4{.length = 1500}.bytes()), "4 0 6 10.0.0.1:1234 > 10.0.0.2:80 1500");
+   EXPECT_EQ(text(ip4 + Ip4{.length = 24}.bytes()), "4 0 6 10.0.0.1:1234 > 10.0.0.2:80 24");
+   EXPECT_EQ(text(ip4 + Ip4{.length = 23}.bytes()), "4 0 6 10.0.0.1:0 > 10.0.0.2:0 23")
+       << "ports behind the packet";
+   EXPECT_EQ(text(ip6 + Ip6{.length = 3}.bytes()), "6 0 6 2001:db8::1:0 > 2001:db8::2:0 43");
+   EXPECT_EQ(text(ip6 + Ip6{.length = 65535}.bytes()), "6 0 6 2001:db8::1:1234 > 2001:db8::2:80 65575");
+}
+
+TEST(Frame, Fragments) {
+   EXPECT_EQ(text(ip4 + Ip4{.fragment = 0x2000}.bytes()), "4 0 6 10.0.0.1:0 > 10.0.0.2:0 40");
+   EXPECT_EQ(text(ip4 + Ip4{.fragment = 0x0001}.bytes()), "4 0 6 10.0.0.1:0 > 10.0.0.2:0 40");
+   EXPECT_EQ(text(ip4 + Ip4{.fragment = 0x1fff}.bytes()), "4 0 6 10.0.0.1:0 > 10.0.0.2:0 40");
+   EXPECT_EQ(text(ip4 + Ip4{.fragment = 0xc000}.bytes()), tcp4) << "neither fragment nor offset";
+   auto fragment = [](unsigned place, Bytes const& rest = be16(1234) + be16(80) + zeros(8)) {
+      return text(ip6 +
+                  Ip6{.nextHeader = 44, .payload = Bytes{17, 0} + be16(place) + zeros(4) + rest}.bytes());
+   };
+   EXPECT_EQ(fragment(0), "6 0 17 2001:db8::1:1234 > 2001:db8::2:80 60") << "makes no fragment";
+   EXPECT_EQ(fragment(6), "6 0 17 2001:db8::1:1234 > 2001:db8::2:80 60") << "reserved bits";
+   EXPECT_EQ(fragment(1), "6 0 17 2001:db8::1:0 > 2001:db8::2:0 60") << "the first of several";
+   EXPECT_EQ(fragment(8), "6 0 17 2001:db8::1:0 > 2001:db8::2:0 60") << "a later one";
+   // Behind a later fragment's header there is data, even if it looks like a header.
+   Bytes const options = Bytes{6, 0} + zeros(6) + be16(1) + be16(2);
+   EXPECT_EQ(
+       text(ip6 + Ip6{.nextHeader = 44, .payload = Bytes{60, 0} + be16(8) + zeros(4) + options}.bytes()),
+       "6 0 60 2001:db8::1:0 > 2001:db8::2:0 60");
+   EXPECT_EQ(
+       text(ip6 + Ip6{.nextHeader = 44, .payload = Bytes{60, 0} + be16(1) + zeros(4) + options}.bytes()),
+       "6 0 6 2001:db8::1:0 > 2001:db8::2:0 60")
+       << "the first fragment has its headers";
+}
+
+TEST(Frame, ExtensionHeaders) {
+   Bytes const ports = be16(5) + be16(6) + zeros(4);
+   auto chain = [&](unsigned first, Bytes const& headers) {
+      return text(ip6 + Ip6{.nextHeader = first, .payload = headers + ports}.bytes());
+   };
+   EXPECT_EQ(chain(0, Bytes{17, 1} + zeros(14)), "6 0 17 2001:db8::1:5 > 2001:db8::2:6 64");
+   EXPECT_EQ(chain(51, Bytes{6, 4} + zeros(22)), "6 0 6 2001:db8::1:5 > 2001:db8::2:6 72")
+       << "words of 4 bytes";
+   EXPECT_EQ(chain(0, Bytes{43, 0} + zeros(6) + Bytes{60, 0} + zeros(6) + Bytes{132, 0} + zeros(6)),
+             "6 0 132 2001:db8::1:5 > 2001:db8::2:6 72");
+   EXPECT_EQ(chain(50, zeros(8)), "6 0 50 2001:db8::1:0 > 2001:db8::2:0 56") << "no walk through ESP";
+   EXPECT_EQ(chain(59, zeros(0)), "6 0 59 2001:db8::1:0 > 2001:db8::2:0 48");
+   EXPECT_EQ(chain(0, Bytes{6, 255}), "6 0 6 2001:db8::1:0 > 2001:db8::2:0 50") << "its end wasn't captured";
+   EXPECT_EQ(text(ip6 + Ip6{.nextHeader = 0, .payload = Bytes{6}}.bytes()),
+             "6 0 0 2001:db8::1:0 > 2001:db8::2:0 41");
+}
+
+TEST(Frame, LinkLayers) {
+   Bytes const four = Ip4{}.bytes(), six = Ip6{}.bytes();
+   auto cooked = [](unsigned device, unsigned etherType) {
+      return be16(0) + be16(device) + be16(6) + zeros(8) + be16(etherType);
+   };
+   auto cooked2 = [](unsigned device, unsigned etherType) {
+      return be16(etherType) + zeros(2) + zeros(4) + be16(device) + Bytes{0, 6} + zeros(8);
+   };
+   EXPECT_EQ(text(cooked(1, 0x0800) + four, LinkLayer::cooked), tcp4);
+   EXPECT_EQ(text(cooked(1, 0x8100) + be16(42) + be16(0x0800) + four, LinkLayer::cooked),
+             "4 42 6 10.0.0.1:1234 > 10.0.0.2:80 40");
+   EXPECT_EQ(text(cooked(1, 4) + four, LinkLayer::cooked), "no IP");
+   EXPECT_EQ(text(cooked(824, 0x0800) + four, LinkLayer::cooked), "no IP");
+   EXPECT_EQ(text(cooked2(1, 0x86dd) + six, LinkLayer::cooked2), tcp6);
+   EXPECT_EQ(text(cooked2(824, 0x86dd) + six, LinkLayer::cooked2), "no IP");
+   for (auto const& header : {le32(2), Bytes{0, 0, 0, 2}})
+      EXPECT_EQ(text(header + four, LinkLayer::loopback), tcp4);
+   for (unsigned family : {10u, 24u, 28u, 30u})
+      EXPECT_EQ(text(le32(family) + six, LinkLayer::loopback), tcp6);
+   EXPECT_EQ(text(le32(2) + six, LinkLayer::loopback), "malformed");
+   EXPECT_EQ(text(le32(7) + four, LinkLayer::loopback), "no IP");
+   EXPECT_EQ(text(Bytes{0xff, 3, 0, 0x21} + four, LinkLayer::ppp), tcp4);
+   EXPECT_EQ(text(Bytes{0x21} + four, LinkLayer::ppp), tcp4);
+   EXPECT_EQ(text(Bytes{0, 0x57} + six, LinkLayer::ppp), tcp6);
+   EXPECT_EQ(text(Bytes{0xc0, 0x21} + four, LinkLayer::ppp), "no IP");
+   EXPECT_EQ(text(Bytes{0xf, 0, 8, 0} + four, LinkLayer::ciscoHdlc), tcp4);
+   EXPECT_EQ(text(four, LinkLayer::raw), tcp4);
+   EXPECT_EQ(text(six, LinkLayer::raw), tcp6);
+   EXPECT_EQ(text(Bytes{0x50} + zeros(60), LinkLayer::raw), "malformed");
+   EXPECT_EQ(text(six, LinkLayer::rawIp4), "malformed");
+   EXPECT_EQ(text(six, LinkLayer::rawIp6), tcp6);
+   EXPECT_EQ(linkLayerOf(1), LinkLayer::ethernet);
+   EXPECT_EQ(linkLayerOf(12), LinkLayer::raw);
+   EXPECT_FALSE(linkLayerOf(105)) << "802.11";
+}
+
+TEST(Frame, EveryCut) {
+   Bytes const chained =
+       Ip6{.nextHeader = 0,
+           .payload = Bytes{44, 0} + zeros(6) + Bytes{17, 0} + be16(0) + zeros(4) + be16(9) + be16(10)}
+           .bytes();
+   struct Case {
+      Bytes frame;
+      LinkLayer layer;
+      std::size_t addressesEnd, portsEnd;
+      std::string whole;
+   } const cases[] = {
+       {ip4 + Ip4{}.bytes(), LinkLayer::ethernet, 34, 38, tcp4},
+       {ethernet(0x86dd, {{0x88a8, 1}, {0x8100, 2}}) + Ip6{}.bytes(), LinkLayer::ethernet, 62, 66,
+        "6 1 6 2001:db8::1:1234 > 2001:db8::2:80 60"},
+       {ip6 + chained, LinkLayer::ethernet, 54, 74, "6 0 17 2001:db8::1:9 > 2001:db8::2:10 60"},
+       {le32(2) + Ip4{.versionAndLength = 0x4f}.bytes(), LinkLayer::loopback, 24, 68,
+        "4 0 6 10.0.0.1:1234 > 10.0.0.2:80 80"},
+       {be16(0x86dd) + zeros(18) + Ip6{}.bytes(), LinkLayer::cooked2, 60, 64, tcp6},
+   };
+   for (auto const& [frame, layer, addressesEnd, portsEnd, whole] : cases)
+      for (std::size_t cut = 0; cut <= frame.size(); ++cut) {
+         Frame const parsed = parse(Bytes(frame.begin(), frame.begin() + static_cast<long>(cut)), layer);
+         bool const counted = parsed.verdict == Verdict::ip4 || parsed.verdict == Verdict::ip6;
+         EXPECT_EQ(counted, cut >= addressesEnd) << whole << " cut to " << cut;
+         EXPECT_EQ(text(parsed) == whole, cut >= portsEnd)
+             << whole << " cut to " << cut << ": " << text(parsed);
+      }
+}
+
+} // namespace
+} // namespace Tracker

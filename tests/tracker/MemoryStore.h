@@ -1,0 +1,55 @@
+// SPDX-License-Identifier: Apache-2.0
+// A RowStore in private memory that can die at a chosen change: the tracker's rule of restart can then be
+// tried at every point without files. What real tables do when their writer dies is tried in KillTest.cpp.
+#pragma once
+
+#include "FlowCounter.h"
+
+#include <map>
+#include <vector>
+
+namespace Tracker {
+
+struct Killed {};
+
+template <class Record> class MemoryStore final : public RowStore<Record> {
+public:
+   using typename RowStore<Record>::Key;
+   using Rows = std::map<Key, Record>;
+
+   bool read(Key const& key, Record& row) const override {
+      auto const place = rows_.find(key);
+      if (place != rows_.end()) row = place->second;
+      return place != rows_.end();
+   }
+   void write(Record const& row) override {
+      step();
+      rows_.insert_or_assign(row.key(), row);
+   }
+   std::uint64_t rows() const override { return rows_.size(); }
+   void forEach(std::function<void(Record const&)> const& visit) const override {
+      for (auto const& [key, row] : rows_) visit(row);
+   }
+   void removeAll() override {
+      while (!rows_.empty()) {
+         step();
+         rows_.erase(rows_.begin());
+      }
+   }
+
+   Rows& content() { return rows_; }
+   std::uint64_t changes() const { return changes_; }
+   /// The change after `changes` more ones is not made: the process dies there.
+   void dieAfter(std::uint64_t changes) { deadline_ = changes_ + changes; }
+
+private:
+   void step() {
+      if (changes_ == deadline_) throw Killed();
+      ++changes_;
+   }
+
+   Rows rows_;
+   std::uint64_t changes_ = 0, deadline_ = ~0ull;
+};
+
+} // namespace Tracker

@@ -1,0 +1,124 @@
+// SPDX-License-Identifier: Apache-2.0
+// What the tests of the writer and of damage share: a root directory of the process's own, the traces that a
+// start leaves, a writer with the model of its rows, and the check of the one against the other by every way
+// in.
+#pragma once
+
+#include "TestTable.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <optional>
+#include <unistd.h>
+#include <vector>
+
+namespace Test {
+
+/// The root of all tables of this process; removed when it ends.
+inline std::string const& testRoot() {
+   struct Root {
+      std::string path = "/dev/shm/hoflow-test-XXXXXX";
+      pid_t const owner = ::getpid();
+      Root() {
+         if (!::mkdtemp(path.data())) std::abort();
+         Mem::RootPath::set(path);
+      }
+      ~Root() {
+         if (::getpid() == owner) std::filesystem::remove_all(path);
+      }
+   };
+   static Root root;
+   return root.path;
+}
+
+/// Keeps the traces of all levels while it lives.
+class Traces {
+public:
+   Traces() {
+      ++live;
+      Lomi::Platform::traceSinkIs(
+          [this](unsigned level, std::string_view, std::string_view, std::string_view text) {
+             lines_.push_back(fmt::format("{}: {}", level, text));
+          });
+   }
+   ~Traces() {
+      Lomi::Platform::traceSinkIs({});
+      --live;
+   }
+   static inline int live = 0;
+   /// Whether a line of this level holds the text.
+   bool has(unsigned level, std::string_view text) const {
+      std::string const mark = fmt::format("{}: ", level);
+      return std::any_of(lines_.begin(), lines_.end(), [&](std::string const& line) {
+         return line.starts_with(mark) && line.find(text) != std::string::npos;
+      });
+   }
+   std::string text() const { return fmt::format("{}\n", fmt::join(lines_, "\n")); }
+
+private:
+   std::vector<std::string> lines_;
+};
+
+/// A handler that traces lifecycle and failures where somebody looks at them, and nothing elsewhere.
+inline Lomi::Platform::DebugHandler& talking() {
+   static Lomi::Platform::DebugHandler handler("talking");
+   handler.maskIs(Traces::live ? 0xf : 0);
+   return handler;
+}
+
+template <class R> using WriterOf = Mirak::MirakWriter<OpsOf<R>>;
+
+template <class R>
+std::unique_ptr<WriterOf<R>> open(std::string const& name, Mirak::MapDescriptor const& descriptor,
+                                  Lomi::Platform::DebugHandler& handler = talking()) {
+   testRoot();
+   auto writer = std::make_unique<WriterOf<R>>(handler, name.c_str(), descriptor);
+   writer->initialize("test");
+   return writer;
+}
+
+/// Compares a table with what it must hold: count, each key of `universe` looked up, the walk with its hints,
+/// the same walk from key to key, its order, and the table's own audit. Empty if all is right, else the first
+/// difference.
+template <class R>
+std::string difference(WriterOf<R>& writer, Content const& content, std::vector<Key> const& universe) {
+   if (writer.members() != content.size())
+      return fmt::format("members:{} wanted:{}", writer.members(), content.size());
+   for (Key key : universe) {
+      bool found;
+      R buffer;
+      auto const* row = writer.lookup(key, found, &buffer);
+      auto const wanted = content.find(key);
+      if (found != (wanted != content.end())) return fmt::format("lookup of {} found:{}", key.str(), found);
+      if (!found && row != &OpsOf<R>::typeDefault()) return "a miss gives another row than the default";
+      if (found && (row->key() != key || row->generation() != wanted->second || !row->sound()))
+         return fmt::format("{} has {}", key.str(), row->str());
+      if (found) writer.validateVersionAnchor();
+   }
+   u32 const seed = Mem::loadShared(writer.slotTable().header().hashSeed);
+   for (bool hinted : {true, false}) {
+      R row;
+      Mirak::IterHint hint;
+      std::size_t walked = 0;
+      std::optional<Key> last;
+      for (bool more = writer.first(row, hint); more; more = writer.next(row.key(), row, hint)) {
+         auto const wanted = content.find(row.key());
+         if (wanted == content.end() || wanted->second != row.generation() || !row.sound())
+            return fmt::format("walk meets {}", row.str());
+         if (last && !before(*last, row.key(), seed))
+            return fmt::format("walk has {} behind {}", row.key().str(), last->str());
+         last = row.key();
+         ++walked;
+         if (!hinted) hint = {};
+      }
+      if (walked != content.size()) return fmt::format("walk has {} rows of {}", walked, content.size());
+   }
+   std::string error;
+   if (!writer.validate(writer.kestorId(), error, true)) return "validate: " + error;
+   return {};
+}
+
+} // namespace Test

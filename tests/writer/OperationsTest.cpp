@@ -1,0 +1,369 @@
+// SPDX-License-Identifier: Apache-2.0
+// Single operations of the writer where the model test can't look: what exactly is stored, how much a table
+// grows, what a full file system does, and which misuse stops the process.
+#include "Fixture.h"
+
+#include "FlowTracking/Tables.h"
+#include "Lomi/TaskSchedulerRoot.h"
+
+#include <sys/mount.h>
+
+namespace Test {
+namespace {
+
+using R = Row<3>;
+using Wide = Row<61>;
+
+Mirak::MapDescriptor localOf(u32 rows) {
+   Mirak::MapDescriptor d(rows);
+   d.local = true;
+   return d;
+}
+
+template <class W> u32 wordOf(W& writer, u32 slot) {
+   return Mem::loadShared(writer.slotTable().slot(slot).versionFlags);
+}
+template <class W> bool inSection(W& writer) {
+   return Mem::loadShared(writer.slotTable().header().runtimeFlags) &
+          Mirak::SlotTableHeader::inCriticalSection;
+}
+
+TEST(Growth, DoublesThenCreepsByTenths) {
+   EXPECT_EQ(Mirak::grownCapacity(10, 15), 15u);
+   EXPECT_EQ(Mirak::grownCapacity(15, 15), 17u);
+   EXPECT_EQ(Mirak::grownCapacity(1, 1), 2u);
+   EXPECT_EQ(Mirak::grownCapacity(1, 2), 2u);
+   EXPECT_EQ(Mirak::grownCapacity(50, 50), 55u);
+   EXPECT_EQ(Mirak::grownCapacity(100, 100), 110u);
+   // In single precision the tenth is exact enough; a wider one gives 111 from 100.
+   for (u32 c = 1; c <= 2'000'000; ++c)
+      if (Mirak::grownCapacity(c, 1) != (11 * c + 9) / 10)
+         FAIL() << c << " grows to " << Mirak::grownCapacity(c, 1);
+}
+
+TEST(Growth, OfATable) {
+   Traces traces;
+   auto writer = open<Wide>("grow", Mirak::MapDescriptor(12));
+   std::vector<u32> capacities = {writer->capacity()};
+   Content content;
+   std::vector<Key> keys;
+   for (u32 i = 0; i < 16; ++i) {
+      keys.push_back({i, i});
+      writer->write(Wide::make(keys.back(), i), true);
+      content[keys.back()] = i;
+      // Slots are handed out from below, also those of a growth.
+      EXPECT_EQ(writer->slotTable().slot(i).link.version % 4, 0u);
+      EXPECT_NE(wordOf(*writer, i) & 1, 0u) << i;
+      if (writer->capacity() != capacities.back()) capacities.push_back(writer->capacity());
+   }
+   EXPECT_EQ(capacities, (std::vector<u32>{8, 12, 14, 16}));
+   EXPECT_EQ(Mem::loadPair(writer->slotTable().header().numSlots).version, 3u);
+   EXPECT_EQ(difference(*writer, content, keys), "");
+   EXPECT_TRUE(traces.has(2, fmt::format("{} from 8 slots to 12", writer->rootPath().str())));
+}
+
+TEST(Operations, WordsAndCounters) {
+   Mirak::MapDescriptor keepsBuckets = localOf(10);
+   keepsBuckets.shrinkBuckets_ = false;
+   auto writer = open<R>("words", keepsBuckets);
+   Key const key{5, 5};
+   writer->write(R::make(key, 1), true);
+   EXPECT_EQ(wordOf(*writer, 0), 5u); // two steps of 2, and OCCUPIED
+   auto const& link = writer->hashMap().buckets()[5];
+   u32 const linkVersion = link.version;
+   writer->write(R::make(key, 2), true);
+   writer->write(R::make(key, 2), true); // an equal value counts, too
+   EXPECT_EQ(wordOf(*writer, 0), 13u);
+   EXPECT_EQ(link.version, linkVersion);
+   EXPECT_EQ(writer->write(R::make(key, 3), false)->generation(), 2u);
+   EXPECT_EQ(wordOf(*writer, 0), 13u);
+   R removed;
+   EXPECT_TRUE(writer->remove(key, removed));
+   EXPECT_EQ(wordOf(*writer, 0), 12u);
+   EXPECT_EQ(link.version, linkVersion + 4);
+   EXPECT_TRUE(Mirak::endsChain(link.next));
+   EXPECT_FALSE(inSection(*writer));
+   auto const c = writer->writerCounters();
+   EXPECT_EQ(c.slotsAllocated, 1u);
+   EXPECT_EQ(c.slotsFreed, 1u);
+
+   bool found = true;
+   R const* const none = writer->lookup(key, found, nullptr);
+   EXPECT_FALSE(found);
+   EXPECT_EQ(none, &OpsOf<R>::typeDefault());
+   EXPECT_EQ(writer->getCacheVersionAnchor(), (Mem::CacheVersionAnchor{}));
+}
+
+// Values are copied in words; what lies behind a value that is no whole number of them is nobody's.
+TEST(Operations, PaddingAndBuffersAreLeftAlone) {
+   auto writer = open<R>("padding", localOf(10));
+   static_assert(sizeof(R) == 20 && sizeof(WriterOf<R>::Slot) == 40);
+   auto* const padding = writer->slotTable().slot(0).value + sizeof(R);
+   std::memset(padding, 0x5a, 4);
+   writer->write(R::make({1, 1}, 1), true);
+   writer->write(R::make({1, 1}, 2), true);
+   struct {
+      R row;
+      u32 canary = 0x5a5a5a5a;
+   } out;
+   Mirak::IterHint hint;
+   EXPECT_TRUE(writer->first(out.row, hint));
+   EXPECT_TRUE(writer->remove({1, 1}, out.row));
+   EXPECT_EQ(std::string(padding, padding + 4), std::string(4, 0x5a));
+   EXPECT_EQ(out.canary, 0x5a5a5a5au);
+}
+
+// A record's own bytes without meaning differ between equal keys: they must be one row.
+TEST(Operations, EqualKeysWithOtherPaddingAreOneRow) {
+   using Ops = FlowTracking::HoIpFlowCounterOps;
+   testRoot();
+   Mirak::MirakWriter<Ops> writer(quiet(), "flows", localOf(10));
+   writer.initialize("test");
+   Ops::Value row;
+   for (int fill : {0x00, 0xff}) {
+      auto* const bytes = reinterpret_cast<unsigned char*>(&row);
+      for (u32 at : {14u, 15u, 25u, 26u, 27u}) bytes[at] = static_cast<unsigned char>(fill);
+      writer.write(row, true);
+   }
+   EXPECT_EQ(writer.members(), 1u);
+}
+
+TEST(Operations, SeedsBelongToTheirTables) {
+   Key::seeded = true;
+   auto one = open<R>("seed/one", Mirak::MapDescriptor(1000)), two = open<R>("seed/two", localOf(1000));
+   Content a, b;
+   std::vector<Key> keys;
+   for (u32 i = 0; i < 600; ++i) {
+      keys.push_back({i, i});
+      one->write(R::make(keys[i], a[keys[i]] = i), true);
+      if (i % 3) two->write(R::make(keys[i], b[keys[i]] = i + 1), true);
+   }
+   EXPECT_NE(Mem::loadShared(one->slotTable().header().hashSeed),
+             Mem::loadShared(two->slotTable().header().hashSeed));
+   EXPECT_EQ(difference(*one, a, keys), "");
+   EXPECT_EQ(difference(*two, b, keys), "");
+   Key::seeded = false;
+}
+
+TEST(Operations, DirectModeThatMissesStaysClosed) {
+   auto writer = open<R>("direct", localOf(10));
+   EXPECT_EQ(writer->directUpdate({1, 1}), nullptr);
+   EXPECT_FALSE(inSection(*writer));
+   writer->directWrite(R::make({1, 1}, 1));
+   EXPECT_TRUE(inSection(*writer));
+   writer->directCommit();
+   EXPECT_FALSE(inSection(*writer));
+   EXPECT_EQ(wordOf(*writer, 0), 5u);
+   EXPECT_NE(writer->directUpdate({1, 1}), nullptr);
+   EXPECT_FALSE(inSection(*writer)); // open, and unmarked by design
+   writer->directCommit();
+}
+
+// The anchor's hook sees a copy; an anchor of a detached table is stale, not a fault.
+TEST(Operations, AnchorsGoStale) {
+   auto writer = open<R>("anchor", localOf(10));
+   writer->write(R::make({1, 1}, 1), true);
+   static int hooked;
+   hooked = 0;
+   writer->validateVersionAnchorHookIs([](Mem::VersionAnchor const&) { ++hooked; });
+   bool found;
+   writer->lookup({1, 1}, found, nullptr);
+   writer->validateVersionAnchor();
+   R removed;
+   writer->remove({1, 1}, removed);
+   EXPECT_THROW(writer->validateVersionAnchor(), Mem::VersionMismatchException);
+   writer->write(R::make({1, 1}, 1), true);
+   writer->lookup({1, 1}, found, nullptr);
+   writer->detach(false);
+   EXPECT_THROW(writer->validateVersionAnchor(), Mem::VersionMismatchException);
+   EXPECT_EQ(hooked, 3);
+   writer->lookup({1, 1}, found, nullptr);
+   EXPECT_FALSE(found); // nothing open, nothing found
+}
+
+// --- misuse stops the process ---
+
+template <class Act> void dies(char const* message, Act&& act) {
+   // A forked child has no mapping of its parent's files, so each table is private memory.
+   EXPECT_DEATH(
+       {
+          auto writer = open<R>("dies", localOf(10), quiet());
+          writer->write(R::make({1, 1}, 1), true);
+          act(*writer);
+       },
+       message);
+}
+
+TEST(WriterDeath, UnpairedDirectOperations) {
+   R row = R::make({1, 1}, 2), removed;
+   std::string const pair = ".* - Make sure the DirectIs/Commit are properly paired!";
+   auto const unbalanced = [&](std::string const& what) {
+      return "unbalanced directSlot:0 containing value:0x1/1@1 when " + what + "0x1/1" + pair;
+   };
+   dies(unbalanced("writing value:").c_str(), [&](auto& w) { w.directWrite(row), w.write(row, true); });
+   dies(unbalanced("writing value:").c_str(),
+        [&](auto& w) { w.directUpdate(row.key()), w.directWrite(row); });
+   dies(unbalanced("removing key:").c_str(),
+        [&](auto& w) { w.directWrite(row), w.remove(row.key(), removed); });
+   dies(unbalanced("modifying key:").c_str(),
+        [&](auto& w) { w.directWrite(row), w.directUpdate(row.key()); });
+   dies(("unbalanced directSlot:1 containing value:0x2/2@2" + pair).c_str(), [&](auto& w) {
+      w.directWrite(R::make({2, 2}, 2)), w.detach(false);
+   });
+   dies("not in direct mode! Make sure the DirectIs/Commit are properly paired!",
+        [&](auto& w) { w.directCommit(); });
+   dies("should not be called on a default-constructed VersionAnchor",
+        [](auto& w) { w.validateVersionAnchor(); });
+   dies("no open table", [&](auto& w) { w.detach(false), w.write(row, true); });
+}
+
+/// Makes a grow of the buckets slow enough for critical tasks, by a pause before one of its stores.
+struct SlowGrow : Mem::Seam::Observer {
+   WriterOf<R>& writer;
+   u32 const buckets;
+   bool paused = false;
+   explicit SlowGrow(WriterOf<R>& w)
+      : writer(w)
+      , buckets(w.buckets()) {
+      Mem::Seam::observer = this;
+   }
+   ~SlowGrow() override { Mem::Seam::observer = nullptr; }
+   void beforeStore(void*, void const*, std::size_t) override {
+      if (paused || writer.buckets() == buckets) return;
+      paused = true;
+      usleep(12000);
+   }
+};
+
+void growWith(WriterOf<R>& writer, std::function<void()> task) {
+   writer.criticalTaskCheckIs(true);
+   auto const held =
+       Lomi::TaskSchedulerRoot::root().deferredTask(std::move(task), Lomi::TaskPriority::critical);
+   SlowGrow const slow(writer);
+   for (u32 i = 0; i < 300; ++i) writer.write(R::make({i, i}, i), true);
+}
+
+TEST(CriticalTasks, RunInsideAGrowAndCantTearIt) {
+   auto writer = open<R>("critical", localOf(10), quiet());
+   int ran = 0;
+   growWith(*writer, [&] {
+      ++ran;
+      throw std::runtime_error("a task's own trouble");
+   });
+   EXPECT_EQ(ran, 1);
+   EXPECT_EQ(writer->buckets(), 512u);
+   EXPECT_FALSE(inSection(*writer));
+   std::string error;
+   EXPECT_TRUE(writer->validate(writer->kestorId(), error, false)) << error;
+}
+
+TEST(WriterDeath, AnythingOnATableFromInsideItsGrow) {
+   R row = R::make({7, 7}, 2), removed;
+   bool found;
+   Mirak::IterHint hint;
+   auto const reentrant = [&](auto&& act) {
+      dies("Mirak reentrancy detected: ", [&](auto& w) { growWith(w, [&] { act(w); }); });
+   };
+   reentrant([&](auto& w) { w.write(row, true); });
+   reentrant([&](auto& w) { w.remove(row.key(), removed); });
+   reentrant([&](auto& w) { w.lookup(row.key(), found, nullptr); });
+   reentrant([&](auto& w) { w.first(row, hint); });
+   reentrant([&](auto& w) { w.directUpdate(row.key()); });
+   reentrant([&](auto& w) { w.validate(); });
+   reentrant([&](auto& w) { w.detach(false); });
+}
+
+// --- no space ---
+
+/// A file system of its own with few pages.
+class FullFileSystem : public testing::Test {
+protected:
+   void SetUp() override {
+      std::filesystem::create_directories(directory());
+      if (mount("tmpfs", directory().c_str(), "tmpfs", 0, "size=96k") != 0)
+         GTEST_SKIP() << "no right to mount a small file system";
+      mounted_ = true;
+   }
+   void largerIs(char const* size) {
+      ASSERT_EQ(mount("tmpfs", directory().c_str(), "tmpfs", MS_REMOUNT, size), 0);
+   }
+   void TearDown() override {
+      if (mounted_) umount2(directory().c_str(), MNT_DETACH);
+   }
+   static std::string directory() { return testRoot() + "/small"; }
+   void fill() {
+      std::ofstream out(directory() + "/filler", std::ios::binary);
+      std::string const page(4096, 'x');
+      while (out.write(page.data(), 4096).flush()) {
+      }
+   }
+   /// The table is as it was before the refused insert, this process can't go on with it, and the next start
+   /// says so.
+   template <class Row>
+   void refusedAndThenFormatted(std::unique_ptr<WriterOf<Row>> writer, Content const& content) {
+      EXPECT_TRUE(inSection(*writer));
+      EXPECT_EQ(writer->members(), content.size());
+      Key const absent{12345, 12345};
+      bool found;
+      Row removed;
+      EXPECT_FALSE(writer->remove(absent, removed)); // a miss touches no mark
+      for (auto const& [key, generation] : content)
+         EXPECT_TRUE(writer->lookup(key, found, nullptr)->generation() == generation && found);
+      auto const kestor = writer->kestorId();
+      writer.reset();
+      std::filesystem::remove(directory() + "/filler");
+      Traces traces;
+      writer = open<Row>("small/table", Mirak::MapDescriptor(100));
+      EXPECT_TRUE(traces.has(0, "bad critical section runtimeFlags:1")) << traces.text();
+      EXPECT_EQ(writer->members(), 0u);
+      EXPECT_EQ(writer->kestorId().low, kestor.low);
+      EXPECT_EQ(writer->kestorId().high, kestor.high + 1);
+   }
+
+   template <class Row> void fillUntilRefused(u32 atCapacity) {
+      auto writer = open<Row>("small/table", Mirak::MapDescriptor(1000));
+      Content content;
+      std::string text;
+      for (u32 i = 0; text.empty(); ++i) try {
+            writer->write(Row::make({i, i}, i + 1), true);
+            content[{i, i}] = i + 1;
+         } catch (Lomi::MemoryResourceException const& e) {
+            text = e.what();
+         }
+      EXPECT_EQ(writer->capacity(), atCapacity);
+      EXPECT_EQ(content.size(), atCapacity);
+      EXPECT_TRUE(text.starts_with(fmt::format("failed to resize {}/slots from {} to {} slots, needed ",
+                                               writer->rootPath().str(), atCapacity, 2 * atCapacity)))
+          << text;
+      refusedAndThenFormatted<Row>(std::move(writer), content);
+   }
+
+private:
+   bool mounted_ = false;
+};
+
+TEST_F(FullFileSystem, SlotsCantGrow) { fillUntilRefused<Wide>(256); }
+
+// A growth that is prepared in pieces says nothing when they find no room; the growth itself does.
+TEST_F(FullFileSystem, PreparedSlotsCantGrow) {
+   largerIs("size=2m");
+   fillUntilRefused<Row<1201>>(256);
+}
+
+TEST_F(FullFileSystem, BucketsCantGrow) {
+   auto writer = open<R>("small/table", Mirak::MapDescriptor(1000));
+   Content content;
+   for (u32 i = 0; i < 256; ++i) writer->write(R::make({i, i}, content[{i, i}] = i + 1), true);
+   fill();
+   try {
+      writer->write(R::make({500, 500}, 1), true);
+      FAIL() << "the file system isn't full";
+   } catch (Lomi::MemoryResourceException const& e) {
+      EXPECT_NE(std::string(e.what()).find("buckets from 256 to 512 buckets"), std::string::npos) << e.what();
+   }
+   EXPECT_EQ(writer->capacity(), 256u);
+   refusedAndThenFormatted<R>(std::move(writer), content);
+}
+
+} // namespace
+} // namespace Test
