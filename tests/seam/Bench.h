@@ -85,7 +85,8 @@ public:
    }
    void remove(Key key) {
       R removed;
-      if (writer_->remove(key, removed) != (content.erase(key) == 1)) throw std::logic_error("remove is wrong");
+      if (writer_->remove(key, removed) != (content.erase(key) == 1))
+         throw std::logic_error("remove is wrong");
    }
    /// Direct mode stores through the seam here, so that it is seen like any other store.
    void directPut(Key key) {
@@ -149,7 +150,9 @@ template <class R> struct Scenario {
    Mirak::MapDescriptor descriptor;
    Act setup;
    std::vector<Act> acts;
-   bool restarts = false; ///< the acts start a writer, or end a table: readers may be refused, rows may be lost
+   bool restarts =
+       false; ///< the acts start a writer, or end a table: readers may be refused, rows may be lost
+   bool damaged = false; ///< what is there before the acts may be called corrupt
 };
 
 /// What it did, event by event, and what the table held between its acts.
@@ -158,6 +161,7 @@ template <class R> struct Recording {
    Events events;
    std::vector<Content> contents; ///< before the first act, after the first, ...
    std::vector<std::size_t> ends; ///< number of events when each act had ended
+   std::size_t uncertain = 0;     ///< so many of the contents' successors may show before any event
    u32 seed = 0;                  ///< of the table before, 0 if there was none
 
    /// The acts whose outcome may show when `at` events have happened: from (all that have ended) to (begun).
@@ -169,7 +173,7 @@ template <class R> struct Recording {
    std::size_t highest(std::size_t at) const {
       std::size_t n = 0;
       while (n < ends.size() && (n == 0 ? 0 : ends[n - 1]) < at) ++n;
-      return n;
+      return std::max(n, uncertain);
    }
 };
 

@@ -39,7 +39,8 @@ std::vector<bool> backedPages(int fd, std::size_t length) {
    std::vector<bool> blocks((length + page - 1) / page);
    for (off_t at = 0; (at = ::lseek(fd, at, SEEK_DATA)) >= 0;) {
       off_t const end = ::lseek(fd, at, SEEK_HOLE);
-      for (auto p = static_cast<std::size_t>(at) / page; p * page < static_cast<std::size_t>(end) && p < blocks.size(); ++p)
+      for (auto p = static_cast<std::size_t>(at) / page;
+           p * page < static_cast<std::size_t>(end) && p < blocks.size(); ++p)
          blocks[p] = true;
       at = end;
    }
@@ -49,8 +50,10 @@ std::vector<bool> backedPages(int fd, std::size_t length) {
 } // namespace
 
 std::string Event::text() const {
-   static char const* const names[] = {"store", "create", "allocate", "truncate", "punch", "write", "rename", "unlink"};
-   return fmt::format("{} {} {} at {} length {}", names[static_cast<int>(kind)], file, target, offset, length);
+   static char const* const names[] = {"store", "create", "allocate", "truncate",
+                                       "punch", "write",  "rename",   "unlink"};
+   return fmt::format("{} {} {} at {} length {}", names[static_cast<int>(kind)], file, target, offset,
+                      length);
 }
 
 Image Image::load(std::string const& directory) {
@@ -80,7 +83,8 @@ void Image::store(std::string const& directory) const {
       if (fd < 0 || ::ftruncate(fd, static_cast<off_t>(file.bytes.size())) != 0) fail("cannot make " + path);
       for (std::size_t p = 0; p < file.blocks.size(); ++p) {
          std::size_t const length = std::min(page, file.bytes.size() - p * page);
-         if (file.blocks[p] && ::pwrite(fd, file.bytes.data() + p * page, length, static_cast<off_t>(p * page)) < 0)
+         if (file.blocks[p] &&
+             ::pwrite(fd, file.bytes.data() + p * page, length, static_cast<off_t>(p * page)) < 0)
             fail("cannot write " + path);
       }
       ::close(fd);
@@ -110,16 +114,21 @@ void Image::apply(Event const& event) {
    case Kind::write:
       if (file.bytes.size() < end) lengthIs(file, end);
       backed(file, event.offset, end, true);
-      if (event.kind == Kind::write) std::memcpy(file.bytes.data() + event.offset, event.bytes.data(), event.length);
+      if (event.kind == Kind::write)
+         std::memcpy(file.bytes.data() + event.offset, event.bytes.data(), event.length);
       return;
-   case Kind::truncate: return lengthIs(file, event.length);
+   case Kind::truncate:
+      return lengthIs(file, event.length);
    case Kind::punch: {
       backed(file, event.offset, end, false);
       std::size_t const to = std::min(end, file.bytes.size());
-      if (event.offset < to) std::fill(file.bytes.begin() + static_cast<long>(event.offset), file.bytes.begin() + static_cast<long>(to), 0);
+      if (event.offset < to)
+         std::fill(file.bytes.begin() + static_cast<long>(event.offset),
+                   file.bytes.begin() + static_cast<long>(to), 0);
       return;
    }
-   default: break;
+   default:
+      break;
    }
    // A mapping reaches to the end of its last page, the file doesn't.
    if (end > file.bytes.size()) fail(event.text() + ": beyond the end of the file");

@@ -3,8 +3,8 @@
 // operation is recorded as a list of events (Recorder.h); applying the first k of them to the image of before
 // gives what a writer that died there leaves behind.
 //
-// The image knows which pages of a file have their blocks: a store to any other page could be a SIGBUS on a full
-// file system, and counts as a mistake of the writer.
+// The image knows which pages of a file have their blocks: a store to any other page could be a SIGBUS on a
+// full file system, and counts as a mistake of the writer.
 #pragma once
 
 #include "Mem/Seam.h"

@@ -52,15 +52,17 @@ public:
       }
       return found ? "wrong row " + row.str() : "false absence of " + key.str();
    }
-   /// The row behind `after` (null: the first), or the end: nothing that stayed may be stepped over. What came or
-   /// went meanwhile may be seen or not.
+   /// The row behind `after` (null: the first), or the end: nothing that stayed may be stepped over. What
+   /// came or went meanwhile may be seen or not.
    std::string step(Key const* after, bool found, R const& row) const {
       if (found) {
          if (std::string wrong = known(row); !wrong.empty()) return wrong;
-         if (after && !before(*after, row.key(), seed_)) return row.str() + " doesn't come after " + after->str();
+         if (after && !before(*after, row.key(), seed_))
+            return row.str() + " doesn't come after " + after->str();
       }
       for (auto const& [key, generation] : contents_[lowest_])
-         if (stays(key) && (!after || before(*after, key, seed_)) && (!found || before(key, row.key(), seed_)))
+         if (stays(key) && (!after || before(*after, key, seed_)) &&
+             (!found || before(key, row.key(), seed_)))
             return "stepped over " + key.str();
       return {};
    }
@@ -73,7 +75,7 @@ public:
       return step(after, false, R{});
    }
 
-private:
+   /// A whole row that some content had.
    std::string known(R const& row) const {
       if (!row.sound()) return "torn row " + row.str();
       for (std::size_t i = lowest_; i <= highest_; ++i) {
@@ -82,6 +84,8 @@ private:
       }
       return "wrong row " + row.str();
    }
+
+private:
    bool stays(Key key) const {
       for (std::size_t i = lowest_; i <= highest_; ++i)
          if (!contents_[i].count(key)) return false;
@@ -94,7 +98,7 @@ private:
 };
 
 /// All rows by a walk. `next` is called with a key inside the value, as loops are written.
-template <class R, class Table> std::vector<R> walkAll(Table const& table, std::size_t limit = 1000) {
+template <class R, class Table> std::vector<R> walkAll(Table const& table, std::size_t limit = 100000) {
    std::vector<R> rows;
    R row;
    Mirak::IterHint hint;

@@ -22,7 +22,8 @@ void Recorder::beforeStore(void* at, void const* value, std::size_t bytes) {
 }
 
 void Recorder::beforeFileCall(Mem::Seam::FileCall const& call) {
-   Event event{.kind = static_cast<Event::Kind>(static_cast<int>(call.kind) + 1), // Event adds `store` in front
+   Event event{.kind =
+                   static_cast<Event::Kind>(static_cast<int>(call.kind) + 1), // Event adds `store` in front
                .file = nameOf(call.path),
                .target = call.target.empty() ? std::string() : nameOf(call.target),
                .offset = call.offset,

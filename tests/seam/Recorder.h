@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Watches the accesses of one writer and notes each store and each file call as an Event. A store is found again
-// in its file through the writer's mappings, which may move between two stores.
+// Watches the accesses of one writer and notes each store and each file call as an Event. A store is found
+// again in its file through the writer's mappings, which may move between two stores.
 #pragma once
 
 #include "Image.h"

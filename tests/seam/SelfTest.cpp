@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The machinery judged by itself: what the recorder saw, applied to the files of before, gives the files of after
-// to the byte. So no store and no file call of any operation goes past the seam.
+// The machinery judged by itself: what the recorder saw, applied to the files of before, gives the files of
+// after to the byte. So no store and no file call of any operation goes past the seam.
 #include "Scenarios.h"
 
 #include <gtest/gtest.h>

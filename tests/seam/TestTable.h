@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// The small table of the campaigns on crashes, schedules and kills. A key carries its own hash, so that a test
-// chooses bucket, order and collisions; every word of a row follows from its key and a generation, so that each
-// row proves itself: a torn one, or one of another key, is told by looking at it alone.
+// The small table of the campaigns on crashes, schedules and kills. A key carries its own hash, so that a
+// test chooses bucket, order and collisions; every word of a row follows from its key and a generation, so
+// that each row proves itself: a torn one, or one of another key, is told by looking at it alone.
 #pragma once
 
 #include "Mirak/MirakReader.h"
@@ -64,9 +64,10 @@ template <u32 Words> struct Row {
 };
 
 template <class R>
-using OpsOf = Mirak::Ops<Key, R, Mirak::KeyOps<Key, R, Mirak::KeyRetrieval<Key, R, &R::key>, Mirak::Hash<Key, false>>,
-                         Mirak::ValueOps<Key, R, Mirak::Marshall<R>, Mirak::Allocator<R>>,
-                         Mirak::SlotAllocator<Key, R>, Tessel::DummyTesselWriter, Mirak::NullPrevValueAnchor>;
+using OpsOf =
+    Mirak::Ops<Key, R, Mirak::KeyOps<Key, R, Mirak::KeyRetrieval<Key, R, &R::key>, Mirak::Hash<Key, false>>,
+               Mirak::ValueOps<Key, R, Mirak::Marshall<R>, Mirak::Allocator<R>>, Mirak::SlotAllocator<Key, R>,
+               Tessel::DummyTesselWriter, Mirak::NullPrevValueAnchor>;
 
 /// A table's content: the generation of each key.
 struct KeyLess {

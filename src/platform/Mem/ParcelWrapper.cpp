@@ -140,6 +140,12 @@ char* ParcelWrapper::attachReader(u64 size, void* address) {
    if (!S_ISREG(status.st_mode)) return fail("attach", size, "it is not a regular file");
    if (static_cast<u64>(status.st_size) < size)
       return fail("attach", size, fmt::format("the file has {}", status.st_size));
+#ifdef HOFLOW_TEST_SEAM
+   if (sharedBase) {
+      borrowed_ = true;
+      return attached(base_ = sharedBase(getFilename()), size);
+   }
+#endif
    char* const base = mapFile(address, roundUpToPage(size), PROT_READ, MAP_SHARED, file_.get(), 0);
    if (!base) return fail("map", size, errnoText());
    extent_ = roundUpToPage(size);
@@ -236,6 +242,7 @@ char* ParcelWrapper::resizeReader(u64 size) {
    if (length < size) return fail("resize", size, fmt::format("the file has {}", length));
    u64 const extent = roundUpToPage(size);
 #ifdef HOFLOW_TEST_SEAM
+   if (borrowed_) return attached(base_ = sharedBase(getFilename()), size);
    if (moveAlways) return moveMapping(extent) ? attached(base_, size) : nullptr;
 #endif
    if (extent != extent_) {
@@ -286,7 +293,7 @@ void ParcelWrapper::detach() {
    bool const ours = forks_ == Lomi::forkGeneration();
    if (local_) {
       localMemory_.detach();
-   } else if (base_ && ours) {
+   } else if (base_ && ours && !borrowed_) {
       // In a forked child a writer's mapping doesn't exist, and its addresses may be in use for something
       // else.
       ::munmap(base_, area_ ? area_ : extent_);
@@ -295,6 +302,7 @@ void ParcelWrapper::detach() {
    if (oldPlace_ && ours) ::munmap(oldPlace_, oldPlaceBytes_);
    oldPlace_ = nullptr;
 #endif
+   borrowed_ = false;
    attached(nullptr, 0);
    file_.reset();
    extent_ = area_ = reserved_ = 0;

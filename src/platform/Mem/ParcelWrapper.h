@@ -90,6 +90,9 @@ public:
 
 #ifdef HOFLOW_TEST_SEAM
    static inline bool moveAlways = false; // each resize moves the base, and the old place is left unreadable
+   // Gives the base of a writer of this process, by the file's path. Readers then map nothing and read there: a race
+   // detector knows two accesses as one place only by their address.
+   static inline char* (*sharedBase)(std::string const& path) = nullptr;
 #endif
 
 private:
@@ -125,6 +128,7 @@ private:
    double releaseDue_ = 0;
    int dump_ = -1; // -1 unset, else bool
    bool track_ = false;
+   bool borrowed_ = false; // the mapping is a writer's
    u64 tracked_ = 0;
    std::uint32_t forks_ = 0;
    std::string lastError_;

@@ -1,0 +1,162 @@
+// SPDX-License-Identifier: Apache-2.0
+// The readers' operations against the writer's, in every schedule. HOFLOW_SCHEDULE_STEP=1 takes every change
+// of the long formatting runs, too, and doubles the tables on which two stops are tried; the ordinary run
+// thins those out.
+#include "Campaign.h"
+
+#include <gtest/gtest.h>
+
+namespace Test {
+namespace {
+
+template <class R> void expectClean(Report const& report, std::string const& name) {
+   report.print(name);
+   EXPECT_GT(report.schedules, 0u);
+   for (std::size_t i = 0; i < report.violations.size() && i < 5; ++i) ADD_FAILURE() << report.violations[i];
+   EXPECT_EQ(report.violations.size(), 0u);
+}
+
+void add(Report& total, Report const& part) {
+   total.schedules += part.schedules;
+   total.reformats += part.reformats;
+   total.refusals += part.refusals;
+   total.count(part.counters);
+   total.violations.insert(total.violations.end(), part.violations.begin(), part.violations.end());
+}
+
+template <class R>
+Report allOperations(Scenario<R> const& scenario, Recording<R> const& recording, std::size_t step) {
+   Campaign<R> campaign(scenario, recording);
+   for (auto const& operation : campaign.operations()) campaign.oneStop(operation, step);
+   campaign.oneStop(campaign.opening(), step);
+   return campaign.finish();
+}
+
+template <class R> Report oneStopAll(std::vector<Scenario<R>> const& scenarios, std::size_t step = 1) {
+   Report total;
+   for (auto const& scenario : scenarios) {
+      auto const part = allOperations(scenario, record(scenario, "recorded"), step);
+      expectClean<R>(part, scenario.name);
+      add(total, part);
+   }
+   return total;
+}
+
+TEST(Schedules, Chains) {
+   auto const total = oneStopAll(chainScenarios());
+   EXPECT_GT(total.schedules, 50000u);
+   EXPECT_GT(total.counters.retries, 0u);
+   EXPECT_GT(total.counters.lookasideReads, 0u);
+   EXPECT_GT(total.counters.nextSlowPath, 0u);
+}
+
+TEST(Schedules, Buckets) {
+   auto const total = oneStopAll(bucketScenarios());
+   EXPECT_GT(total.schedules, 10000u);
+   EXPECT_GT(total.counters.buckets.resizes, 0u);
+   EXPECT_GT(total.counters.wrapperRetries, 0u);
+}
+
+TEST(Schedules, Slots) {
+   auto const total = oneStopAll(slotScenarios(), setting("HOFLOW_SCHEDULE_STEP", 2));
+   EXPECT_GT(total.counters.slotResizes, 0u);
+   EXPECT_GT(total.counters.buckets.resizes, 0u);
+}
+
+TEST(Schedules, TwoActs) {
+   auto const total = oneStopAll(pairScenarios());
+   EXPECT_GT(total.schedules, 50000u);
+   EXPECT_GT(total.counters.retries, 0u);
+}
+
+/// Readers that had the table open when its writer died.
+TEST(Schedules, StartsUnderReaders) {
+   std::size_t const step = setting("HOFLOW_SCHEDULE_STEP", 13);
+   for (bool seeded : {false, true}) {
+      Key::seeded = seeded;
+      Report total;
+      for (auto const& scenario : lifeScenarios()) {
+         auto const recording = record(scenario, "recorded");
+         Report part;
+         bool const open = scenario.name == "re-format: died inside an operation" ||
+                           scenario.name == "restart, adopt" ||
+                           scenario.name == "re-format: damaged owner file";
+         if (open) {
+            part = allOperations(scenario, recording, step);
+         } else {
+            Campaign<Small> campaign(scenario, recording);
+            campaign.oneStop(campaign.opening(), step);
+            part = campaign.finish();
+         }
+         expectClean<Small>(part, scenario.name);
+         add(total, part);
+      }
+      EXPECT_GT(total.reformats, 1000u);
+      EXPECT_GT(total.refusals, 1000u);
+      Key::seeded = false;
+   }
+}
+
+/// A writer dies in an operation, the next one formats the table anew and stores the same row again, in the
+/// same slot, under a reader that stood in the middle of it.
+TEST(Schedules, CrashAndTheSameRowAgain) {
+   std::size_t const step = setting("HOFLOW_SCHEDULE_STEP", 13);
+   Scenario<Small> const over{
+       "overwrite", fixedOf(2), holding<Small>(2, {twin(1), twin(2)}), {puts<Small>(twin(1))}};
+   for (bool seeded : {false, true}) {
+      Key::seeded = seeded;
+      auto const dying = record(over, "dying");
+      for (std::size_t at = 1; at < dying.events.size(); ++at) {
+         Image left = dying.before;
+         left.apply(dying.events, 0, at);
+         Content const visible = dying.contents[0];
+         Scenario<Small> const again{fmt::format("a start after dying at {} of an overwrite", at),
+                                     fixedOf(2),
+                                     [&](Bench<Small>& b) {
+                                        left.store(b.directory());
+                                        b.content = visible;
+                                     },
+                                     {starts<Small>(), puts<Small>(twin(1)), puts<Small>(twin(1))},
+                                     true};
+         auto recording = record(again, "recorded");
+         // The dead writer left one of two rows visible, until the first store of the new one.
+         auto const isStore = [](Event const& event) { return event.kind == Event::Kind::store; };
+         auto const store = std::find_if(recording.events.begin(), recording.events.end(), isStore);
+         recording.contents.insert(recording.contents.begin() + 1, dying.contents[1]);
+         recording.ends.insert(recording.ends.begin(),
+                               static_cast<std::size_t>(store - recording.events.begin()) + 1);
+         recording.uncertain = 1;
+         Campaign<Small> campaign(again, recording);
+         for (auto const& operation : campaign.operations()) campaign.oneStop(operation, step);
+         Report const part = campaign.finish();
+         expectClean<Small>(part, again.name);
+         EXPECT_GT(part.reformats, 0u);
+      }
+      Key::seeded = false;
+   }
+}
+
+TEST(Schedules, TwoStops) {
+   Report total;
+   auto scenarios = chainScenarios();
+   for (auto const& more : {pairScenarios(), bucketScenarios()})
+      scenarios.insert(scenarios.end(), more.begin(), more.end());
+   std::size_t const longest = setting("HOFLOW_SCHEDULE_STEP", 7) == 1 ? 1000 : 24;
+   for (auto const& scenario : scenarios) {
+      auto const recording = record(scenario, "recorded");
+      if (recording.events.size() > longest) continue;
+      Campaign<Small> campaign(scenario, recording);
+      for (auto const& operation : campaign.operations())
+         if (operation.name != "walk" && operation.name != "get every slot") campaign.twoStops(operation);
+      Report const part = campaign.finish();
+      expectClean<Small>(part, "two stops: " + scenario.name);
+      add(total, part);
+   }
+   EXPECT_GT(total.schedules, 1000000u);
+   EXPECT_GT(total.counters.retries, 0u);
+   EXPECT_GT(total.counters.lookasideReads, 0u);
+   EXPECT_GT(total.counters.buckets.resizes, 0u);
+}
+
+} // namespace
+} // namespace Test
