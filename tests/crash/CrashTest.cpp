@@ -16,6 +16,23 @@
 namespace Test {
 namespace {
 
+/// Ends a reader that takes more loads than any walk of these tables needs.
+class LoadLimit : public Mem::Seam::Observer {
+public:
+   LoadLimit()
+      : outer_(Mem::Seam::observer) {
+      Mem::Seam::observer = this;
+   }
+   ~LoadLimit() override { Mem::Seam::observer = outer_; }
+   void beforeLoad(void const*, std::size_t) override {
+      if (++loads > 200000) throw Endless("the reader doesn't end");
+   }
+   std::size_t loads = 0;
+
+private:
+   Mem::Seam::Observer* outer_;
+};
+
 struct Tally {
    std::size_t points = 0, adopted = 0, formatted = 0, refused = 0, second = 0;
    void print(std::string const& name) const {
