@@ -20,6 +20,8 @@
 #include <rte_rcu_qsbr.h>
 
 #include <cstdlib>
+
+#include <sched.h>
 #include <thread>
 
 namespace Bench {
@@ -35,9 +37,14 @@ void startEal(int core) {
                                   lcores,        "--log-level", "3"};
    std::vector<char*> argv;
    for (std::string& word : words) argv.push_back(word.data());
+   // EAL puts its caller under the default scheduler, which a run may have left on purpose (chrt).
+   int const policy = sched_getscheduler(0);
+   sched_param parameters{};
+   sched_getparam(0, &parameters);
    if (rte_eal_init(static_cast<int>(argv.size()), argv.data()) < 0) {
       wrong("rte_hash", std::string("rte_eal_init: ") + rte_strerror(rte_errno));
    }
+   sched_setscheduler(0, policy, &parameters);
 }
 
 class RteHash {
