@@ -77,6 +77,7 @@ template <class Pair> inline void publishPair(Pair& pair, Pair value) {
    auto* out = static_cast<char*>(into);
    auto* in = static_cast<char const*>(shared);
    std::size_t at = 0;
+#pragma GCC unroll 16
    for (; at + 8 <= bytes; at += 8) {
       u64 const word = loadShared(*reinterpret_cast<u64 const*>(in + at));
       std::memcpy(out + at, &word, 8);
@@ -110,6 +111,7 @@ template <std::size_t bytes>
    auto* out = static_cast<char*>(shared);
    auto* in = static_cast<char const*>(from);
    std::size_t at = 0;
+#pragma GCC unroll 16
    for (; at + 8 <= bytes; at += 8) {
       u64 word;
       std::memcpy(&word, in + at, 8);

@@ -130,7 +130,7 @@ template <class Key> [[gnu::always_inline]] inline Key loadKey(unsigned char con
    static_assert(std::is_trivially_copyable_v<Key>);
    // A key that is no whole number of words is read with the word that it lies in.
    u32 words[(sizeof(Key) + 3) / 4];
-   Mem::loadShared(words, value, sizeof words);
+   Mem::loadSharedRow<sizeof words>(words, value);
    Key key;
    std::memcpy(static_cast<void*>(&key), words, sizeof key);
    return key;

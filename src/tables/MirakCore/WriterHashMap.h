@@ -181,6 +181,9 @@ bool WriterHashMap<Ops>::seek(Key const& key, u32 bucket, SlotLink** prev, SlotL
       if (count > slots_.capacity()) [[unlikely]]
          corrupt("hash chain cycle detected, slotCount:{} capacity:{}", count, slots_.capacity());
       Slot& slot = slots_.slot(index);
+      // A slot straddles lines, and whoever seeks a row means to read or store all of it.
+      for (std::size_t line = 64; line < sizeof(Slot) + 63; line += 64)
+         Mem::prefetchShared(reinterpret_cast<char const*>(&slot) + std::min(line, sizeof(Slot) - 1));
       *curr = &slot.link;
       if (!(Mem::loadShared(slot.versionFlags) & SlotFlags::occupied)) [[unlikely]]
          corrupt("slotId: {} not marked as occupied", index);
