@@ -141,7 +141,7 @@ template <class R> void crashEverywhere(std::vector<Scenario<R>> const& scenario
    for (auto const& scenario : scenarios) {
       Recording<R> const recording = record(scenario, "recorded");
       // HOFLOW_CRASH_STEP=1: every pair of crashes, for an hour's run.
-      std::size_t const step = setting("HOFLOW_CRASH_STEP", 13);
+      std::size_t const step = setting("HOFLOW_CRASH_STEP", 17 * slow);
       auto const secondCuts = someCuts(recording.events, step);
       Tally tally;
       Image image = recording.before;

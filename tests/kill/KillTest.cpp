@@ -137,7 +137,7 @@ void readAll(Shared& shared, u64 seed) {
 }
 
 TEST(Kill, AtAnyMoment) {
-   u64 const rounds = setting("HOFLOW_KILL_ROUNDS", 200),
+   u64 const rounds = setting("HOFLOW_KILL_ROUNDS", 200 / slow),
              seed = setting("HOFLOW_SEED", std::random_device{}());
    fmt::print("HOFLOW_SEED={} HOFLOW_KILL_ROUNDS={}\n", seed, rounds);
    std::mt19937_64 random(seed);
