@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-// hoflow-bench: the comparative benchmark. bench/README.md says what it asks, how to read it and what would mislead.
+// hoflow-bench: the comparative benchmark. bench/README.md says what it asks, how to read it and what would
+// mislead.
 //
-// Exit status: 0 measured and every result was right; 1 a contender gave a wrong result; 2 usage, an unoptimised
-// build, or no memory for the tables.
+// Exit status: 0 measured and every result was right; 1 a contender gave a wrong result; 2 usage, an
+// unoptimised build, or no memory for the tables.
 #include "core/Runs.h"
 
 #include <CLI/CLI.hpp>
@@ -29,17 +30,22 @@ void parse(int argc, char** argv, Options& options) {
    CLI::App app{"Flow tables beside their peers: ns an operation on the same rows"};
    allowedCores(options.setting.core, options.setting.otherCore);
    std::string parts = "single,busy,growth,restart";
-   app.add_option("--rows", options.setting.rows, "table sizes")->delimiter(',')->check(CLI::Range(100, 4'000'000));
-   app.add_option("--keys", options.keys, "network, random or both")->check(CLI::IsMember({"network", "random", "both"}));
+   app.add_option("--rows", options.setting.rows, "table sizes")
+       ->delimiter(',')
+       ->check(CLI::Range(100, 4'000'000));
+   app.add_option("--keys", options.keys, "network, random or both")
+       ->check(CLI::IsMember({"network", "random", "both"}));
    app.add_option("--only", options.setting.only, "contenders by name")->delimiter(',');
    app.add_option("--parts", parts, "of single,busy,growth,restart");
-   app.add_option("--repetitions", options.setting.repetitions, "at 10^6 rows; small sizes get 2 and 4 times as many");
+   app.add_option("--repetitions", options.setting.repetitions,
+                  "at 10^6 rows; small sizes get 2 and 4 times as many");
    app.add_option("--seed", options.setting.seed, "of the orders");
    app.add_option("--core", options.setting.core, "core to stay on");
    app.add_option("--other-core", options.setting.otherCore, "core of the busy writer");
    app.add_option("--json", options.json, "file for all samples");
    app.add_flag("--quick", options.quick, "few repetitions: for a first look only");
-   app.add_flag("--smoke", options.smoke, "1000 rows, everything once: correctness only, no figures worth reading");
+   app.add_flag("--smoke", options.smoke,
+                "1000 rows, everything once: correctness only, no figures worth reading");
    app.add_flag("--allow-unoptimised", options.unoptimised, "run though the build isn't optimised");
    try {
       app.parse(argc, argv);
@@ -84,8 +90,8 @@ void introduce(Machine const& here, Contenders const& all, Setting const& settin
               here.lastLevelCache >> 20);
    fmt::print("system      {}; huge pages {}\n", here.kernel, here.hugePages);
    fmt::print("build       {}, {}\n", here.compiler, here.buildType);
-   fmt::print("rows        {} bytes, key {} bytes, copied out whole; median of {} and more repetitions\n", sizeof(Row),
-              sizeof(Key), setting.repetitions);
+   fmt::print("rows        {} bytes, key {} bytes, copied out whole; median of {} and more repetitions\n",
+              sizeof(Row), sizeof(Key), setting.repetitions);
    fmt::print("load        {:.2f} runnable tasks before the run\n", loadAverage());
    for (auto const& each : all) fmt::print("  {:22} {}\n", each->traits().name, each->traits().notes);
    if (loadAverage() > 0.5) {
@@ -123,12 +129,16 @@ int run(Options const& options, std::string const& command) {
       }
    }
    figures.print(std::cout, traits, singleOperations, "one thread, ns an operation");
-   figures.print(std::cout, traits, busyOperations,
-                 "reader beside an idle and a busy writer, ns an operation (processes where possible, else threads)");
-   figures.print(std::cout, traits, otherFigures, "growing from nothing: longest single insert, and memory a row");
+   figures.print(
+       std::cout, traits, busyOperations,
+       "reader beside an idle and a busy writer, ns an operation (processes where possible, else threads)");
+   figures.print(std::cout, traits, otherFigures,
+                 "growing from nothing: longest single insert, and memory a row");
    figures.print(std::cout, traits, restartFigures, "after a restart, ms for the whole table");
-   if (options.busy && setting.otherCore < 0) fmt::print("No second core: nothing measured beside a busy writer.\n");
-   if (!options.json.empty()) figures.writeJson(options.json, here, traits, command, loadBefore, loadAverage());
+   if (options.busy && setting.otherCore < 0)
+      fmt::print("No second core: nothing measured beside a busy writer.\n");
+   if (!options.json.empty())
+      figures.writeJson(options.json, here, traits, command, loadBefore, loadAverage());
    return 0;
 }
 

@@ -171,7 +171,11 @@ class Demo:
         return total
 
     def generations(self):
-        return {r.mode: (r.state.get("generationIp4"), r.state.get("generationIp6")) for r in self.readers}
+        """The published generation of each table; none while one is formatted anew."""
+        def read(path):
+            return path.read_bytes() if path.exists() else None
+
+        return {family: read(self.root / table / "kestor") for family, table in TABLES.items()}
 
     def run(self):
         self.prepare()
@@ -189,30 +193,36 @@ class Demo:
         self.children += [r.process for r in self.readers]
         say("readers", "two processes, one looks rows up, one walks: " + ", ".join(str(r.process.pid) for r in self.readers))
 
-        killed = []
-        for _ in range(self.options.kills):
+        stood, generations, kept, kills = {}, {}, 0, 0
+        while True:
+            # Each start reads the capture from its beginning: the packets that stand in the tables are counted again in
+            # private memory, at the same pace.
             tracker = self.track(self.root, "--pace", str(pace))
-            say("tracker", f"process {tracker.pid}, {pace:,} packets a second")
-            self.watch(self.options.seconds * (0.5 if not killed else 0.3), tracker)
+            due = time.monotonic() + self.options.seconds * (kills + 1) / (self.options.kills + 1)
+            if not kills:
+                say("tracker", f"process {tracker.pid}, {pace:,} packets a second")
+            else:
+                say("tracker", f"again, process {tracker.pid}")
+                self.watch(1, tracker)
+                now = self.generations()
+                kept = sum(rows for family, rows in stood.items() if now[family] == generations[family])
+                if kept == sum(stood.values()):
+                    say("kept", f"all {kept:,} rows: proved sound and adopted, readers did not notice", "1;32")
+                else:
+                    say("kept", f"{kept:,} of {sum(stood.values()):,} rows: it died inside an operation on the rest; that "
+                        "was seen, and the table formatted anew", "1;33")
+            if kills == self.options.kills:
+                break
+            self.watch(due - time.monotonic(), tracker)
             if tracker.poll() is not None:
                 fail("the tracker ended before it could be killed\n" + self.finish(tracker, 1)[2])
             tracker.kill()
             tracker.wait()
+            kills += 1
             self.watch(1.2)  # the readers go on without it, and report
-            before = self.total()
+            stood = {family: max(r.state.get(f"rowsIp{family}", 0) for r in self.readers) for family in TABLES}
             generations = self.generations()
-            say("SIGKILL", f"to {tracker.pid}: {before['rows']:,} rows stand, readers read on", "1;33")
-            killed.append((before, generations))
-
-        tracker = self.track(self.root, "--pace", str(pace))
-        say("tracker", f"again, process {tracker.pid}")
-        self.watch(1.2, tracker)
-        adopted = self.generations() == killed[-1][1]
-        kept = killed[-1][0]["rows"] if adopted else 0
-        if adopted:
-            say("kept", f"all {kept:,} rows: proved sound and adopted, the readers never noticed", "1;32")
-        else:
-            say("kept", "nothing: it was killed inside an operation, which was seen; formatted anew", "1;33")
+            say("SIGKILL", f"to {tracker.pid}: {sum(stood.values()):,} rows stand, readers read on", "1;33")
         self.watch(self.options.seconds * 3 + 60, tracker)
         again, counted, _ = self.finish(tracker, 60)
         if again != status:
@@ -223,7 +233,9 @@ class Demo:
         final = self.rows(self.root)
         known = self.known_rows()
         return status, {
-            "capture": self.capture,
+            "capture": self.capture if self.options.capture else None,
+            "made": None if self.options.capture else
+            {"packets": self.options.packets, "flows": self.options.flows, "seed": self.options.seed},
             "root": str(self.root),
             "tables": list(TABLES.values()),
             "packets": counted["packets"],
@@ -234,10 +246,10 @@ class Demo:
             "exact": final == reference,
             "exactToKnownRows": None if known is None else final == known,
             "differentRows": len(final ^ reference),
-            "kills": len(killed),
-            "rowsAtKill": killed[-1][0]["rows"],
+            "kills": kills,
+            "rowsAtKill": sum(stood.values()),
             "rowsKept": kept,
-            "adopted": adopted,
+            "packetsKept": counted["packetsKept"],
             "seconds": round(time.monotonic() - began, 1),
             "lookups": total["lookups"],
             "walks": total["walks"],
@@ -264,7 +276,7 @@ def show(s):
         print(f"{name:>24}  {text}{mark}")
 
     print()
-    line("capture", s["capture"])
+    line("capture", s["capture"] or "made for this run")
     line("packets counted", f"{s['packets']:,}")
     line("rows", f"{s['rows']:,} ({s['rowsIp4']:,} IPv4, {s['rowsIp6']:,} IPv6)")
     line("rows when killed", f"{s['rowsAtKill']:,}, kept {s['rowsKept']:,}")
@@ -284,7 +296,8 @@ def main():
     parser = argparse.ArgumentParser(prog="./dev demo", description="Counts a capture into tables under readers, "
                                      "kills the tracker in the middle, starts it again, and compares.")
     parser.add_argument("capture", nargs="?", help="pcap or pcapng file; without one, a capture is made")
-    parser.add_argument("--root", type=Path, help="folder for the tables (default: /dev/shm/hoflow-demo)")
+    parser.add_argument("--root", type=Path, help="folder for the tables; those of an earlier run are removed "
+                        "(default: /dev/shm/hoflow-demo)")
     parser.add_argument("--json", action="store_true", help="the summary as one JSON object")
     parser.add_argument("--packets", type=int, default=400_000, help="of the capture that is made")
     parser.add_argument("--flows", type=int, default=60_000, help="of the capture that is made")

@@ -1,11 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
-// Two sides: a reader that looks up, misses and walks, first beside an idle writer, then beside one that writes at
-// full speed on another core (overwrites, with an insert and a removal of other keys every second step).
+// Two sides: a reader that looks up, misses and walks, first beside an idle writer, then beside one that
+// writes at full speed on another core (overwrites, with an insert and a removal of other keys every second
+// step).
 //
-// The reader is a forked process that opens the table by its files alone, where the contender can do that; for the
-// others it is a thread. While the writer is busy the reader also compares every byte of every row once.
-// Misleading on a machine with one free core, and where both cores share caches with other loads: only the relation
-// of idle to busy is worth quoting.
+// The reader is a forked process that opens the table by its files alone, where the contender can do that;
+// for the others it is a thread. While the writer is busy the reader also compares every byte of every row
+// once. Misleading on a machine with one free core, and where both cores share caches with other loads: only
+// the relation of idle to busy is worth quoting.
 #include "core/Runs.h"
 
 #include <algorithm>
@@ -59,8 +60,8 @@ void measure(ReaderSide& reader, Traits const& traits, Workload const& load, dou
    ns[4] = median(walks);
 }
 
-void readerSide(Contender& table, Workload const& load, Setting const& setting, Place const& place, Exchange& shared,
-                bool sameProcess) {
+void readerSide(Contender& table, Workload const& load, Setting const& setting, Place const& place,
+                Exchange& shared, bool sameProcess) {
    try {
       pinTo(setting.core);
       auto const reader = table.reader(place, sameProcess);
@@ -82,7 +83,7 @@ void runOne(Contender& table, Workload const& load, Setting const& setting, std:
    Folder const folder;
    Place const place{folder.path(), load.rows + extraRows, setting.core};
    auto* const shared = static_cast<Exchange*>(
-      mmap(nullptr, sizeof(Exchange), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+       mmap(nullptr, sizeof(Exchange), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
    if (shared == MAP_FAILED) throw std::runtime_error("no memory for the exchange between reader and writer");
    new (shared) Exchange();
 

@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 // What the runner asks of a contender, and the timed loops, written once for all of them.
 //
-// A contender is a small class `Peer` (the side that writes) with a nested `Peer::Reader` (the side that reads); one
-// file a contender under peers/. `Adapted<Peer>` puts the loops around it, so that the compiler inlines a contender's
-// calls into loops that are the same for everybody, and the virtual call is paid once a batch.
+// A contender is a small class `Peer` (the side that writes) with a nested `Peer::Reader` (the side that
+// reads); one file a contender under peers/. `Adapted<Peer>` puts the loops around it, so that the compiler
+// inlines a contender's calls into loops that are the same for everybody, and the virtual call is paid once a
+// batch.
 //
 // Required of a Peer:
 //    static constexpr Traits traits;
@@ -15,7 +16,8 @@
 //    u64 bytes()                                  memory held now
 //    Reader(Place const&, Peer*)                  Peer is null in another process
 //    bool Reader::lookup(Key const&, u32 ordinal, Row&)   copies all 84 bytes on a hit
-//    void Reader::walk(F&& seeRow)                        copies each row's 84 bytes into a Row of its own first
+//    void Reader::walk(F&& seeRow)                        copies each row's 84 bytes into a Row of its own
+//    first
 #pragma once
 
 #include "core/Workload.h"
@@ -59,7 +61,8 @@ public:
    virtual Batch hit(Workload const& load) = 0;
    virtual Batch miss(Workload const& load) = 0;
    virtual Batch walk(Workload const& load) = 0;
-   /// Looks up every row and compares all its bytes with those of the generations allowed; throws on a difference.
+   /// Looks up every row and compares all its bytes with those of the generations allowed; throws on a
+   /// difference.
    virtual void check(Workload const& load, bool first, bool second) = 0;
 };
 
@@ -75,7 +78,8 @@ public:
    virtual u64 bytes() = 0;
    /// Inserts all rows into the empty table; the time of each single call in TSC ticks.
    virtual std::vector<u64> insertEach(Workload const& load) = 0;
-   /// `steps` writes of a busy writer: overwrites, inserts and removals in turn. Never touches a key of `misses`.
+   /// `steps` writes of a busy writer: overwrites, inserts and removals in turn. Never touches a key of
+   /// `misses`.
    virtual void churn(Workload const& load, std::vector<Row> const& extras, u64& position, u64 steps) = 0;
    /// `sameProcess`: as a thread or on the writer's own thread; otherwise attach by the files alone.
    virtual std::unique_ptr<ReaderSide> reader(Place const& place, bool sameProcess) = 0;
@@ -96,7 +100,8 @@ inline u64 passesFor(u64 rows) { return rows >= 200'000 ? 1 : 200'000 / rows; }
 
 template <class Peer> class AdaptedReader final : public ReaderSide {
 public:
-   AdaptedReader(Place const& place, Peer* peer) : reader_(place, peer) {}
+   AdaptedReader(Place const& place, Peer* peer)
+      : reader_(place, peer) {}
 
    Batch hit(Workload const& load) override { return lookups(load.hits); }
    Batch miss(Workload const& load) override { return lookups(load.misses); }

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The contenders that this build has: the bare limit and our own table always, the peers if their libraries are
-// there (BENCH_PEERS). The first in the list are printed first.
+// The contenders that this build has: the bare limit and our own table always, the peers if their libraries
+// are there (BENCH_PEERS). The first in the list are printed first.
 #include "core/Contender.h"
 
 namespace Bench {

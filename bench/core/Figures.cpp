@@ -16,7 +16,8 @@ namespace Bench {
 
 Summary Figures::of(FigureKey const& key) const {
    auto const found = samples_.find(key);
-   if (found == samples_.end()) throw std::runtime_error("no figure for " + key.contender + " " + key.operation);
+   if (found == samples_.end())
+      throw std::runtime_error("no figure for " + key.contender + " " + key.operation);
    std::vector<double> sorted = found->second;
    std::sort(sorted.begin(), sorted.end());
    std::size_t const middle = sorted.size() / 2;
@@ -25,7 +26,8 @@ Summary Figures::of(FigureKey const& key) const {
 }
 
 void Figures::printBlock(std::ostream& out, std::vector<Traits> const& contenders,
-                         std::vector<std::string> const& operations, std::string const& keys, u64 rows) const {
+                         std::vector<std::string> const& operations, std::string const& keys,
+                         u64 rows) const {
    constexpr int nameWidth = 24;
    auto const heading = [&](std::string const& what) {
       fmt::print(out, "{:{}}", what, nameWidth);
@@ -44,7 +46,8 @@ void Figures::printBlock(std::ostream& out, std::vector<Traits> const& contender
          }
          double const median = of(key).median;
          fmt::print(out, "{:>12.{}f}", median, median < 1000 ? 1 : 0);
-         if (contender.isPeer && (!best.count(operation) || median < best[operation])) best[operation] = median;
+         if (contender.isPeer && (!best.count(operation) || median < best[operation]))
+            best[operation] = median;
       }
       fmt::print(out, "\n");
    }
@@ -80,13 +83,14 @@ void Figures::print(std::ostream& out, std::vector<Traits> const& contenders,
    }
 }
 
-void Figures::writeJson(std::string const& file, Machine const& machine, std::vector<Traits> const& contenders,
-                        std::string const& command, double loadBefore, double loadAfter) const {
+void Figures::writeJson(std::string const& file, Machine const& machine,
+                        std::vector<Traits> const& contenders, std::string const& command, double loadBefore,
+                        double loadAfter) const {
    nlohmann::ordered_json root;
-   root["machine"] = {{"processor", machine.processor},   {"kernel", machine.kernel},
-                      {"compiler", machine.compiler},     {"buildType", machine.buildType},
-                      {"cores", machine.cores},           {"lastLevelCache", machine.lastLevelCache},
-                      {"hugePages", machine.hugePages},   {"loadBefore", loadBefore},
+   root["machine"] = {{"processor", machine.processor}, {"kernel", machine.kernel},
+                      {"compiler", machine.compiler},   {"buildType", machine.buildType},
+                      {"cores", machine.cores},         {"lastLevelCache", machine.lastLevelCache},
+                      {"hugePages", machine.hugePages}, {"loadBefore", loadBefore},
                       {"loadAfter", loadAfter}};
    root["command"] = command;
    root["keyBytes"] = sizeof(Key);

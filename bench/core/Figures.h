@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// All figures of a run: samples by (keys, rows, contender, operation), their summaries, and how they are shown: as a
-// table of medians and ratios on stdout, and as JSON. Measures nothing.
+// All figures of a run: samples by (keys, rows, contender, operation), their summaries, and how they are
+// shown: as a table of medians and ratios on stdout, and as JSON. Measures nothing.
 #pragma once
 
 #include "core/Contender.h"
@@ -34,10 +34,10 @@ public:
    bool has(FigureKey const& key) const { return samples_.count(key) != 0; }
    Summary of(FigureKey const& key) const;
 
-   /// A table for each (keys, rows): one line a contender, ns an operation; then each figure divided by the best
-   /// peer's. A contender without a figure has a dash.
-   void print(std::ostream& out, std::vector<Traits> const& contenders, std::vector<std::string> const& operations,
-              std::string const& title) const;
+   /// A table for each (keys, rows): one line a contender, ns an operation; then each figure divided by the
+   /// best peer's. A contender without a figure has a dash.
+   void print(std::ostream& out, std::vector<Traits> const& contenders,
+              std::vector<std::string> const& operations, std::string const& title) const;
    /// Every sample. @param command the arguments of the run
    void writeJson(std::string const& file, Machine const& machine, std::vector<Traits> const& contenders,
                   std::string const& command, double loadBefore, double loadAfter) const;

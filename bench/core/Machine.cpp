@@ -78,7 +78,8 @@ double ticksPerNs() {
    using Clock = std::chrono::steady_clock;
    auto const start = Clock::now();
    u64 const ticks = __builtin_ia32_rdtsc();
-   while (Clock::now() - start < std::chrono::milliseconds(50)) {}
+   while (Clock::now() - start < std::chrono::milliseconds(50)) {
+   }
    double const ns = std::chrono::duration<double, std::nano>(Clock::now() - start).count();
    return static_cast<double>(__builtin_ia32_rdtsc() - ticks) / ns;
 }

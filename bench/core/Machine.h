@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// What a figure's reader must know of the machine, and the two things a benchmark asks of it: a core to stay on and
-// a folder in memory. Linux and x86 only.
+// What a figure's reader must know of the machine, and the two things a benchmark asks of it: a core to stay
+// on and a folder in memory. Linux and x86 only.
 #pragma once
 
 #include "core/Row.h"

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// The restart run, of our own table alone: a writer leaves a full table behind; how long does the next one take until
-// it has adopted and validated every row and may write, and how long a reader until its first row? The files are in
-// the page cache, as they are after a restart of a process.
+// The restart run, of our own table alone: a writer leaves a full table behind; how long does the next one
+// take until it has adopted and validated every row and may write, and how long a reader until its first row?
+// The files are in the page cache, as they are after a restart of a process.
 #include "core/Runs.h"
 #include "peers/HoflowTable.h"
 

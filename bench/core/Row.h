@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The key and the row that every contender stores: those of the flow configuration table, 36 and 84 bytes. Peers
-// treat both as plain bytes. Does not generate any; see Workload.h.
+// The key and the row that every contender stores: those of the flow configuration table, 36 and 84 bytes.
+// Peers treat both as plain bytes. Does not generate any; see Workload.h.
 #pragma once
 
 #include <cstdint>
@@ -14,8 +14,8 @@ using u16 = std::uint16_t;
 using u32 = std::uint32_t;
 using u64 = std::uint64_t;
 
-/// A flow as a switch keys it, byte for byte as the tables store it. The bytes that no field covers are always
-/// zero here, so that peers may hash and compare the key as 36 raw bytes.
+/// A flow as a switch keys it, byte for byte as the tables store it. The bytes that no field covers are
+/// always zero here, so that peers may hash and compare the key as 36 raw bytes.
 struct [[gnu::packed]] alignas(4) Key {
    u32 vrfId;
    u16 vlanId;
@@ -44,8 +44,8 @@ struct [[gnu::packed]] alignas(4) Row {
 static_assert(sizeof(Key) == 36 && sizeof(Row) == 84, "the sizes that all figures are quoted for");
 static_assert(std::is_trivially_copyable_v<Key> && std::is_trivially_copyable_v<Row>);
 
-/// What a timed loop adds up from each row that it was given: two words, one near each end of the payload. The
-/// whole row is checked outside the timed loops.
+/// What a timed loop adds up from each row that it was given: two words, one near each end of the payload.
+/// The whole row is checked outside the timed loops.
 inline u64 rowSum(Row const& row) {
    u64 first;
    u32 last;

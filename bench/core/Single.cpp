@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The single-thread run and the growth run. What is timed stands in Contender.h; here is the order of things and the
-// checks: counts and sums of every timed batch, and each byte of every row outside the clock.
+// The single-thread run and the growth run. What is timed stands in Contender.h; here is the order of things
+// and the checks: counts and sums of every timed batch, and each byte of every row outside the clock.
 #include "core/Runs.h"
 
 #include <algorithm>
@@ -18,7 +18,7 @@ namespace {
 void expect(Traits const& traits, char const* operation, Batch const& batch, u64 count, u64 sum) {
    if (batch.count != count) {
       wrong(traits.name, std::string(operation) + ": " + std::to_string(batch.count) + " rows, expected " +
-                            std::to_string(count));
+                             std::to_string(count));
    }
    if (batch.sum != sum) wrong(traits.name, std::string(operation) + ": the rows read have a wrong sum");
 }
@@ -27,8 +27,8 @@ void progress(Setting const& setting, std::string const& text) {
    if (setting.progress && isatty(STDERR_FILENO)) std::fprintf(stderr, "\r\033[K%s", text.c_str());
 }
 
-void runOne(Contender& table, Workload const& load, Setting const& setting, Place const& place, Figures& figures,
-            bool thorough) {
+void runOne(Contender& table, Workload const& load, Setting const& setting, Place const& place,
+            Figures& figures, bool thorough) {
    Traits const& traits = table.traits();
    FigureKey key{nameOf(load.family), load.rows, traits.name, ""};
    auto const add = [&](char const* operation, Batch const& batch) {
@@ -74,12 +74,13 @@ void runOne(Contender& table, Workload const& load, Setting const& setting, Plac
 void runSingle(Contenders& all, Workload const& load, Setting const& setting, Figures& figures) {
    int const times = setting.repetitions * (load.rows <= 20'000 ? 4 : load.rows <= 200'000 ? 2 : 1);
    for (int time = 0; time < times; ++time) {
-      // Each repetition begins with another contender: nobody always runs on what the same neighbour left behind.
+      // Each repetition begins with another contender: nobody always runs on what the same neighbour left
+      // behind.
       for (std::size_t turn = 0; turn < all.size(); ++turn) {
          Contender& table = *all[(turn + static_cast<std::size_t>(time)) % all.size()];
-         progress(setting, nameOf(load.family) + " keys, " + std::to_string(load.rows) + " rows, repetition " +
-                              std::to_string(time + 1) + " of " + std::to_string(times) + ": " +
-                              table.traits().name);
+         progress(setting, nameOf(load.family) + " keys, " + std::to_string(load.rows) +
+                               " rows, repetition " + std::to_string(time + 1) + " of " +
+                               std::to_string(times) + ": " + table.traits().name);
          Folder const folder;
          runOne(table, load, setting, {folder.path(), load.rows, setting.core}, figures, time == 0);
       }

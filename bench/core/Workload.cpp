@@ -20,8 +20,8 @@ u64 mix(u64 x) {
 namespace {
 
 Key networkKey(u64 n) {
-   // A client opens 64 connections in a row, its ports counting up, before the next client appears; clients come
-   // round again with later ports. Server and service follow from the connection.
+   // A client opens 64 connections in a row, its ports counting up, before the next client appears; clients
+   // come round again with later ports. Server and service follow from the connection.
    u64 const connection = n % 64;
    u64 const client = n / 64 % 1024;
    u64 const round = n / (64 * 1024);
@@ -79,7 +79,10 @@ Row rowOf(Key const& key, u64 ordinal, u32 generation) {
 }
 
 Workload::Workload(KeyFamily keyFamily, std::size_t rowCount, u64 seed)
-   : family(keyFamily), rows(rowCount), sumInserted(0), sumOverwritten(0) {
+   : family(keyFamily)
+   , rows(rowCount)
+   , sumInserted(0)
+   , sumOverwritten(0) {
    std::mt19937_64 random(seed + rowCount);
    inserts.reserve(rows);
    for (std::size_t n = 0; n < rows; ++n) {

@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 // The rows, queries and orders of one run: built once per size and key family, the same for every contender.
 //
-// Every word of a row's payload is derived from its key's ordinal and a generation, so that a row proves itself.
-// Orders of lookup, overwrite and removal are independent random permutations, none of them the order of insertion.
-// Queries lie in the order in which they are asked: fetching a query costs a sequential read for everybody.
+// Every word of a row's payload is derived from its key's ordinal and a generation, so that a row proves
+// itself. Orders of lookup, overwrite and removal are independent random permutations, none of them the order
+// of insertion. Queries lie in the order in which they are asked: fetching a query costs a sequential read
+// for everybody.
 #pragma once
 
 #include "core/Row.h"
@@ -18,8 +19,8 @@ enum class KeyFamily { network, random };
 
 std::string nameOf(KeyFamily family);
 
-/// A key to ask for, and which of the rows it is; ordinals from `rows` on are absent keys. Only the bare limit may look at
-/// `ordinal`.
+/// A key to ask for, and which of the rows it is; ordinals from `rows` on are absent keys. Only the bare
+/// limit may look at `ordinal`.
 struct Query {
    Key key;
    u32 ordinal;

@@ -6,7 +6,8 @@
 // Speed. "ns/key": independent keys out of the first-level cache, so the processor overlaps them; "latency":
 // each key is chosen by the hash before it, which is what a lookup feels. The peers are given their input
 // with the meaningless bytes already cleared, which costs the product nothing as it doesn't read them; so the
-// comparison favours the peers. The figures mean little on a busy machine: the least of nine runs is printed.
+// comparison favours the peers. The figures mean little on a busy machine: the least of 60 short runs is
+// printed.
 //
 // Quality: see Quality.h. "deviation" is in standard deviations of a random function: values of up to 5 are
 // chance. The worst of all key sets is printed, with the set's name, with seed 0 and a drawn one.
@@ -27,9 +28,9 @@ using Peers::u32;
 
 template <class Body> double leastNanoseconds(unsigned keys, Body body) {
    double least = 1e9;
-   for (unsigned run = 0; run < 9; ++run) {
+   for (unsigned run = 0; run < 60; ++run) {
       auto const start = std::chrono::steady_clock::now();
-      constexpr unsigned rounds = 2000;
+      constexpr unsigned rounds = 200;
       for (unsigned round = 0; round < rounds; ++round) body();
       std::chrono::duration<double, std::nano> const spent = std::chrono::steady_clock::now() - start;
       least = std::min(least, spent.count() / (double(rounds) * keys));

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// The bare limit: what two dependent random reads and a copy of the row cost on this machine, with no hashing, no
-// comparing, no chains and no protection. It is told where each key is (the query's ordinal). The distance to it is
-// what a table's own work costs.
+// The bare limit: what two dependent random reads and a copy of the row cost on this machine, with no
+// hashing, no comparing, no chains and no protection. It is told where each key is (the query's ordinal). The
+// distance to it is what a table's own work costs.
 //
-// A miss is the first of the two reads alone. Insert and overwrite store the row where the index says; the walk reads
-// rows in memory order, which no walk of a hash table does.
-// Misleading if read as a target: it can't answer "is this key here?".
+// A miss is the first of the two reads alone. Insert and overwrite store the row where the index says; the
+// walk reads rows in memory order, which no walk of a hash table does. Misleading if read as a target: it
+// can't answer "is this key here?".
 #include "core/Contender.h"
 
 #include <algorithm>
@@ -18,8 +18,9 @@ namespace {
 
 class BareLimit {
 public:
-   static constexpr Traits traits{"bare limit", false, false, false, false,
-                                  "two dependent random reads and a copy of the row; created at final size"};
+   static constexpr Traits traits{
+       "bare limit", false, false,
+       false,        false, "two dependent random reads and a copy of the row; created at final size"};
 
    // Slots as far apart as the rows of a real table with a link and a sequence word each.
    struct Slot {
@@ -28,7 +29,9 @@ public:
    static constexpr u32 none = 0xffffffff;
 
    explicit BareLimit(Place const& place)
-      : index_(std::bit_ceil(2 * place.rows), none), slots_(place.rows), places_(place.rows) {
+      : index_(std::bit_ceil(2 * place.rows), none)
+      , slots_(place.rows)
+      , places_(place.rows) {
       std::mt19937_64 random(7);
       std::iota(places_.begin(), places_.end(), 0u);
       std::shuffle(places_.begin(), places_.end(), random);
@@ -39,7 +42,9 @@ public:
       std::memcpy(slots_[at].bytes, &row, sizeof row);
       entry(ordinal) = at;
    }
-   void overwrite(Row const& row, u32 ordinal) { std::memcpy(slots_[entry(ordinal)].bytes, &row, sizeof row); }
+   void overwrite(Row const& row, u32 ordinal) {
+      std::memcpy(slots_[entry(ordinal)].bytes, &row, sizeof row);
+   }
    bool remove(Key const&, u32 ordinal) {
       u32& at = entry(ordinal);
       if (at == none) return false;
@@ -52,7 +57,8 @@ public:
 
    class Reader {
    public:
-      Reader(Place const&, BareLimit* limit) : limit_(*limit) {}
+      Reader(Place const&, BareLimit* limit)
+         : limit_(*limit) {}
 
       bool lookup(Key const&, u32 ordinal, Row& row) {
          u32 const at = limit_.entry(ordinal);

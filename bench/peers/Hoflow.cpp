@@ -1,11 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
-// Our own table: Mirak::MirakWriter and Mirak::MirakReader on shared files in /dev/shm, at their defaults, through
-// the back end interface. It starts with its smallest size and grows inside `write`; removal shrinks the index and,
-// where the table type does that, the slots. Reads go through a reader's own read-only mapping of the same files, as
-// in another process; the writer's own lookups are not measured.
+// Our own table: Mirak::MirakWriter and Mirak::MirakReader on shared files in /dev/shm, at their defaults,
+// through the back end interface. It starts with its smallest size and grows inside `write`; removal shrinks
+// the index and, where the table type does that, the slots. Reads go through a reader's own read-only mapping
+// of the same files, as in another process; the writer's own lookups are not measured.
 //
-// Misleading: descriptor size is the number of rows, so that the slots double up to it and never grow by tenths.
-// In the single-thread figures writer and reader share one core's caches, which in two processes they don't.
+// Misleading: descriptor size is the number of rows, so that the slots double up to it and never grow by
+// tenths. In the single-thread figures writer and reader share one core's caches, which in two processes they
+// don't.
 #include "core/Machine.h"
 #include "peers/HoflowTable.h"
 
@@ -14,10 +15,13 @@ namespace {
 
 class Hoflow {
 public:
-   static constexpr Traits traits{"hoflow", true, true, true, false,
-                                  "MirakWriter and MirakReader on files in /dev/shm, no change queue"};
+   static constexpr Traits traits{
+       "hoflow", true,  true,
+       true,     false, "MirakWriter and MirakReader on files in /dev/shm, no change queue"};
 
-   explicit Hoflow(Place const& place) : directory_(place.directory), table_(openWriter(place)) {}
+   explicit Hoflow(Place const& place)
+      : directory_(place.directory)
+      , table_(openWriter(place)) {}
    ~Hoflow() { table_->detach(false); }
    Hoflow(Hoflow const&) = delete;
 
@@ -29,7 +33,8 @@ public:
 
    class Reader {
    public:
-      Reader(Place const& place, Hoflow*) : table_(openReader(place)) {}
+      Reader(Place const& place, Hoflow*)
+         : table_(openReader(place)) {}
       ~Reader() { table_->detach(false); }
       Reader(Reader const&) = delete;
 

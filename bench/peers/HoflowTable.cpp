@@ -20,7 +20,7 @@ Lomi::Platform::DebugHandler const& handler() {
 std::unique_ptr<Table> openWriter(Place const& place) {
    Mem::RootPath::set(place.directory);
    auto table = std::make_unique<Mirak::MirakWriter<TableOps>>(
-      handler(), path, Mirak::MapDescriptor(static_cast<Mirak::u32>(place.rows)));
+       handler(), path, Mirak::MapDescriptor(static_cast<Mirak::u32>(place.rows)));
    if (!table->initialize("bench")) wrong("hoflow", "the writer can't open its table");
    return table;
 }
@@ -28,7 +28,8 @@ std::unique_ptr<Table> openWriter(Place const& place) {
 std::unique_ptr<Table> openReader(Place const& place) {
    Mem::RootPath::set(place.directory);
    auto table = std::make_unique<Mirak::MirakReader<TableOps>>(handler(), path, TableOps{}, nullptr);
-   if (!table->initialize("bench")) wrong("hoflow", "a reader can't open the table: " + table->initializeError());
+   if (!table->initialize("bench"))
+      wrong("hoflow", "a reader can't open the table: " + table->initializeError());
    return table;
 }
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// The table type under test: flow configuration rows without a change queue. The queue's cost is another question,
-// asked elsewhere. Instantiated once, in HoflowTable.cpp, and called through the back end interface, as agents do.
+// The table type under test: flow configuration rows without a change queue. The queue's cost is another
+// question, asked elsewhere. Instantiated once, in HoflowTable.cpp, and called through the back end
+// interface, as agents do.
 #pragma once
 
 #include "FlowTracking/Tables.h"
@@ -23,7 +24,9 @@ static_assert(sizeof(TableOps::Value) == sizeof(Row) && alignof(TableOps::Value)
 
 // Key and Row have the bytes of the real types (the whole build runs without type-based aliasing).
 inline TableOps::Key const& tableKey(Key const& key) { return reinterpret_cast<TableOps::Key const&>(key); }
-inline TableOps::Value const& tableRow(Row const& row) { return reinterpret_cast<TableOps::Value const&>(row); }
+inline TableOps::Value const& tableRow(Row const& row) {
+   return reinterpret_cast<TableOps::Value const&>(row);
+}
 inline TableOps::Value& tableRow(Row& row) { return reinterpret_cast<TableOps::Value&>(row); }
 
 /// A writer on the table under `place`, open. Throws when it can't be opened.

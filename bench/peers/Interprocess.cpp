@@ -1,13 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
-// A hash set of Boost in a mapped file, behind Boost's interprocess_sharable_mutex: what one writes in an afternoon
-// when two processes have to share a table.
+// A hash set of Boost in a mapped file, behind Boost's interprocess_sharable_mutex: what one writes in an
+// afternoon when two processes have to share a table.
 //
-// Configuration: boost::unordered_set of rows with the allocator of managed_mapped_file, on the same tmpfs, hash
-// CRC-32C over the 36 key bytes; it grows by its own rehash inside an insert. Each lookup takes the mutex shared and
-// each write takes it alone; a walk holds it shared from end to end.
+// Configuration: boost::unordered_set of rows with the allocator of managed_mapped_file, on the same tmpfs,
+// hash CRC-32C over the 36 key bytes; it grows by its own rehash inside an insert. Each lookup takes the
+// mutex shared and each write takes it alone; a walk holds it shared from end to end.
 //
-// Misleading: the file's size is fixed at creation (it is made large and sparse). An uncontended mutex is cheap in
-// one thread; the figures with a busy writer show what it costs. A process that dies in a write leaves it locked.
+// Misleading: the file's size is fixed at creation (it is made large and sparse). An uncontended mutex is
+// cheap in one thread; the figures with a busy writer show what it costs. A process that dies in a write
+// leaves it locked.
 #include "core/Contender.h"
 #include "peers/PeerHash.h"
 
@@ -37,7 +38,11 @@ struct SameKey {
 
 class Interprocess {
 public:
-   static constexpr Traits traits{"boost::interprocess", true, true, true, true,
+   static constexpr Traits traits{"boost::interprocess",
+                                  true,
+                                  true,
+                                  true,
+                                  true,
                                   "unordered_set in a mapped file, interprocess_sharable_mutex"};
    using Allocator = bip::allocator<Row, bip::managed_mapped_file::segment_manager>;
    using Set = boost::unordered_set<Row, HashOfKey, SameKey, Allocator>;
@@ -46,7 +51,8 @@ public:
    using Read = bip::sharable_lock<Mutex>;
 
    explicit Interprocess(Place const& place)
-      : file_(fileIn(place)), map_(bip::create_only, file_.c_str(), place.rows * 400 + (32u << 20)) {
+      : file_(fileIn(place))
+      , map_(bip::create_only, file_.c_str(), place.rows * 400 + (32u << 20)) {
       set_ = map_.construct<Set>("rows")(16, HashOfKey(), SameKey(), map_.get_segment_manager());
       mutex_ = map_.construct<Mutex>("mutex")();
    }

@@ -1,17 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
-// liburcu's cds_lfht, the lock-free resizable hash table, with the QSBR flavour: the one whose readers pay nothing
-// but a quiescent state now and then (here every 64 calls).
+// liburcu's cds_lfht, the lock-free resizable hash table, with the QSBR flavour: the one whose readers pay
+// nothing but a quiescent state now and then (here every 64 calls).
 //
-// Configuration: no automatic resize; the insert that brings the load to 1 doubles the buckets by cds_lfht_resize,
-// from 64 on, so that growth is inside the insert as it is for us (large steps use its own helper threads). It never
-// shrinks. With CDS_LFHT_AUTO_RESIZE it grows in a thread on another core, and on a loaded machine the version in
-// Debian 12 was seen to stop growing for good at 64 buckets (lookups of 33 us at 50,000 rows).
-// Hash CRC-32C over the 36 bytes. Rows lie in nodes from a pool that is touched before the clock runs. An overwrite is
-// cds_lfht_replace with a new node; old nodes come back to the pool after a grace period, one synchronize_rcu for each
-// 1024 of them.
+// Configuration: no automatic resize; the insert that brings the load to 1 doubles the buckets by
+// cds_lfht_resize, from 64 on, so that growth is inside the insert as it is for us (large steps use its own
+// helper threads). It never shrinks. With CDS_LFHT_AUTO_RESIZE it grows in a thread on another core, and on a
+// loaded machine the version in Debian 12 was seen to stop growing for good at 64 buckets (lookups of 33 us
+// at 50,000 rows). Hash CRC-32C over the 36 bytes. Rows lie in nodes from a pool that is touched before the
+// clock runs. An overwrite is cds_lfht_replace with a new node; old nodes come back to the pool after a grace
+// period, one synchronize_rcu for each 1024 of them.
 //
-// Misleading: all memory belongs to one process; readers are threads, and must report quiescent states. cds_lfht lets
-// any number of threads write; with one writer that strength is paid for and not used.
+// Misleading: all memory belongs to one process; readers are threads, and must report quiescent states.
+// cds_lfht lets any number of threads write; with one writer that strength is paid for and not used.
 #include "core/Contender.h"
 #include "peers/PeerHash.h"
 
@@ -37,8 +37,8 @@ int matches(cds_lfht_node* link, void const* key) {
 
 class Lfht {
 public:
-   static constexpr Traits traits{"cds_lfht", true, false, true, true,
-                                  "QSBR, doubled by the insert that fills it, nodes from a pool"};
+   static constexpr Traits traits{
+       "cds_lfht", true, false, true, true, "QSBR, doubled by the insert that fills it, nodes from a pool"};
    static constexpr std::size_t deferred = 1024;
 
    explicit Lfht(Place const& place) {
@@ -100,12 +100,15 @@ public:
       old_.clear();
    }
    // What the allocator holds for table and nodes; the pool's slack of 4096 nodes is left out.
-   u64 bytes() { return heap() - heapBefore_ - 4 * deferred * sizeof(Node) - free_.capacity() * sizeof(Node*); }
+   u64 bytes() {
+      return heap() - heapBefore_ - 4 * deferred * sizeof(Node) - free_.capacity() * sizeof(Node*);
+   }
 
    class Reader {
    public:
       Reader(Place const&, Lfht* peer)
-         : table_(peer->table_), concurrent_(std::this_thread::get_id() != peer->writer_) {
+         : table_(peer->table_)
+         , concurrent_(std::this_thread::get_id() != peer->writer_) {
          if (concurrent_) rcu_register_thread();
       }
       ~Reader() {

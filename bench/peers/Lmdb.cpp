@@ -2,12 +2,12 @@
 // LMDB, mapped, without sync, on the same tmpfs: MDB_WRITEMAP | MDB_NOSYNC | MDB_NOMETASYNC | MDB_NORDAHEAD |
 // MDB_NOTLS. A B+tree over the 36 raw key bytes, the whole row as its value.
 //
-// Twice. "lmdb" commits each write and begins each read anew: like every other contender here, a row is visible to
-// the others when the call returns, and a read sees the newest row. "lmdb, batches of 1000" puts 1000 operations
-// into a transaction: rows become visible together, up to 999 calls late, a reader sees a snapshot up to 1000 calls
-// old, and a crash of the writer loses the open batch. The second is what bulk work would use; it isn't the same
-// promise.
-// Misleading: without sync a crash of the machine (not of the process) can damage it; on tmpfs that is no loss.
+// Twice. "lmdb" commits each write and begins each read anew: like every other contender here, a row is
+// visible to the others when the call returns, and a read sees the newest row. "lmdb, batches of 1000" puts
+// 1000 operations into a transaction: rows become visible together, up to 999 calls late, a reader sees a
+// snapshot up to 1000 calls old, and a crash of the writer loses the open batch. The second is what bulk work
+// would use; it isn't the same promise. Misleading: without sync a crash of the machine (not of the process)
+// can damage it; on tmpfs that is no loss.
 #include "core/Contender.h"
 
 #include <lmdb.h>
@@ -44,15 +44,22 @@ struct Environment {
 
 MDB_val bytesOf(void const* at, std::size_t size) { return {size, const_cast<void*>(at)}; }
 
-constexpr Traits singleTraits{"lmdb", true, true, true, true, "one transaction an operation; WRITEMAP, no sync"};
-constexpr Traits batchTraits{"lmdb, batches of 1000", true, true, true, true,
+constexpr Traits singleTraits{"lmdb", true, true,
+                              true,   true, "one transaction an operation; WRITEMAP, no sync"};
+constexpr Traits batchTraits{"lmdb, batches of 1000",
+                             true,
+                             true,
+                             true,
+                             true,
                              "1000 operations a transaction: later visible, older snapshots"};
 
 template <int Size> class Lmdb {
 public:
    static constexpr Traits const& traits = Size == 1 ? singleTraits : batchTraits;
 
-   explicit Lmdb(Place const& place) : file_(fileIn(place)), own_(file_, true) {}
+   explicit Lmdb(Place const& place)
+      : file_(fileIn(place))
+      , own_(file_, true) {}
    ~Lmdb() {
       settle();
       unlink(file_.c_str());
@@ -97,8 +104,10 @@ public:
          MDB_val name = bytesOf(&key, sizeof key);
          MDB_val value{};
          int const result = mdb_get(txn_, use_.table, &name, &value);
-         if (result == MDB_SUCCESS) std::memcpy(&row, value.mv_data, sizeof row);
-         else if (result != MDB_NOTFOUND) must(result, "mdb_get");
+         if (result == MDB_SUCCESS)
+            std::memcpy(&row, value.mv_data, sizeof row);
+         else if (result != MDB_NOTFOUND)
+            must(result, "mdb_get");
          if (++reads_ == Size) reset();
          return result == MDB_SUCCESS;
       }

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// The hash given to the peers that ask their caller for one: CRC-32C over the 36 raw bytes by the processor's own
-// instruction, the same function that rte_hash uses by default. Five instructions; nobody's own is faster here.
+// The hash given to the peers that ask their caller for one: CRC-32C over the 36 raw bytes by the processor's
+// own instruction, the same function that rte_hash uses by default. Five instructions; nobody's own is faster
+// here.
 #pragma once
 
 #include "core/Row.h"
@@ -19,6 +20,8 @@ namespace Bench {
    return _mm_crc32_u32(static_cast<u32>(crc), tail);
 }
 
-inline bool sameKey(Key const& left, Key const& right) { return std::memcmp(&left, &right, sizeof left) == 0; }
+inline bool sameKey(Key const& left, Key const& right) {
+   return std::memcmp(&left, &right, sizeof left) == 0;
+}
 
 } // namespace Bench

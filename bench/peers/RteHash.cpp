@@ -1,15 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
 // DPDK's rte_hash with its lock-free reader-writer concurrency, one writer.
 //
-// Configuration: RTE_HASH_EXTRA_FLAGS_RW_CONCURRENCY_LF, its own default hash (CRC-32C over the 36 bytes), data
-// pointer per key. rte_hash stores the key and one pointer; the 84-byte row lies in a pool of our own and is copied
-// out on a hit. An overwrite puts a new row under the key (rte_hash_add_key_data), since storing into the old one
-// would show readers halves of rows; the old row and the positions of removed keys come back after a grace period,
-// one rte_rcu_qsbr_synchronize for each 1024 of them. Readers report a quiescent state every 64 calls.
-// It can't grow: it is created for 5/4 of the final number of rows, and the pool is touched before the clock runs.
+// Configuration: RTE_HASH_EXTRA_FLAGS_RW_CONCURRENCY_LF, its own default hash (CRC-32C over the 36 bytes),
+// data pointer per key. rte_hash stores the key and one pointer; the 84-byte row lies in a pool of our own
+// and is copied out on a hit. An overwrite puts a new row under the key (rte_hash_add_key_data), since
+// storing into the old one would show readers halves of rows; the old row and the positions of removed keys
+// come back after a grace period, one rte_rcu_qsbr_synchronize for each 1024 of them. Readers report a
+// quiescent state every 64 calls. It can't grow: it is created for 5/4 of the final number of rows, and the
+// pool is touched before the clock runs.
 //
-// Misleading: insert has no growth in it and no first touch of memory; all memory belongs to one process (--no-huge
-// has no shared memory), so nothing survives a restart; readers here are threads. EAL runs with 4 KiB pages.
+// Misleading: insert has no growth in it and no first touch of memory; all memory belongs to one process
+// (--no-huge has no shared memory), so nothing survives a restart; readers here are threads. EAL runs with 4
+// KiB pages.
 #include "core/Contender.h"
 
 #include <rte_eal.h>
@@ -18,6 +20,8 @@
 #include <rte_rcu_qsbr.h>
 
 #include <cstdlib>
+
+#include <sched.h>
 #include <thread>
 
 namespace Bench {
@@ -28,19 +32,26 @@ void startEal(int core) {
    if (started) return;
    started = true;
    std::string lcores = "0@" + std::to_string(core);
-   std::vector<std::string> words{"bench",  "--no-huge",       "--no-pci", "--no-telemetry", "--no-shconf", "-m", "2048",
-                                  "--lcores", lcores, "--log-level", "3"};
+   std::vector<std::string> words{"bench",       "--no-huge",   "--no-pci", "--no-telemetry",
+                                  "--no-shconf", "-m",          "512",      "--lcores",
+                                  lcores,        "--log-level", "3"};
    std::vector<char*> argv;
    for (std::string& word : words) argv.push_back(word.data());
+   // EAL puts its caller under the default scheduler, which a run may have left on purpose (chrt).
+   int const policy = sched_getscheduler(0);
+   sched_param parameters{};
+   sched_getparam(0, &parameters);
    if (rte_eal_init(static_cast<int>(argv.size()), argv.data()) < 0) {
       wrong("rte_hash", std::string("rte_eal_init: ") + rte_strerror(rte_errno));
    }
+   sched_setscheduler(0, policy, &parameters);
 }
 
 class RteHash {
 public:
-   static constexpr Traits traits{"rte_hash", false, false, true, true,
-                                  "RW_CONCURRENCY_LF, CRC hash, row by pointer, created at 5/4 of the final size"};
+   static constexpr Traits traits{
+       "rte_hash", false, false,
+       true,       true,  "RW_CONCURRENCY_LF, CRC hash, row by pointer, created at 5/4 of the final size"};
    static constexpr u32 deferred = 1024;
 
    explicit RteHash(Place const& place) {
@@ -101,8 +112,8 @@ public:
       oldPositions_.clear();
    }
    u64 bytes() {
-      // rte_hash tells no size: 64-byte buckets of 8 for the next power of two, key slots of 8 bytes of data and the
-      // key rounded up to 16, a ring of 4 bytes a key; and our rows.
+      // rte_hash tells no size: 64-byte buckets of 8 for the next power of two, key slots of 8 bytes of data
+      // and the key rounded up to 16, a ring of 4 bytes a key; and our rows.
       u64 const entries = pool_.size();
       u64 power = 8;
       while (power < entries) power *= 2;
@@ -112,8 +123,11 @@ public:
    class Reader {
    public:
       Reader(Place const&, RteHash* table)
-         : hash_(table->hash_), qsbr_(table->qsbr_), concurrent_(std::this_thread::get_id() != table->writer_) {
-         // A reader on the writer's own thread is never inside a read while the writer waits: nothing to announce.
+         : hash_(table->hash_)
+         , qsbr_(table->qsbr_)
+         , concurrent_(std::this_thread::get_id() != table->writer_) {
+         // A reader on the writer's own thread is never inside a read while the writer waits: nothing to
+         // announce.
          if (!concurrent_) return;
          rte_rcu_qsbr_thread_register(qsbr_, 0);
          rte_rcu_qsbr_thread_online(qsbr_, 0);

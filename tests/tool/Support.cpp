@@ -120,7 +120,7 @@ Result hoflow(std::vector<std::string> const& arguments, Surroundings const& aro
    close(err.writing);
    if (around.whileBlocked) {
       waitUntilFull(out.reading);
-      around.whileBlocked();
+      around.whileBlocked(child);
    }
    Result result;
    drain(out.reading, err.reading, result);

@@ -38,7 +38,8 @@ struct Surroundings {
    bool terminal = false;                     ///< stdout is a terminal
    bool closedPipe = false;                   ///< stdout is a pipe that nobody reads
    std::string intoFile = {};                 ///< stdout is this file
-   std::function<void()> whileBlocked = {};   ///< called when the pipe of stdout is full, before it is read
+   std::function<void(int pid)> whileBlocked =
+       {}; ///< called when the pipe of stdout is full, before it is read
 };
 
 /// Runs `hoflow` with the arguments; ended after a minute.

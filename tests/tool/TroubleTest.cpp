@@ -9,6 +9,7 @@
 #include <csignal>
 #include <filesystem>
 #include <fmt/format.h>
+#include <fstream>
 #include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
@@ -230,6 +231,32 @@ TEST_F(Trouble, AnotherUserNeedsReadRightsAndNoMore) {
    EXPECT_EQ(run({"list"}, {.uid = nobody}).status, 5);
 }
 
+TEST_F(Trouble, FilesAreOpenForReadingOnly) {
+   fs::remove_all(root + "/" + counterName);
+   makeTable(5000);
+   std::string maps, fileInfo;
+   auto const look = [&](int pid) {
+      std::string const process = "/proc/" + std::to_string(pid);
+      std::ifstream in(process + "/maps");
+      for (std::string line; std::getline(in, line);)
+         if (line.find(root) != std::string::npos) maps += line + "\n";
+      for (auto const& entry : fs::directory_iterator(process + "/fd"))
+         if (fs::read_symlink(entry).string().find(root) == 0) {
+            std::ifstream info(process + "/fdinfo/" + entry.path().filename().string());
+            for (std::string line; std::getline(info, line);)
+               if (line.find("flags:") == 0) fileInfo += line + "\n";
+         }
+   };
+   EXPECT_EQ(run({"dump", counterName}, {.whileBlocked = look}).status, 0);
+   EXPECT_NE(maps.find("/slots"), std::string::npos);
+   EXPECT_NE(maps.find("/buckets"), std::string::npos);
+   EXPECT_EQ(maps.find("rw"), std::string::npos) << maps;
+   // The last digit of the flags is the way of access, 0 for reading.
+   EXPECT_NE(fileInfo, "");
+   std::istringstream flags(fileInfo);
+   for (std::string line; std::getline(flags, line);) EXPECT_EQ(line.back(), '0') << line;
+}
+
 class BesideAWriter : public Trouble {};
 
 // A dump that is stopped by its full pipe while the table is formatted anew, or removed and made again.
@@ -248,7 +275,7 @@ TEST_F(BesideAWriter, ADumpOfAReplacedTableIsIncomplete) {
    for (auto const& change : changes) {
       fs::remove_all(root + "/" + counterName);
       makeTable(many);
-      auto const result = run({"dump", counterName, "-j"}, {.whileBlocked = change});
+      auto const result = run({"dump", counterName, "-j"}, {.whileBlocked = [&](int) { change(); }});
       EXPECT_EQ(result.status, 5) << result.err;
       EXPECT_NE(result.err.find("of the old table"), std::string::npos) << result.err;
       for (json const& row : result.objects()) ASSERT_EQ(row["key"]["dstAddr"], "10.2.0.1");

@@ -62,6 +62,30 @@ TEST(Growth, OfATable) {
    EXPECT_TRUE(traces.has(2, fmt::format("{} from 8 slots to 12", writer->rootPath().str())));
 }
 
+TEST(SlotHeader, TypeNamesEndWithinTheirField) {
+   Mirak::SlotTableHeader header{};
+   auto const format = [&](std::size_t length) {
+      std::string const name(length, 'x');
+      Mirak::formatHeader(header, {10, 10, 0, Parcel::KestorId(1, 1), name, 28, 48, 7});
+   };
+   format(511);
+   EXPECT_EQ(header.valueTypeName().size(), 511u);
+   EXPECT_EQ(header.hash, header.checksum());
+   EXPECT_THROW(format(512), Lomi::InvalidInitializeException);
+   std::string error;
+   // Any generation will do for 0, and only for 0.
+   EXPECT_TRUE(header.validate(quiet(), 4096, {}, 632, 48, error)) << error;
+   EXPECT_FALSE(header.validate(quiet(), 4096, Parcel::KestorId(2, 1), 632, 48, error));
+   EXPECT_EQ(error, "bad kestor:1:1 wanted:2:1");
+   EXPECT_FALSE(header.validate(quiet(), 631, {}, 632, 48, error));
+   EXPECT_EQ(error, "bad header file size: 631 wanted:632");
+   EXPECT_FALSE(header.validate(quiet(), Mem::Local::maxMappingSize(), {}, 632, 48, error));
+   EXPECT_EQ(error, fmt::format("bad file size:{}", Mem::Local::maxMappingSize()));
+   std::memset(&header, 'y', sizeof header); // a dump is made of just such headers
+   EXPECT_EQ(header.valueTypeName().size(), 512u);
+   EXPECT_NE(header.toString().find("constFlags:0x7979"), std::string::npos);
+}
+
 TEST(Operations, WordsAndCounters) {
    Mirak::MapDescriptor keepsBuckets = localOf(10);
    keepsBuckets.shrinkBuckets_ = false;
@@ -154,7 +178,7 @@ TEST(Operations, DirectModeThatMissesStaysClosed) {
    writer->directCommit();
    EXPECT_FALSE(inSection(*writer));
    EXPECT_EQ(wordOf(*writer, 0), 5u);
-   EXPECT_NE(writer->directUpdate({1, 1}), nullptr);
+   *writer->directUpdate({1, 1}) = R::make({1, 1}, 2);
    EXPECT_FALSE(inSection(*writer)); // open, and unmarked by design
    writer->directCommit();
 }

@@ -21,7 +21,25 @@ void append(fmt::memory_buffer& out, std::string_view text) {
    out.append(text.data(), text.data() + text.size());
 }
 
+void appendNumber(fmt::memory_buffer& out, uint64_t number) {
+   fmt::format_int const digits(number);
+   append(out, {digits.data(), digits.size()});
+}
+
 constexpr double firstYear = -62135596800.0, afterLastYear = 253402300800.0;
+
+/// "2025-03-01T12:00:00". Rows of one dump often share their seconds.
+std::string_view wholeSecond(std::time_t at) {
+   static std::time_t known = 0;
+   static std::string text = "1970-01-01T00:00:00";
+   if (at == known) return text;
+   std::tm utc{};
+   gmtime_r(&at, &utc);
+   text = fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}", utc.tm_year + 1900, utc.tm_mon + 1, utc.tm_mday,
+                      utc.tm_hour, utc.tm_min, utc.tm_sec);
+   known = at;
+   return text;
+}
 
 void appendTime(fmt::memory_buffer& out, Zeb::Seconds seconds) {
    if (!(seconds >= firstYear && seconds < afterLastYear - 1)) {
@@ -35,10 +53,18 @@ void appendTime(fmt::memory_buffer& out, Zeb::Seconds seconds) {
       ++at;
       micros = 0;
    }
-   std::tm utc{};
-   gmtime_r(&at, &utc);
-   fmt::format_to(std::back_inserter(out), "{:04}-{:02}-{:02}T{:02}:{:02}:{:02}.{:06}Z", utc.tm_year + 1900,
-                  utc.tm_mon + 1, utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec, micros);
+   append(out, wholeSecond(at));
+   char fraction[] = ".000000Z";
+   for (char* digit = fraction + 6; micros; micros /= 10) *digit-- = static_cast<char>('0' + micros % 10);
+   append(out, {fraction, 8});
+}
+
+void appendAddress(fmt::memory_buffer& out, Ip::IpAddr address) {
+   auto const bytes = address.bytes();
+   for (unsigned i = 0; i < 4; ++i) {
+      if (i) out.push_back('.');
+      appendNumber(out, bytes[i]);
+   }
 }
 
 void appendTag(fmt::memory_buffer& out, Ovie::VlanTag const& tag) {
@@ -158,8 +184,9 @@ template <class T, class Parse> bool take(Parse parse, std::string_view text, Ce
 } // namespace
 
 void appendText(fmt::memory_buffer& out, Cell const& cell) {
-   std::visit(Overloaded{[&](uint64_t n) { fmt::format_to(std::back_inserter(out), "{}", n); },
+   std::visit(Overloaded{[&](uint64_t n) { appendNumber(out, n); },
                          [&](Zeb::Seconds t) { appendTime(out, t); },
+                         [&](Ip::IpAddr a) { appendAddress(out, a); },
                          [&](Ip::Protocol p) { append(out, Ip::protocolText(p)); },
                          [&](TrafficDirection d) { appendDirection(out, d); },
                          [&](HoFlowState s) { append(out, FlowTracking::hoFlowStateText(s)); },
@@ -176,7 +203,7 @@ std::string cellText(Cell const& cell) {
 
 void appendJson(fmt::memory_buffer& out, Cell const& cell) {
    auto to = std::back_inserter(out);
-   std::visit(Overloaded{[&](uint64_t n) { fmt::format_to(to, "{}", n); },
+   std::visit(Overloaded{[&](uint64_t n) { appendNumber(out, n); },
                          [&](Zeb::Seconds t) {
                             // JSON has no word for what is no number.
                             if (!std::isfinite(t)) return append(out, "null");
@@ -184,8 +211,13 @@ void appendJson(fmt::memory_buffer& out, Cell const& cell) {
                             appendTime(out, t);
                             out.push_back('"');
                          },
+                         [&](Ip::IpAddr a) {
+                            out.push_back('"');
+                            appendAddress(out, a);
+                            out.push_back('"');
+                         },
                          [&](Ip::Protocol p) { quoted(out, Ip::protocolText(p)); },
-                         [&](TrafficDirection d) { fmt::format_to(to, "{}", static_cast<unsigned>(d)); },
+                         [&](TrafficDirection d) { appendNumber(out, static_cast<unsigned>(d)); },
                          [&](HoFlowState s) { quoted(out, FlowTracking::hoFlowStateText(s)); },
                          [&](Nimbet::IntfId intfId) {
                             if (intfId == Nimbet::IntfId()) return append(out, "null");

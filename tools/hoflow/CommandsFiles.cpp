@@ -102,10 +102,6 @@ ordered_json headerJson(MirakCore::BucketTableHeader const& h) {
            {"numBuckets", {{"version", h.numBuckets.version}, {"value", h.numBuckets.value}}}};
 }
 
-double ratio(std::uint64_t part, std::uint64_t whole) {
-   return whole ? static_cast<double>(part) / static_cast<double>(whole) : 0;
-}
-
 void showJson(Common const& common, Inspection const& t) {
    ordered_json j = summary(t);
    j["path"] = t.path;
@@ -254,6 +250,7 @@ Exit showHeaders(Common const& common, std::vector<std::string> const& words) {
 }
 
 Exit overview(Common const& common) {
+   if (common.json) return listTables(common, {}, false);
    auto& out = common.out;
    out.line(fmt::format("{} looks into the flow tables below {}. It only reads, and never disturbs a writer.",
                         out.styled(Style::bold, "hoflow"), Mem::RootPath::get()));

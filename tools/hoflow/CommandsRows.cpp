@@ -130,7 +130,7 @@ Exit dumpTable(Common const& common, std::string const& name, DumpOptions const&
    Filter const filter = parseFilter(schema, options.where);
    RowWriter writer(common, schema, options);
    std::uint64_t walked = 0, written = 0;
-   Progress progress("reading", table->members(), !common.out.terminal());
+   Progress progress("reading", table->members(), common.out.isFile());
    WalkEnd end = WalkEnd::stopped;
    try {
       end = walkRows(*table, [&](void const* row) {

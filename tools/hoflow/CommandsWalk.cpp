@@ -121,7 +121,15 @@ Verdict judge(Table& table) {
 }
 
 Exit checkOne(Common const& common, std::string const& name) {
-   auto const table = openTable(name);
+   std::unique_ptr<Table> table;
+   try {
+      table = openTable(name);
+   } catch (Failure const& failure) {
+      if (common.json)
+         common.out.line(jsonLine(
+             {{"table", name}, {"sound", false}, {"problems", ordered_json::array({failure.text})}}));
+      throw;
+   }
    Verdict const verdict = judge(*table);
    Checked const& seen = verdict.seen;
    Inspection const after = inspect(name);
@@ -184,9 +192,9 @@ void statJson(Common const& common, Table const& table, Inspection const& t, Cha
                   {"rows", rows},
                   {"capacity", h.numSlots.value},
                   {"freeSlots", h.numSlots.value - h.occupiedSlots},
-                  {"load", static_cast<double>(h.occupiedSlots) / h.numSlots.value},
+                  {"load", ratio(h.occupiedSlots, h.numSlots.value)},
                   {"buckets", buckets},
-                  {"rowsPerBucket", static_cast<double>(rows) / static_cast<double>(buckets)},
+                  {"rowsPerBucket", ratio(rows, buckets)},
                   {"chainsByLength", chains.byLength},
                   {"longestChain", chains.byLength.size() - 1},
                   {"meanSteps", chains.meanSteps},
@@ -218,7 +226,7 @@ void statText(Common const& common, Table const& table, Inspection const& t, Cha
    lines.add({"table", table.name()}, Style::bold);
    add("rows", std::to_string(rows));
    add("slots", fmt::format("{}, {} free, {:.1f} % taken", h.numSlots.value, freeSlots,
-                            100.0 * h.occupiedSlots / h.numSlots.value));
+                            100 * ratio(h.occupiedSlots, h.numSlots.value)));
    add("buckets", fmt::format("{}, {:.2f} rows each", buckets,
                               static_cast<double>(rows) / static_cast<double>(buckets)));
    add("memory", rows ? fmt::format("{}, {:.1f} bytes a row", sizeText(memory),

@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace Tool {
@@ -22,10 +23,11 @@ Exit worse(Exit a, Exit b) {
    return rank(a) < rank(b) ? b : a;
 }
 
-Output::Output()
-   : terminal_(isatty(STDOUT_FILENO) != 0) {
+Output::Output() {
    char const* const noColor = std::getenv("NO_COLOR");
-   colour_ = terminal_ && !(noColor && *noColor);
+   colour_ = isatty(STDOUT_FILENO) != 0 && !(noColor && *noColor);
+   struct stat status {};
+   file_ = fstat(STDOUT_FILENO, &status) == 0 && S_ISREG(status.st_mode);
 }
 
 void Output::line(std::string_view text) {

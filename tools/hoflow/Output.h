@@ -48,13 +48,14 @@ public:
    void line(std::string_view text);
    /// The text in a style, or as it is where there is no colour.
    std::string styled(Style style, std::string_view text) const;
-   bool terminal() const { return terminal_; }
+   /// Whether the data goes to a file: then nobody reads it on the terminal at the same time.
+   bool isFile() const { return file_; }
    /// @throws Failure if it can't be written. A reader that went away ends the process by SIGPIPE, silently.
    void flush();
 
 private:
    static constexpr std::size_t flushSize = 64 * 1024;
-   bool terminal_, colour_;
+   bool colour_, file_;
    fmt::memory_buffer buffer_;
 };
 
@@ -116,5 +117,10 @@ private:
 
 /// "1.5 MiB" for 1572864, "88 B" for 88.
 std::string sizeText(std::uint64_t bytes);
+
+/// 0 where there is nothing to be a part of.
+inline double ratio(std::uint64_t part, std::uint64_t whole) {
+   return whole ? static_cast<double>(part) / static_cast<double>(whole) : 0;
+}
 
 } // namespace Tool

@@ -147,7 +147,6 @@ Field const* Schema::find(std::string_view word) const {
 }
 
 bool Schema::isFlow() const { return fields.front().name == "vrfId"; }
-bool Schema::isIp6() const { return isFlow() && fields[2].type.kind == Kind::address6; }
 
 template <class Row> Schema const& schemaOf() {
    static Schema const schema = [] {

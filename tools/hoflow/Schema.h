@@ -29,7 +29,6 @@ struct Schema {
    /// vrf, dir, intf, state. @return null if the record has none
    Field const* find(std::string_view word) const;
    bool isFlow() const;
-   bool isIp6() const;
 };
 
 /// @param Row the stored value's type. Defined for the seven tables' rows in Schema.cpp.

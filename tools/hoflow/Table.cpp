@@ -55,10 +55,8 @@ public:
    }
 
    u32 members() const override { return reader_->members(); }
-   u32 capacity() const override { return reader_->headerCopy().numSlots.value; }
    u32 buckets() const override { return reader_->buckets(); }
    Mirak::Reader::Counters counters() const override { return reader_->readerCounters(); }
-   Parcel::KestorId kestorId() const override { return reader_->kestorId(); }
    bool filesReplaced() const override { return reader_->filesReplaced(); }
 
 private:
@@ -120,13 +118,13 @@ void Table::reopen() {
    // A writer that starts, or formats the table anew, is through in a moment; but it may do so again.
    for (int attempt = 0;; ++attempt) {
       detach();
+      std::string error;
+      if (attach(error)) return;
       Inspection const seen = inspect(name_);
       if (seen.state != State::ok) throw seen.failure();
       if (seen.type->schema().valueType != schema().valueType)
          throw Failure{Exit::incomplete, fmt::format("{}: now holds {}", seen.path, seen.type->valueType),
                        "the table was replaced by one of another type; ask again"};
-      std::string error;
-      if (attach(error)) return;
       if (attempt == 10) throw Failure{Exit::cantOpen, error, "the table changes all the time; try again"};
       std::this_thread::sleep_for(20ms);
    }

@@ -9,7 +9,6 @@
 #include "Mirak/Counters.h"
 #include "Mirak/Exception.h"
 #include "Mirak/SlotTable.h"
-#include "Parcel/KestorId.h"
 #include "Schema.h"
 
 #include <memory>
@@ -40,10 +39,8 @@ public:
    virtual bool inOrder() const = 0;
 
    virtual u32 members() const = 0;
-   virtual u32 capacity() const = 0;
    virtual u32 buckets() const = 0;
    virtual Mirak::Reader::Counters counters() const = 0;
-   virtual Parcel::KestorId kestorId() const = 0;
    virtual bool filesReplaced() const = 0;
 
    /// Opens what the path names now. @throws Failure, as openTable()

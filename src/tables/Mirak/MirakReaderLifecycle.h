@@ -52,8 +52,9 @@ template <class Ops> bool MirakReader<Ops>::open(std::string const& event) {
    double const mtime = kestorFile.mtime();
    if (kestorId_.value() == 0) {
       // The writer writes it last and removes it before it formats: the table isn't ready.
+      fail("failed to read kestor file", kestorFile.getFilename(), "absent or unreadable");
       LOMI_TRACE(debugHandler_, 0, "MirakReader", "{}", dumpHeaders());
-      return fail("failed to read kestor file", kestorFile.getFilename(), "absent or unreadable");
+      return false;
    }
    if (!validateBuckets(kestorFile) || !validateSlots(kestorFile)) return false;
    // What was validated is of this generation only if nobody began to format meanwhile.
@@ -97,7 +98,8 @@ template <class Ops> bool MirakReader<Ops>::validateSlots(Parcel::KestorFile con
 template <class Ops>
 bool MirakReader<Ops>::fail(char const* what, std::string const& file, std::string const& why) {
    initializeError_ = fmt::format("{}: {}: {}", what, file, why);
-   LOMI_TRACE(debugHandler_, 0, "MirakReader", "{}", initializeError_);
+   LOMI_TRACE(debugHandler_, 0, "MirakReader", "{}", what);
+   LOMI_TRACE(debugHandler_, 0, "MirakReader", "{}: {}", file, why);
    return false;
 }
 
@@ -105,11 +107,12 @@ bool MirakReader<Ops>::fail(char const* what, std::string const& file, std::stri
 template <class Ops>
 bool MirakReader<Ops>::failCorrupt(char const* what, std::string const& file, std::string const& why,
                                    Parcel::KestorFile const& kestorFile) {
+   fail(what, file, why);
    LOMI_TRACE(debugHandler_, 0, "MirakReader", "{}", dumpHeaders());
    // The kestor file goes away before a re-format touches anything: a half-formatted header is no damage.
    if (corruptionMarker_ && kestorFile.read() == kestorId_)
       Util::writeCorruptionFile(debugHandler_, rootPath_.str(), why);
-   return fail(what, file, why);
+   return false;
 }
 
 template <class Ops> void MirakReader<Ops>::release() {

@@ -17,6 +17,7 @@ namespace MirakCore {
 
 namespace LookAhead {
 inline constexpr u32 fromSlots = 16384; ///< smaller tables lie in the near caches anyway
+inline constexpr u32 fromBuckets = 64;  ///< fewer have no buckets so far ahead
 inline constexpr u32 heads = 32;        ///< buckets ahead: ask for the head
 inline constexpr u32 slots = 20;        ///< the head is there: ask for the first slot
 inline constexpr u32 successors = 10;   ///< the slot is there: ask for the second
@@ -193,7 +194,8 @@ template <class Owner>
 
 /// Has the buckets that the walk will reach soon on their way into the cache.
 template <class Owner> [[gnu::always_inline]] inline void ReaderHashMap<Owner>::lookAhead(u32 bucket) const {
-   if (reader_->slots_.slots().count < LookAhead::fromSlots) return;
+   if (reader_->slots_.slots().count < LookAhead::fromSlots || buckets_.numBuckets() < LookAhead::fromBuckets)
+      return;
    auto const* heads = buckets_.entries();
    // Walk order counts in reversed bits: the place of a bucket is its number reversed.
    u32 const place = Lomi::Util::reverse(bucket);
