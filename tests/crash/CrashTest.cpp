@@ -1,17 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
-// Each store and each file call of each operation as the last one before a crash. The files of that moment go
-// to
+// Each store and each file call of each operation as the last one before a crash. The files of that moment
+// go to
 //
-//   1. a reader, before anybody else: right answers of before or after the operation, or, only where a table
-//   was
-//      just being opened, formatted or removed, a refusal;
+// 1. a reader, before anybody else: right answers of before or after the operation, or, only where a table
+//    was just being opened, formatted or removed, a refusal;
 //
-//   2. the next writer: it adopts every row as it was before or after, under the generation that the kestor
-//   file
-//      named, or it formats the table anew under one that was never published; afterwards the table works;
+// 2. the next writer: it adopts every row as it was before or after, under the generation that the kestor
+//    file named, or it formats the table anew under one that was never published; then the table works;
 //
-//   3. where tables are opened and formatted, also a third writer, after the second one died at its own
-//   changes.
+// 3. where tables are opened and formatted, also a third writer, after the second one died, too.
 //
 // The last tests break the order of changes as a careless writer would, and expect complaints.
 #include "Judge.h"
@@ -243,8 +240,7 @@ void findsIt(Scenario<Small> const& scenario, bool twice, Spoil const& spoil) {
 
 using Kind = Event::Kind;
 
-/// The events from the making of the kestor file to its renaming, moved to `to`; or dropped where that is
-/// none.
+/// Moves what makes and renames the kestor file to `to`.
 void moveKestor(Events& events, std::size_t to) {
    Events kestor;
    auto const isKestor = [](Event const& e) {
@@ -257,8 +253,8 @@ void moveKestor(Events& events, std::size_t to) {
 }
 
 TEST(CrashMutation, ReformatThatLeavesTheKestorFile) {
-   // One crash leaves files that the next start formats under the old generation; a second one leaves it
-   // empty.
+   // One crash leaves files that the next start formats under the old generation; a second one leaves
+   // them so, without rows.
    findsIt(lifeScenario("re-format: died inside an operation"), true, [](Events& events) {
       std::erase_if(events, [](Event const& e) { return e.kind == Kind::unlink && e.file == "kestor"; });
    });
