@@ -35,7 +35,7 @@ enum Outcome { nothing, before, after, formatted };
 struct Script {
    u64 seed;
    enum class Kind { put, keep, remove } kind = Kind::put;
-   Key key;
+   Key key = {};
    void at(u64 number) {
       u64 mix = (number + seed) * 0x9e3779b97f4a7c15u;
       mix = (mix ^ mix >> 29) * 0xbf58476d1ce4e5b9u;

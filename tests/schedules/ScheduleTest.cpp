@@ -63,6 +63,19 @@ TEST(Schedules, Slots) {
    EXPECT_GT(total.counters.buckets.resizes, 0u);
 }
 
+/// What a shrink cut off is given back a moment later, and readers that are late find zeros there.
+TEST(Schedules, HolesBehindTheTable) {
+   auto const scenario = bucketScenarios().back();
+   auto recording = record(scenario, "recorded");
+   for (u32 bucket = 4; bucket < 8; ++bucket)
+      recording.events.push_back({.kind = Event::Kind::store,
+                                  .file = "buckets",
+                                  .offset = sizeof(MirakCore::BucketTableHeader) + bucket * 8,
+                                  .length = 8,
+                                  .bytes = std::string(8, '\0')});
+   expectClean<Small>(allOperations(scenario, recording, 1), "holes");
+}
+
 /// A pointer that a reader keeps across a resize is a fault at once.
 TEST(Schedules, WhereMappingsMove) {
    Mem::ParcelWrapper::moveAlways = true;
