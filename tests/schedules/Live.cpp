@@ -48,8 +48,15 @@ Live::Live(std::string directory, Image before, Events const& events)
       File* const opened = open(name, false);
       opened->before = &file;
    }
+   std::set<std::string> fleeting; // names that lead to one file now, to another then
    for (Event const& event : events_)
-      target_.push_back(event.kind == Kind::store && named_.count(event.file) ? named_[event.file] : nullptr);
+      if (event.kind == Kind::create || event.kind == Kind::unlink || event.kind == Kind::rename) {
+         fleeting.insert(event.file);
+         fleeting.insert(event.target);
+      }
+   for (Event const& event : events_)
+      target_.push_back(event.kind == Kind::store && !fleeting.count(event.file) ? named_.at(event.file)
+                                                                                 : nullptr);
 }
 
 Live::~Live() = default;

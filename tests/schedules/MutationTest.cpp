@@ -66,8 +66,7 @@ Scenario<S> const reusing{"remove, insert another",
 Scenario<S> const growing = bucketScenarios()[1], shrinking = bucketScenarios()[2]; // 4 to 8, 8 to 4
 Scenario<S> const regrowing = pairScenarios()[6];
 
-// Events of an insert: section, free list, ..., own link, word + 2, value, word + 4, [predecessor's link],
-// section.
+// Of an insert: section, free list, ..., own link, word + 2, value, word + 4, [predecessor's link], section.
 TEST(Mutation, RowPublishedBeforeItIsFilled) {
    findsIt(inserting, [](Events& events, Image const&) { move(events, events.size() - 2, 1); });
 }
@@ -138,8 +137,7 @@ TEST(Mutation, GenerationStoredLast) {
    });
    Key::seeded = true;
    findsIt(start, [](Events& events, Image const&) {
-      // The kestor file, the kestor, the seed, the bucket count's version: each of them alone would warn a
-      // reader.
+      // Kestor file, kestor, seed, the bucket count's version: each of them alone would warn a reader.
       Events late;
       for (std::size_t i = 0; i < events.size();) {
          Event const& event = events[i];

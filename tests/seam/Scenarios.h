@@ -116,7 +116,7 @@ inline std::vector<Scenario<Small>> pairScenarios() {
         holding<S>(4, apart),
         {removes<S>(key(4)), puts<S>(key(4))}},
        {"remove behind, insert ahead",
-        fixedOf(4),
+        fixedOf(3),
         holding<S>(4, three),
         {removes<S>(twin(1)), puts<S>(twin(4))}},
        {"remove ahead, insert behind",

@@ -89,6 +89,13 @@ inline Lomi::Platform::DebugHandler& quiet() {
    return handler;
 }
 
+/// How much less a sanitizer's build does by default.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+inline constexpr u64 slow = 8;
+#else
+inline constexpr u64 slow = 1;
+#endif
+
 /// A number from the environment, else the default.
 inline u64 setting(char const* name, u64 otherwise) {
    char const* const text = std::getenv(name);
