@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// A key in words, for traces: its own text if it has one, else its bytes.
+// A key in words, for traces: its own text if it has one, else its bytes. Never inlined: building a text
+// takes counted strings and streams, which have no place among the instructions of a hot path.
 #pragma once
 
 #include "Lomi/Util.h"
@@ -8,7 +9,7 @@
 
 namespace Mirak {
 
-template <class Key> std::string keyText(Key const& key) {
+template <class Key> [[gnu::cold, gnu::noinline]] std::string keyText(Key const& key) {
    if constexpr (requires { std::string(key.mirakString()); })
       return std::string(key.mirakString());
    else if constexpr (requires { std::string(key.str()); })
