@@ -116,10 +116,10 @@ void read(Shared& shared, u64 seed) {
 }
 
 TEST(Stress, ReadersBesideABusyWriter) {
-   u64 const target = setting("HOFLOW_STRESS_READS", 10'000'000 / slow),
+   u64 const target = setting("HOFLOW_STRESS_READS", 40'000'000 / slow),
              seed = setting("HOFLOW_SEED", std::random_device{}());
    double const limit =
-       static_cast<double>(setting("HOFLOW_STRESS_SECONDS", target > 10'000'000 ? 3600 : 120));
+       static_cast<double>(setting("HOFLOW_STRESS_SECONDS", target > 40'000'000 ? 3600 : 120));
    fmt::print("HOFLOW_SEED={} HOFLOW_STRESS_READS={}\n", seed, target);
    std::string const root = "/dev/shm/hoflow-stress-" + std::to_string(::getpid());
    std::filesystem::create_directories(root);
