@@ -4,6 +4,7 @@
 #pragma once
 
 #include "Recorder.h"
+#include "TestRoot.h"
 #include "TestTable.h"
 
 #include <cstring>
@@ -15,23 +16,6 @@
 #include <unistd.h>
 
 namespace Test {
-
-/// A directory of this process's own, the root of all its tables; removed when the process ends.
-inline std::string const& testRoot() {
-   struct Root {
-      std::string path = "/dev/shm/hoflow-test-XXXXXX";
-      pid_t const owner = ::getpid();
-      Root() {
-         if (!::mkdtemp(path.data())) std::abort();
-         Mem::RootPath::set(path);
-      }
-      ~Root() {
-         if (::getpid() == owner) std::filesystem::remove_all(path);
-      }
-   };
-   static Root root;
-   return root.path;
-}
 
 inline std::string tableDirectory(std::string const& name) { return testRoot() + "/" + name; }
 

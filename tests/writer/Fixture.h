@@ -4,6 +4,7 @@
 // in.
 #pragma once
 
+#include "TestRoot.h"
 #include "TestTable.h"
 
 #include <gtest/gtest.h>
@@ -16,23 +17,6 @@
 #include <vector>
 
 namespace Test {
-
-/// The root of all tables of this process; removed when it ends.
-inline std::string const& testRoot() {
-   struct Root {
-      std::string path = "/dev/shm/hoflow-test-XXXXXX";
-      pid_t const owner = ::getpid();
-      Root() {
-         if (!::mkdtemp(path.data())) std::abort();
-         Mem::RootPath::set(path);
-      }
-      ~Root() {
-         if (::getpid() == owner) std::filesystem::remove_all(path);
-      }
-   };
-   static Root root;
-   return root.path;
-}
 
 /// Keeps the traces of all levels while it lives.
 class Traces {
