@@ -167,7 +167,9 @@ inline Seen read(Reader& reader, Content const& content, Spoiled const& spoiled)
          std::optional<Key> last;
          for (bool more = reader.first(row, hint); more; more = reader.next(row.key(), row, hint)) {
             bool const ascends = !last || before(*last, row.key(), 0) || !spoiled.rows.empty();
-            if (!right(row) || !ascends || !met.insert(row.key().id()).second) ++seen.wrong;
+            // A changed key may be that of another row, which the walk meets in its own right.
+            bool const again = !spoiled.is(row) && !met.insert(row.key().id()).second;
+            if (!right(row) || !ascends || again) ++seen.wrong;
             last = row.key();
             if (!hinted) hint = {};
          }
