@@ -83,7 +83,11 @@ private:
    class TesselNotifications;
    bool same(u32 generation) const;
    WalkResult place();
-   WalkResult step();
+   WalkResult step(u64 attachment);
+   void take(Rusk::Sequence sequence) {
+      last_ = sequence;
+      ++position_;
+   }
    bool follow(u32 generation, u32 capacity);
    [[noreturn, gnu::cold]] void corrupt(std::string text) const;
 

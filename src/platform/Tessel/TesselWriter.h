@@ -65,6 +65,7 @@
 #include "Tessel/Followers.h"
 #include "Tessel/TesselTable.h"
 
+#include <array>
 #include <functional>
 
 namespace Tessel {
@@ -165,9 +166,15 @@ public:
       return name.empty() || !followers_ ? 0 : followers_->clientQuiesced(name, tail());
    }
    std::string dump() const;
+   /// For tests that watch the files.
+   std::array<Mem::ParcelWrapper const*, 4> wrappers() const {
+      return {&headerWrapper_, &tables_[0], &tables_[1], &slotsWrapper_};
+   }
 
 private:
    static constexpr u32 sliceEntries = 4096; // of a turn, between two looks at the clock
+   static constexpr double sliceSeconds =
+       0.005; // the table's own slices last 10 ms, and a turn may come at their end
 
    struct Found;
    bool adopt(Parcel::KestorId kestor, Found const& found);
@@ -184,8 +191,12 @@ private:
    bool inCorral(u64 sequence) const {
       return corralStart_ != 0 && sequence >= corralStart_ && (corralEnd_ == 0 || sequence <= corralEnd_);
    }
+   u32 neededSlots() const;
+   u64 neededTableSize(u32 side, u32 slots) const;
+   bool cuttable() const;
    void cut();
    void updateChores();
+   bool validateEntries(u32 count, u32 mostSlots, std::string& error) const;
    [[noreturn, gnu::cold]] void refuseSlot(u32 slot) const;
 
    std::function<void()> beforeFormat_;
