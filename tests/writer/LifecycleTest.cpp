@@ -39,6 +39,9 @@ TEST(Lifecycle, FirstStart) {
    EXPECT_EQ(writer->kestorId().low, static_cast<Mem::u16>(getpid()));
    auto const second = open<R>("second", Mirak::MapDescriptor(10));
    EXPECT_EQ(second->kestorId().high, writer->kestorId().high + 1);
+   // Numbered through the process, whatever the rows are.
+   auto const otherRows = open<Row<3>>("third", Mirak::MapDescriptor(10));
+   EXPECT_EQ(otherRows->kestorId().high, writer->kestorId().high + 2);
    EXPECT_EQ(writer->mountStatus(), Mem::MountStatus::mounted);
    EXPECT_TRUE(writer->initialize("twice")); // harmless
    EXPECT_TRUE(writer->validateFiles());

@@ -60,6 +60,14 @@ void validateFile(Lomi::Platform::DebugHandler const& handler, std::string const
 
 u32 storedKestor(Mem::NaoRootPath const& rootPath, char const* fileName) {
    constexpr off_t offset = offsetof(SlotTableHeader, kestor);
+Parcel::KestorId newKestorId() {
+   static std::atomic<Mem::u16> counter{0};
+   for (;;) {
+      Parcel::KestorId const id(static_cast<Mem::u16>(getpid()), counter.fetch_add(1));
+      if (id.value() != 0) return id;
+   }
+}
+
    static_assert(offset == offsetof(MirakCore::BucketTableHeader, kestor));
    Mem::Descriptor const directory = rootPath.openDirectory();
    if (!directory) return 0;
