@@ -78,6 +78,13 @@ auto foreign(u64 kestorAt) {
       out.write("\7\7\7\7", 4);
    };
 }
+void hugeIndex(fs::path const& file) {
+   u32 const buckets = u32{1} << 29;
+   fs::resize_file(file, MirakCore::bucketFileSize(buckets));
+   std::fstream out(file, std::ios::in | std::ios::out | std::ios::binary);
+   out.seekp(20);
+   out.write(reinterpret_cast<char const*>(&buckets), 4);
+}
 void absent(fs::path const& file) { fs::remove(file); }
 auto replaced(std::function<void(fs::path const&)> by) {
    return [by](fs::path const& file) {
@@ -98,6 +105,7 @@ std::vector<Found> const findings = {
     {"slots", "header alone", cutTo(584 + 4832), Outcome::formatted},
     {"slots", "a page short", shorter(4096), Outcome::formatted},
     {"slots", "longer", longer(), Outcome::adopted},
+    {"slots", "longer than anybody can map", cutTo(u64{5} << 30), Outcome::formatted},
     {"slots", "foreign", foreign(12), Outcome::formatted},
     {"slots", "a directory", directory, Outcome::refused},
     {"slots", "a symbolic link", symlink, Outcome::refused},
@@ -106,6 +114,8 @@ std::vector<Found> const findings = {
     {"buckets", "empty", cutTo(0), Outcome::formatted},
     {"buckets", "short", shorter(8), Outcome::formatted},
     {"buckets", "longer", longer(), Outcome::adopted},
+    {"buckets", "longer than anybody can map", cutTo(u64{5} << 30), Outcome::adopted},
+    {"buckets", "of more buckets than anybody can map", hugeIndex, Outcome::formatted},
     {"buckets", "foreign", foreign(12), Outcome::formatted},
     {"buckets", "a directory", directory, Outcome::refused},
     {"buckets", "a symbolic link", symlink, Outcome::refused},
