@@ -290,7 +290,7 @@ bool ParcelWrapper::reserve(u64 size) {
 }
 
 void ParcelWrapper::detach() {
-   bool const ours = forks_ == Lomi::forkGeneration();
+   bool const ours = mode_ == Mode::reader || forks_ == Lomi::forkGeneration();
    if (local_) {
       localMemory_.detach();
    } else if (base_ && ours && !borrowed_) {
