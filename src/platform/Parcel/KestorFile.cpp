@@ -43,6 +43,13 @@ Mem::Descriptor openForReading(Mem::NaoRootPath const& rootPath) {
    throw Lomi::RuntimeException(text);
 }
 
+// What a writer left that was killed while it wrote is no good to anybody.
+void removeTemporary(Mem::Descriptor const& directory, std::string const& path, std::string const& failure) {
+   if (::faccessat(directory.get(), temporaryName, F_OK, AT_SYMLINK_NOFOLLOW) != 0) return;
+   auto const outcome = Mem::FileCalls::unlink(directory.get(), temporaryName, path);
+   if (!outcome) throwFor(failure, outcome);
+}
+
 } // namespace
 
 KestorFile::KestorFile(Lomi::Platform::DebugHandler const& handler, Mem::NaoRootPath const& rootPath,
@@ -77,10 +84,7 @@ void KestorFile::write(KestorId id) {
    std::string const temporary = rootPath_.str() + "/" + temporaryName;
    std::string const failure = fmt::format("cannot write {}", getFilename());
    if (!directory) throwFor(failure, errno);
-   // What a killed writer left is no good to anybody.
-   if (::faccessat(directory.get(), temporaryName, F_OK, AT_SYMLINK_NOFOLLOW) == 0)
-      if (auto const gone = Mem::FileCalls::unlink(directory.get(), temporaryName, temporary); !gone)
-         throwFor(failure, gone);
+   removeTemporary(directory, temporary, failure);
    Mem::FileCalls::Outcome outcome;
    Mem::Descriptor const file(
        Mem::FileCalls::createExclusive(directory.get(), temporaryName, temporary, outcome));
@@ -128,3 +132,4 @@ void KestorFile::remove() {
 }
 
 } // namespace Parcel
+   removeTemporary(directory, rootPath_.str() + "/" + temporaryName, failure);
