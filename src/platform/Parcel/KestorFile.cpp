@@ -61,14 +61,27 @@ KestorFile::KestorFile(Lomi::Platform::DebugHandler const& handler, Mem::NaoRoot
 std::string KestorFile::getFilename() const { return rootPath_.str() + "/" + KESTOR_NAME; }
 
 KestorId KestorFile::read() const {
+   int error;
+   return read(error);
+}
+
+KestorId KestorFile::readOrThrow() const {
+   int error;
+   KestorId const id = read(error);
+   if (error != 0 && error != ENOENT) throwFor(fmt::format("cannot read {}", getFilename()), error);
+   return id;
+}
+
+KestorId KestorFile::read(int& error) const {
+   error = 0;
    if (local_) return {};
    auto const file = openForReading(rootPath_);
    Content content{};
    char extra = 0;
+   ssize_t const got = file ? ::pread(file.get(), &content, sizeof(content), 0) : -1;
+   if (got < 0) error = errno;
    // A byte behind the record makes the file foreign.
-   if (!file || ::pread(file.get(), &content, sizeof(content), 0) != sizeof(content) ||
-       ::pread(file.get(), &extra, 1, sizeof(content)) != 0)
-      return {};
+   if (got != sizeof(content) || ::pread(file.get(), &extra, 1, sizeof(content)) != 0) return {};
    if (std::memcmp(content.magic, "HOKESTOR", 8) != 0 || content.check != checkOf(content)) {
       LOMI_TRACE(handler_, 0, "KestorFile", "{} is malformed", getFilename());
       return {};
@@ -129,7 +142,7 @@ void KestorFile::remove() {
    if (!directory) throwFor(failure, errno);
    auto const outcome = Mem::FileCalls::unlink(directory.get(), KESTOR_NAME, getFilename());
    if (!outcome) throwFor(failure, outcome);
+   removeTemporary(directory, rootPath_.str() + "/" + temporaryName, failure);
 }
 
 } // namespace Parcel
-   removeTemporary(directory, rootPath_.str() + "/" + temporaryName, failure);

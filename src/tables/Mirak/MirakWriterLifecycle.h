@@ -82,7 +82,7 @@ template <class Ops> void MirakWriter<Ops>::attach() {
       kestorId_ = Parcel::KestorId(pid != 0 ? pid : u16{1}, 0);
    } else {
       writerLock_.emplace(Mem::WriterLock::acquireWriterLock(debugHandler_, rootPath_, ownerFile, false));
-      kestorId_ = kestorFile.read();
+      kestorId_ = kestorFile.readOrThrow();
       // A process with the number of the last one would make its id again (in a container each has the same),
       // and adopt what a crash half way through a format left.
       if (kestorId_.value() == 0) {
