@@ -13,7 +13,7 @@
 namespace Tracker {
 
 /// Counts all of `capture`, whose link type must be a supported one. `pulse` is called with the number of
-/// packets read: before the first and after every few; it returns false to stop the work, which leaves the
+/// packets read, before the first and after each one; it returns false to stop the work, which leaves the
 /// tables exact for the packets counted so far. Fills all figures but paths and time.
 template <class Pulse>
 void track(Capture& capture, RowStore<FlowTracking::HoIpFlowCounter>& table4,
@@ -21,11 +21,10 @@ void track(Capture& capture, RowStore<FlowTracking::HoIpFlowCounter>& table4,
    FlowCounter ip4(table4);
    FlowCounter ip6(table6);
    LinkLayer const layer = capture.linkLayer().value();
-   constexpr std::uint64_t every = 64;
    Packet packet;
    Frame frame;
    figures.complete = false;
-   while (capture.packets() % every != 0 || pulse(capture.packets())) {
+   while (pulse(capture.packets())) {
       if (!capture.next(packet)) {
          figures.complete = !capture.interrupted();
          break;

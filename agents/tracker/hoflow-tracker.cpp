@@ -148,7 +148,8 @@ public:
    explicit Pace(double packetsPerSecond)
       : rate_(packetsPerSecond) {}
    void hold(std::uint64_t packets) const {
-      if (rate_ <= 0) return;
+      if (rate_ <= 0) [[likely]]
+         return;
       auto const due = start_ + std::chrono::duration<double>(static_cast<double>(packets) / rate_);
       while (!stopped && std::chrono::steady_clock::now() < due) {
          auto const left = due - std::chrono::steady_clock::now();
