@@ -47,7 +47,7 @@ TEST(TunnetName, DeadOnesGo) {
    };
    {
       Writer writer(scratch, *shared);
-      std::string const name = writer.acceptor().socketName();
+      std::string const name = writer.socketName;
       EXPECT_EQ(Rusk::TunnetNameIs(name).processId, static_cast<u32>(::getpid()));
       EXPECT_FALSE(there(".rusk.1000001"));
       EXPECT_TRUE(there(".rusk.1000002") && there(".rusk.1000003") && there(".rusk.1000004"));
@@ -67,7 +67,7 @@ TEST(TunnetName, ARootOfAnyLength) {
    Mem::RootPath::set(deep);
    SharedMemory shared;
    Writer writer(scratch, *shared);
-   EXPECT_TRUE(std::filesystem::is_socket(deep + "/" + writer.acceptor().socketName()));
+   EXPECT_TRUE(std::filesystem::is_socket(deep + "/" + writer.socketName));
    Follower follower(scratch, *shared);
    follower.start();
    EXPECT_TRUE(runUntil([&] { return follower.asleep(); }));

@@ -87,12 +87,14 @@ struct Writer {
       Parcel::OwnerFile owner(handler(), path, false);
       path.makeDirectories();
       owner.tunnetInfoIs(rusk.tunnetInfo());
+      socketName = rusk.tunnetInfo().socketName;
       rusk.doEnableListen();
    }
    void change() {
       shared.count = ++tail;
       if (rusk.asleep()) rusk.wake();
    }
+   /// Only while it listens, and not in a child.
    Rusk::TunnetAcceptSm& acceptor() const { return *Rusk::TunnetAcceptSm::tunnetAcceptSm(path); }
    u64 dropped(Drop why) const { return rusk.counters().drops[why] + acceptor().counters().drops[why]; }
 
@@ -100,6 +102,7 @@ struct Writer {
    Shared& shared;
    Rusk::Sequence tail;
    Rusk::WriterRuskSm rusk;
+   std::string socketName;
 };
 
 struct Follower : Rusk::Follower {
@@ -170,7 +173,7 @@ inline std::string position(u32 type, u64 sequence) {
 /// Somebody with a socket.
 class Raw {
 public:
-   explicit Raw(Writer const& writer) { connect(writer.path, writer.acceptor().socketName()); }
+   explicit Raw(Writer const& writer) { connect(writer.path, writer.socketName); }
    Raw(Mem::NaoRootPath const& path, std::string const& name) { connect(path, name); }
    bool ok() const { return error_ == 0; }
    bool say(std::string const& bytes) const {
