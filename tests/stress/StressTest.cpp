@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// One process inserts, overwrites, removes, grows and halves the bucket table as fast as it can, and others
+// One process inserts, overwrites, removes, grows and shrinks slots and buckets as fast as it can, and others
 // read. Rows of two kinds: some stay from the beginning to the end and are only overwritten, the others come
 // and go in tides. A reader must find each row that stays at every look, once in every walk, whole, and never
 // older than it has seen it before.
@@ -44,7 +44,7 @@ void write(Shared& shared, u64 seed) {
          writer.write(R::make(stayingKey(i < 2 ? 0 : random() % staying), ++generation), true);
       shared.writes += 5;
    };
-   // Each tide is a little higher than the last one, so the slot file grows again and again, too.
+   // Each tide is a little higher than the last one, and the ebb moves the rows that stay.
    for (u32 tide = 0; !shared.stop; ++tide) {
       u32 const height = std::min(1000 + tide * 100, tides);
       for (u32 i = 0; i < height && !shared.stop; ++i) {
@@ -62,6 +62,7 @@ void write(Shared& shared, u64 seed) {
    auto const counters = writer.writerCounters();
    if (counters.bucketShrinks == 0 || counters.bucketGrows == 0)
       shared.complaint.say("the bucket table never changed");
+   if (counters.slotShrinks == 0 || counters.slotsMoved == 0) shared.complaint.say("no slot was given back");
 }
 
 void read(Shared& shared, u64 seed) {
