@@ -215,6 +215,11 @@ template <class R> void expectClean(std::vector<Scenario<R>> const& scenarios, b
 TEST(Crash, InChains) { expectClean(chainScenarios()); }
 TEST(Crash, InBucketResizes) { expectClean(bucketScenarios()); }
 TEST(Crash, InSlotGrowth) { expectClean(slotScenarios()); }
+TEST(Crash, InCompactions) {
+   auto scenarios = compactionScenarios();
+   scenarios.push_back(compactAndGrowAgain());
+   expectClean(scenarios);
+}
 TEST(Crash, BetweenOperations) { expectClean(pairScenarios()); }
 TEST(Crash, InStartsAndEnds) { expectClean(lifeScenarios(), true); }
 

@@ -25,13 +25,13 @@ struct Shared {
    std::atomic<u64> begun{0}, ended{0}; ///< operations, of the whole test
    std::atomic<u32> kestor{0};          ///< of the running writer, once it has judged what it found
    std::atomic<int> outcome{0};
-   std::atomic<u64> slotGrows{0}, bucketGrows{0}, bucketShrinks{0};
+   std::atomic<u64> slotGrows{0}, slotShrinks{0}, bucketGrows{0}, bucketShrinks{0};
    std::atomic<u64> reads{0}, rows{0}, reopened{0}, refused{0};
    Complaint complaint;
 };
 enum Outcome { nothing, before, after, formatted };
 
-/// Operation `number` of the script. Rows come and go in tides, so the bucket table grows and shrinks.
+/// Operation `number` of the script. Rows come and go in tides, so slots and buckets grow and shrink.
 struct Script {
    u64 seed;
    enum class Kind { put, keep, remove } kind = Kind::put;
@@ -94,6 +94,7 @@ void write(Shared& shared, Model model, Script script) {
       if (number % 256 == 0) {
          auto const counters = writer.writerCounters();
          shared.slotGrows = std::max<u64>(shared.slotGrows, counters.slotGrows);
+         shared.slotShrinks = std::max<u64>(shared.slotShrinks, counters.slotShrinks);
          shared.bucketGrows = std::max<u64>(shared.bucketGrows, counters.bucketGrows);
          shared.bucketShrinks = std::max<u64>(shared.bucketShrinks, counters.bucketShrinks);
       }
@@ -190,6 +191,7 @@ TEST(Kill, AtAnyMoment) {
    EXPECT_GT(counts[formatted], 0u);
    EXPECT_GT(shared->rows, 1000u);
    EXPECT_GT(shared->slotGrows, 0u);
+   EXPECT_GT(shared->slotShrinks, 0u);
    EXPECT_GT(shared->bucketGrows, 0u);
    EXPECT_GT(shared->bucketShrinks, 0u);
 }

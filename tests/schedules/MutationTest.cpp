@@ -138,6 +138,36 @@ TEST(MutationOfSlots, SlotCountBeforeTheSlotsAreFormatted) {
           std::fill(bytes.begin() + Slots::headerSize + 8 * Slots::slotSize, bytes.end(), '\5');
        });
 }
+
+// Of a move: rhash, free list, value (32), word, own link, predecessor's link, old slot's link, old word.
+Scenario<Wide> const compacting = compactionScenarios()[0];
+std::size_t slotAt(u32 slot, std::size_t field = 0) {
+   using Table = Mirak::SlotTable<OpsOf<Wide>>;
+   return Table::headerSize + slot * Table::slotSize + field;
+}
+constexpr std::size_t wordField = offsetof(Mirak::SlotTable<OpsOf<Wide>>::Slot, versionFlags);
+
+TEST(MutationOfCompaction, OldLinkLeftAloneByAMove) {
+   findsIt(compacting, [](Events& events, Image const&) {
+      events.erase(events.begin() + static_cast<long>(storeAt(events, "slots", slotAt(9))));
+   });
+}
+TEST(MutationOfCompaction, OldSlotFallsBeforeTheNewOneIsLinked) {
+   findsIt(compacting, [](Events& events, Image const&) {
+      std::size_t const falls = storeAt(events, "slots", slotAt(9, wordField), 4);
+      move(events, falls, falls - 2);
+   });
+}
+TEST(MutationOfCompaction, MovedRowLinkedBeforeItIsWhole) {
+   findsIt(compacting, [](Events& events, Image const&) {
+      std::size_t const links = storeAt(events, "slots", slotAt(1)); // the predecessor is the row that stays
+      move(events, links, links - 20);
+   });
+}
+TEST(MutationOfCompaction, SlotCountFallsBeforeTheRowsAreMoved) {
+   findsIt(compacting,
+           [](Events& events, Image const&) { move(events, storeAt(events, "slots", numSlots), 1); });
+}
 TEST(MutationOfStart, GenerationStoredLast) {
    auto const start = startOn("re-format", [](Bench<S>& b) {
       b.poke("slots", offsetof(Mirak::SlotTableHeader, runtimeFlags), "\1");

@@ -53,6 +53,16 @@ TEST(Schedules, Slots) {
    EXPECT_GT(total.counters.buckets.resizes, 0u);
 }
 
+TEST(Schedules, Compactions) {
+   auto const total = oneStopAll(compactionScenarios(), setting("HOFLOW_SCHEDULE_STEP", 3 * slow));
+   EXPECT_GT(total.schedules, 50000u / slow);
+   EXPECT_GT(total.counters.slotResizes, 0u);
+   EXPECT_GT(total.counters.wrapperRetries, 0u);
+   auto const again =
+       oneStopAll(std::vector{compactAndGrowAgain()}, setting("HOFLOW_SCHEDULE_STEP", 7 * slow));
+   EXPECT_GT(again.counters.slotResizes, 0u);
+}
+
 /// What a shrink cut off is given back a moment later, and readers that are late find zeros there.
 TEST(Schedules, HolesBehindTheTable) {
    auto const scenario = bucketScenarios().back();
@@ -64,6 +74,13 @@ TEST(Schedules, HolesBehindTheTable) {
                                   .length = 8,
                                   .bytes = std::string(8, '\0')});
    everyStop(scenario, recording, 1);
+
+   auto const compacting = compactionScenarios().front();
+   auto cut = record(compacting, "recorded");
+   using Table = Mirak::SlotTable<OpsOf<Wide>>;
+   for (std::size_t page = 4096; page < Table::headerSize + 16 * Table::slotSize; page += 4096)
+      cut.events.push_back({.kind = Event::Kind::punch, .file = "slots", .offset = page, .length = 4096});
+   everyStop(compacting, cut, 3 * slow);
 }
 
 /// A pointer that a reader keeps across a resize is a fault at once.

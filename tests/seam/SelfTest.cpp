@@ -24,6 +24,7 @@ TEST(Recorder, SeesEveryChange) {
    replayEqualsFiles(chainScenarios());
    replayEqualsFiles(bucketScenarios());
    replayEqualsFiles(slotScenarios());
+   replayEqualsFiles(compactionScenarios());
    replayEqualsFiles(pairScenarios());
    replayEqualsFiles(lifeScenarios());
 }

@@ -25,6 +25,11 @@ TEST(Stress, ReadersBesideABusyWriter) {
       children.push_back(std::make_unique<Child>([&] {
          Table table;
          write(table, *shared, seed, tides);
+         auto const counters = table.writerCounters();
+         if (counters.bucketGrows == 0 || counters.bucketShrinks == 0)
+            shared->complaint.say("the bucket table never changed");
+         if (counters.slotShrinks == 0 || counters.slotsMoved == 0)
+            shared->complaint.say("no slot was given back");
       }));
       while (shared->reads < target && shared->complaint.count == 0 && now() - begin < limit) pause(0.02);
       shared->stop = true;

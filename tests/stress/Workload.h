@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // A busy writer and the readers beside it, as functions that a test runs in processes (StressTest.cpp) or in
 // threads of one (RaceProbe.cpp). Rows of two kinds: some stay from the beginning to the end and are only
-// overwritten, the others come and go in tides that grow and halve the bucket table. A reader must find each
-// row that stays at every look, once in every walk, whole, and never older than it has seen it before.
+// overwritten, the others come and go in tides that make slots and buckets grow and shrink. A reader must
+// find each row that stays at every look, once in every walk, whole, and never older than it has seen it
+// before.
 #pragma once
 
 #include "Judge.h"
@@ -50,7 +51,7 @@ inline void write(
       for (int i = 0; i < 4; ++i)
          writer.write(R::make(stayingKey(i < 2 ? 0 : random() % staying), ++generation), true);
    };
-   // Each tide is a little higher than the last one, so the slot file grows again and again, too.
+   // Each tide is a little higher than the last one, and the ebb moves the rows that stay.
    for (u32 tide = 0; !shared.stop; ++tide) {
       u32 const height = std::min(1000 + tide * 100, tides);
       for (u32 i = 0; i < height && !shared.stop; ++i) {
