@@ -82,7 +82,7 @@ public:
       static Parcel::u16 formats = 0;
       Parcel::KestorId const fresh(7, ++formats);
       attached = queue.attach(fresh);
-      queue.reserve(mostSlots);
+      queue.reserve(capacity);
       step_();
       kestor = fresh;
    }
@@ -90,8 +90,7 @@ public:
    void restart() {
       queue.detach();
       attached = queue.attach(kestor);
-      queue.reserve(mostSlots);
-      queue.trim(capacity);
+      queue.reserve(capacity);
    }
 
    void compact() {
