@@ -20,7 +20,7 @@ struct Totals {
 std::string playOnce(u64 seed, Mistake mistake, bool formats, Totals& totals) {
    Dice dice(seed);
    Stage stage(dice);
-   Tessel::leastEntries = 2 + dice.below(12);
+   SmallTables const small(2 + dice.below(12));
    std::filesystem::remove_all(testRoot() + "/follow"); // a seed alone gives the same run
    Mem::NaoRootPath const path(*Lomi::Platform::getDebugHandler("test", true), "follow", false);
    Rows rows(path, dice.oneIn(3) ? Tessel::PruneMode::prune : Tessel::PruneMode::keep, 2 + 2 * dice.below(2),

@@ -196,6 +196,13 @@ private:
    int lives_ = 0;
 };
 
+/// The queue's tables are as small as that while this lives.
+struct SmallTables {
+   explicit SmallTables(u32 entries) { std::swap(Tessel::leastEntries, saved = entries); }
+   ~SmallTables() { Tessel::leastEntries = saved; }
+   u32 saved;
+};
+
 /// Random numbers that are the same everywhere.
 class Dice {
 public:
