@@ -203,6 +203,30 @@ TEST_F(Trouble, ADeadWritersHalfOperationIsSaid) {
    EXPECT_EQ(check.status, 5);
    EXPECT_NE(check.out.find("died inside an operation"), std::string::npos) << check.out;
    EXPECT_EQ(run({"dump", counterName}).lines().size(), rows + 1); // readers go on
+   EXPECT_EQ(run({"list", "-j"}).objects().at(0)["interrupted"], true);
+}
+
+TEST_F(Trouble, AnOwnerFileThatTheNextWriterRefusesIsSaid) {
+   auto const owner = file(counterName, "owner");
+   EXPECT_EQ(run({"check", counterName}).status, 0);
+   for (auto const& damage : std::vector<std::function<void()>>{
+            [&] { poke(owner, 24, 1); }, [&] { fs::remove(owner); }, [&] { fs::create_directory(owner); }}) {
+      damage();
+      auto const check = run({"check", counterName});
+      EXPECT_EQ(check.status, 4);
+      EXPECT_NE(check.out.find(owner), std::string::npos) << check.out;
+      EXPECT_EQ(run({"dump", counterName}).lines().size(), rows + 1); // no matter to readers
+   }
+}
+
+TEST_F(Trouble, NamesOfTablesDontSteerATerminal) {
+   fs::rename(root + "/flowtracking", root + "/a\nb\033[31m\xff");
+   for (auto const& words :
+        std::vector<std::vector<std::string>>{{"list"}, {"dump", "nope"}, {"list", "-j"}}) {
+      auto const result = run(words);
+      EXPECT_EQ((result.out + result.err).find('\033'), std::string::npos) << words[0];
+   }
+   EXPECT_EQ(run({"list"}).lines().size(), 2u);
 }
 
 TEST_F(Trouble, AnotherUserNeedsReadRightsAndNoMore) {
@@ -336,7 +360,7 @@ TEST_F(BesideAWriter, ABrokenPipeIsSilent) {
 TEST_F(BesideAWriter, AFullDiskUnderTheOutputIsSaid) {
    auto const result = hoflow({"dump", counterName, "--root", root}, {.intoFile = "/dev/full"});
    EXPECT_EQ(result.status, 5);
-   EXPECT_NE(result.err.find("cannot write the output"), std::string::npos) << result.err;
+   EXPECT_EQ(result.err, "hoflow: cannot write the output: No space left on device\n");
 }
 
 } // namespace

@@ -27,6 +27,7 @@ Read read(std::string const& path) {
       MemoryStore<FlowTracking::HoIpFlowCounter> table4;
       MemoryStore<FlowTracking::HoIp6FlowCounter> table6;
       Figures figures;
+      if (!capture.linkLayer()) throw NotACapture("link type");
       track(capture, table4, table6, figures, [](std::uint64_t) { return true; });
       EXPECT_TRUE(figures.complete);
       result.packets = figures.packetsRead;
@@ -163,11 +164,6 @@ TEST(Capture, UnsupportedLinkType) {
    Capture capture(folder.write("wifi", pcap.bytes));
    EXPECT_FALSE(capture.linkLayer());
    EXPECT_EQ(capture.linkTypeText(), "IEEE802_11 (105)");
-   MemoryStore<FlowTracking::HoIpFlowCounter> table4;
-   MemoryStore<FlowTracking::HoIp6FlowCounter> table6;
-   Figures figures;
-   track(capture, table4, table6, figures, [](std::uint64_t) { return true; });
-   EXPECT_EQ(figures.linkType, 1u);
 }
 
 } // namespace

@@ -39,6 +39,7 @@ public:
             "hoflow") {
       app.fallthrough();
       app.require_subcommand(0, 1);
+      app.failure_message([this](CLI::App const*, CLI::Error const& e) { return complaint(e); });
       app.set_version_flag("--version", "hoflow " HOFLOW_VERSION);
       app.add_option("--root", args.root, "folder below which the tables lie")
           ->envname("HOFLOW_ROOT")
@@ -66,6 +67,16 @@ private:
       sub->footer("\nExamples:\n" + examples + "\n" + statuses);
       sub->final_callback([this, toRun] { chosen = toRun; });
       return sub;
+   }
+   /// What to say of a command line that can't be understood.
+   std::string complaint(CLI::Error const& e) const {
+      auto const rest = app.remaining();
+      if (e.get_exit_code() != static_cast<int>(CLI::ExitCodes::ExtrasError) ||
+          !app.get_subcommands().empty() || rest.empty() || rest[0][0] == '-')
+         return fmt::format("hoflow: {}\n  hoflow --help and hoflow COMMAND --help say more\n", e.what());
+      std::string commands;
+      for (auto const* const sub : app.get_subcommands(nullptr)) commands += " " + sub->get_name();
+      return fmt::format("hoflow: there is no command \"{}\"\n  commands are:{}\n", rest[0], commands);
    }
    void takesTables(CLI::App* sub) {
       sub->add_option("TABLE", args.words, "names, ends of names or patterns")->required()->type_name("");
@@ -136,7 +147,13 @@ private:
           ->join(',');
       dump->add_option("-n,--limit", args.dump.limit, "at most so many rows")
           ->type_name("ROWS")
-          ->check(CLI::PositiveNumber);
+          ->check(CLI::Validator(
+              [](std::string& text) {
+                 std::uint64_t rows = 0;
+                 bool const good = text[0] != '-' && CLI::detail::lexical_cast(text, rows) && rows > 0;
+                 return good ? std::string() : "\"" + text + "\": expected a number above 0";
+              },
+              ""));
       dump->add_flag("--no-header", args.dump.noHeader, "no line with the columns' names");
 
       auto* const count = command(

@@ -9,7 +9,7 @@
 //   every row.
 //
 // `last` is the sequence up to which everything has been taken in, by a sweep or by entries; it moves with
-// tombstones, too, so it reaches the writer's last sequence. It survives detach and attach of the same
+// tombstones, too, so it reaches the writer's last sequence. It survives a detach and an attach to the same
 // content.
 //
 // No lock, no store, no allocation in a walk. One thread. A client may detach() the reader from inside

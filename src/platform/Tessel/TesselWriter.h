@@ -1,65 +1,57 @@
 // SPDX-License-Identifier: Apache-2.0
 // The change queue, as its one writer sees it. QueueFormat.h has the bytes, TesselReader.h the other side.
 //
-// What it is. An entry (sequence, slot) says "look at this slot again". A slot has one current entry at most,
-// and its older ones are tombstones, so a row that changed a thousand times costs a slow follower one look,
+// What it is. An entry (sequence, slot) says "look at this slot again". A slot has one current entry at
+// most, its older ones are tombstones: a row that changed a thousand times costs a slow follower one look,
 // and what is alive in the queue is bounded by the number of slots. Entries are appended to one of two
 // tables. When it is full, a turn carries what is alive into the other one, in order, and moves the
 // generation on; a follower that sees a new generation finds its place again by its sequence. The writer
 // never waits for a follower and never asks who reads.
 //
-// Why no change is lost. Writer W, follower F; `last` is the sequence that F has taken in.
+// Why no change is lost. Writer W, its turns T, follower F; `last` is the sequence that F has taken in.
 //
-//   W1 the slot's stores, all before notify      F1 load generation; another than F's: place
-//   W2 the entry's two words                     F2 load count
-//   W3 the slot's older entry: tombstone         F3 load the entry's two words
-//   W4 count            SYNC(queue-count)        F4 load generation again: only if it is F's is F3 believed
-//   W5 next             SYNC(queue-next)         F5 read the slot; a removal is believed only if the entry is
-//   W6 (only here) look for sleepers                still no tombstone and the generation still F's
+//   W1 the slot's stores, before notify        F1 load generation; not the own one: place
+//   W2 the entry's two words                   F2 load count
+//   W3 the older entry becomes a tombstone     F3 load the entry's two words
+//   W4 count        SYNC(queue-count)          F4 load generation; not the own one: forget F3, place
+//   W5 next         SYNC(queue-next)           F5 read the slot. A removal is believed only if the entry
+//   W6 look for sleepers, not earlier             is no tombstone yet and the generation F's own
+//   T1 the other table: entries, count         F6 false at F5: if the generation moved, place, with `last`
+//   T2 floor                                      as it was; if not, the entry is a tombstone: step over
+//   T3 generation   SYNC(queue-generation)
 //
-//   T1 the other table: count 0, entries, base, capacity, count
-//   T2 floor
-//   T3 generation       SYNC(queue-generation)
+//   1. F sees an entry at F2 after W4, so after W1: what F5 reads is that change or a newer one. A newer one
+//      has an entry of its own behind. So the last look at a slot comes after its last change.
+//   2. An entry becomes a tombstone (W3) before the count of the one that replaces it, or in a compaction
+//      whose own entry for the slot follows at once. So whoever meets a tombstone will meet a newer entry
+//      for the slot, and stepping over it loses nothing.
+//   3. A table is rewritten (T1) only after the generation left it (the T3 before). Whoever reads a word of
+//      the rewriting sees another generation at F4. So what is believed is the current table's.
+//   4. What was alive when a turn began is in the other table, in order and with its sequence, or has a
+//      sequence of at most `floor`; T2 comes before T3. So F, placed at the first entry behind `last`, misses
+//      nothing, or finds `last` below the floor and sweeps.
+//   5. A sweep's start is `next` - 1 before its first look at a slot: a change up to there is complete in its
+//      slot (W5 after W1), a later one has an entry that F will meet.
 //
-// 1. F sees an entry at F2 only after W4, so after W1: what F5 reads is that change or a newer one. A newer
-// one has
-//    an entry of its own behind. So the last look at a slot comes after its last change.
-// 2. A tombstone is stored (W3) after the entry that replaces it and before its count, or by a compaction
-// whose
-//    entry for the slot follows at once. So whoever meets a tombstone, or finds the entry that it stands on
-//    turned into one, will meet a newer entry for the slot. Skipping it loses nothing.
-// 3. What F reads of a table between two looks at the same generation is of that generation: a table is
-// rewritten
-//    (T1) only after the generation moved on (the T3 before), and whoever sees such a store sees the new
-//    generation at F4.
-// 4. Everything alive when a turn began is in the other table, with its sequence, in order, or has a sequence
-// of at
-//    most `floor`, and T2 comes before T3. So F, placed at the first entry behind `last`, misses nothing, and
-//    if `last` is below the floor it knows that it may have, and sweeps over the slots.
-// 5. A sweep's start is taken from `next` before its first look at a slot: a change after it has an entry
-// that F
-//    will meet, a change before it is seen by the sweep.
+// Compactions. Between the marks a move makes these entries: the new slot, then the old one. They are
+// nobody's current entry. Otherwise a later change of the new slot would take its entry away from in front of
+// the old slot's, and a follower would report a removal of a row that is there. So they are carried as they
+// are, and leave the queue only when the floor rises above them. A sweep that starts while a compaction runs
+// starts in front of it: a row that it finds at the old place has its entry for the new one behind the start.
+// The marks of a finished compaction stay until its entries are gone. shrinkMarker() asks for that, and the
+// next notify drops them: a stopped follower can't prevent a compaction, it sweeps later.
 //
-// Compactions. Between the marks (its corral) the entries of a move are, in this order: the new slot, then
-// the old one. They are nobody's current entry: if a later change of the new slot could overtake its entry, a
-// follower would meet the old slot first, find it empty and report a removal of a row that is there. So they
-// are carried as they are, and leave the queue only when the floor rises above them. A sweep that starts
-// inside an open corral starts in front of it: the row that it met at the old place has its entry for the new
-// one behind the start. The marks of a finished compaction stay until its entries are gone, and
-// shrinkMarker() asks for that: the next notify turns and drops them. A stopped follower can't prevent it, it
-// sweeps later.
+// Costs. notify is six stores. After reserve() it allocates nothing, calls nothing and can't fail. A turn is
+// a pass over a table, once in at least as many changes as it carries entries. A follower costs a system call
+// each time that it went to sleep.
 //
-// Costs. notify is five or six stores. After reserve() it allocates nothing, calls nothing and can't fail; a
-// turn costs a pass over a table and happens once in at least as many changes as there are rows to carry.
-// Only a sleeping follower costs a system call, one for each time that it went to sleep.
+// Crash. Positions in tessel.slots change before T3, so a queue left in a turn contradicts itself, as does
+// one left between W2 and the last store of notify; the table's critical section bit says the same. A
+// compaction that was cut short leaves a start mark without an end. All of these fail the next start's
+// validation. Formatting takes the kestor away first and gives it last, moves generation and sequence on, and
+// sets the floor above all that was: whoever follows the old content notices.
 //
-// Crash. Positions in tessel.slots move before T3, so a crash in a turn leaves a queue that the table's
-// validator rejects, as it does after a crash between W2 and W6; the table's critical section bit says so,
-// too. A crash inside a compaction leaves its start mark without an end, which validate() refuses. Formatting
-// takes the kestor away first and gives it last, moves generation and sequence on and sets the floor, so
-// whoever follows the old content notices.
-//
-// One process, one thread. A local table has a queue of zero length: no files, and everything is accepted.
+// One process, one thread. A local table has a queue of length zero: no files, and everything is accepted.
 #pragma once
 
 #include "Tessel/Followers.h"

@@ -74,7 +74,8 @@ bool TesselWriter<Slot, Position>::adopt(Parcel::KestorId kestor, Found const& f
    if (!header().validate(kestor, error)) return refuse(error);
    u32 const generation = Mem::loadShared(header().generation);
    u64 const tableLength = found.tables[generation & 1];
-   if (tableLength < sizeof(QueueTable)) return refuse("the current table is missing");
+   if (tableLength < sizeof(QueueTable) || found.tables[~generation & 1] == 0 || found.slots == 0)
+      return refuse("one of the queue's files is missing");
    u32 const capacity = Mem::loadShared(table(generation).capacity);
    u32 const count = Mem::loadShared(table(generation).count);
    u32 const length = Mem::loadShared(header().slotsLength);

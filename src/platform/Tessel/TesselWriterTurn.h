@@ -86,14 +86,15 @@ template <class Slot, class Position> u32 TesselWriter<Slot, Position>::carry(u6
    constexpr u32 ahead = 24; // entries; their positions lie anywhere
    QueueEntry* const out = table(generation_ + 1).entries();
    u32 const room = nextCapacity(noPosition);
-   double due = hook_ ? Lomi::time() + sliceSeconds : 0;
+   u64 const slice = hook_ ? static_cast<u64>(sliceSeconds * Lomi::Rdtsc::calibrationRate()) : 0;
+   u64 due = hook_ ? Lomi::Rdtsc::now() + slice : 0;
    newBase = next_;
    namedSlots_ = 0;
    u32 kept = 0;
    for (u32 at = 0; at < used_; ++at) {
-      if (at % sliceEntries == sliceEntries - 1 && hook_ && Lomi::time() >= due) {
+      if (at % sliceEntries == sliceEntries - 1 && hook_ && Lomi::Rdtsc::now() >= due) {
          hook_();
-         due = Lomi::time() + sliceSeconds;
+         due = Lomi::Rdtsc::now() + slice;
       }
       if (at + ahead < used_)
          if (u32 const soon = Mem::loadShared(entries_[at + ahead].slot); soon < slotsLength_)
