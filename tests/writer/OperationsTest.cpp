@@ -197,10 +197,17 @@ TEST(Operations, AnchorsGoStale) {
    writer->remove({1, 1}, removed);
    EXPECT_THROW(writer->validateVersionAnchor(), Mem::VersionMismatchException);
    writer->write(R::make({1, 1}, 1), true);
+   // A growth that moves the mapping leaves nothing at the old place.
+   writer->lookup({1, 1}, found, nullptr);
+   Mem::ParcelWrapper::moveAlways = true;
+   u32 const capacity = writer->capacity();
+   for (u32 i = 2; writer->capacity() == capacity; ++i) writer->write(R::make({i, i}, 1), true);
+   Mem::ParcelWrapper::moveAlways = false;
+   EXPECT_THROW(writer->validateVersionAnchor(), Mem::VersionMismatchException);
    writer->lookup({1, 1}, found, nullptr);
    writer->detach(false);
    EXPECT_THROW(writer->validateVersionAnchor(), Mem::VersionMismatchException);
-   EXPECT_EQ(hooked, 3);
+   EXPECT_EQ(hooked, 4);
    writer->lookup({1, 1}, found, nullptr);
    EXPECT_FALSE(found); // nothing open, nothing found
 }
