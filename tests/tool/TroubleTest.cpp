@@ -219,6 +219,14 @@ TEST_F(Trouble, AnOwnerFileThatTheNextWriterRefusesIsSaid) {
    }
 }
 
+TEST_F(Trouble, ARootThatIsALinkIsSaid) {
+   fs::create_directory_symlink(root, root + "/link");
+   auto const result = hoflow({"count", counterName, "--root", root + "/link"});
+   EXPECT_EQ(result.status, 3);
+   EXPECT_NE(result.err.find("/link: is a symbolic link"), std::string::npos) << result.err;
+   EXPECT_NE(result.err.find("--root " + root + " names it"), std::string::npos) << result.err;
+}
+
 TEST_F(Trouble, NamesOfTablesDontSteerATerminal) {
    fs::rename(root + "/flowtracking", root + "/a\nb\033[31m\xff");
    for (auto const& words :
@@ -250,6 +258,9 @@ TEST_F(Trouble, AnotherUserNeedsReadRightsAndNoMore) {
       EXPECT_NE(result.err.find("Permission denied"), std::string::npos) << result.err;
       chmod(file(counterName, name).c_str(), 0444);
    }
+   chmod((root + "/flowtracking").c_str(), 0711); // may be entered, not listed
+   EXPECT_EQ(run({"check", counterName}, {.uid = nobody}).status, 0);
+   chmod((root + "/flowtracking").c_str(), 0755);
    chmod((root + "/" + counterName).c_str(), 0700);
    EXPECT_EQ(run({"dump", counterName}, {.uid = nobody}).status, 3);
    EXPECT_EQ(run({"list"}, {.uid = nobody}).status, 5);

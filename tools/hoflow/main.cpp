@@ -10,6 +10,7 @@
 
 #include <CLI/CLI.hpp>
 #include <csignal>
+#include <filesystem>
 #include <sstream>
 
 namespace {
@@ -178,6 +179,15 @@ private:
    Run chosen = nullptr;
 };
 
+/// A writer refuses a root that is a link, as others may have laid it; so no table lies there.
+void refuseLinkedRoot() {
+   std::filesystem::path const root = Mem::RootPath::get();
+   std::error_code error;
+   if (std::filesystem::is_symlink(std::filesystem::symlink_status(root, error)))
+      throw Failure{Exit::cantOpen, root.string() + ": is a symbolic link; the root must be a folder itself",
+                    "--root " + std::filesystem::weakly_canonical(root, error).string() + " names it"};
+}
+
 int CommandLine::run(int argc, char** argv) {
    try {
       // The arrow of a key as traces print it would be taken for an option. The parser wants the last word
@@ -195,6 +205,7 @@ int CommandLine::run(int argc, char** argv) {
    try {
       try {
          if (app.count("--root") || !args.root.empty()) Mem::RootPath::set(args.root);
+         refuseLinkedRoot();
          status = chosen ? chosen(common, args) : overview(common);
       } catch (Failure const& failure) {
          out.flush(); // what was found before
