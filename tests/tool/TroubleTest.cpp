@@ -359,6 +359,15 @@ TEST_F(BesideAWriter, CheckDoesNotCryWolf) {
    EXPECT_EQ(run({"check", counterName}).status, 0);
 }
 
+TEST_F(BesideAWriter, AFileThatIsCutShortIsSaid) {
+   fs::remove_all(root + "/" + counterName);
+   makeTable(20000);
+   auto const result =
+       run({"dump", counterName}, {.whileBlocked = [&](int) { fs::resize_file(slots(), 4096); }});
+   EXPECT_EQ(result.status, 5);
+   EXPECT_NE(result.err.find("cut short while it was read"), std::string::npos) << result.err;
+}
+
 TEST_F(BesideAWriter, ABrokenPipeIsSilent) {
    fs::remove_all(root + "/" + counterName);
    makeTable(5000);

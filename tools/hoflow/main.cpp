@@ -12,6 +12,8 @@
 #include <csignal>
 #include <filesystem>
 #include <sstream>
+#include <string_view>
+#include <unistd.h>
 
 namespace {
 
@@ -225,11 +227,20 @@ int CommandLine::run(int argc, char** argv) {
    return static_cast<int>(status);
 }
 
+/// A mapped file lost what is behind the place that is read; nothing can be unwound from there.
+void onBusError(int) {
+   constexpr std::string_view text =
+       "hoflow: a file was cut short while it was read, or its file system is full: the output isn't whole\n";
+   [[maybe_unused]] auto const written = write(STDERR_FILENO, text.data(), text.size());
+   _exit(static_cast<int>(Exit::incomplete));
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
    // `hoflow dump TABLE | head` ends without a word, also where a parent ignores the signal.
    std::signal(SIGPIPE, SIG_DFL);
+   std::signal(SIGBUS, onBusError);
    // The tool says itself what is wrong with a table; the library's traces would say it again in other words.
    Lomi::Platform::defaultMaskIs(0);
    return CommandLine().run(argc, argv);
