@@ -249,6 +249,17 @@ TEST(Parcel, AForkedChildHasNoPartInAWritersMapping) {
              0);
    base[0] = 'p';
    EXPECT_EQ(length(writer.getFilename()), 100 * page);
+   // A reader's mapping is the child's, too, and goes with the child's wrapper.
+   Slots reader(scratch.table());
+   char* const seen = reader.attach(100 * page, Mode::reader);
+   EXPECT_EQ(Child([&] {
+                unsigned char resident;
+                if (seen[0] != 'p') return 1;
+                reader.detach();
+                return ::mincore(seen, page, &resident) == 0 ? 2 : 0;
+             }).wait(),
+             0);
+   EXPECT_EQ(seen[0], 'p');
 }
 
 TEST(Parcel, WorksWithoutReservedAddresses) {

@@ -75,6 +75,7 @@ public:
       pid_ = -1;
       return WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status);
    }
+   void forget() { pid_ = -1; } // the test has waited for it
    void kill() {
       ::kill(pid_, SIGKILL);
       wait();

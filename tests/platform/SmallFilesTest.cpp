@@ -10,6 +10,7 @@
 
 #include <atomic>
 #include <fstream>
+#include <sys/resource.h>
 #include <thread>
 
 using Parcel::KestorFile;
@@ -83,6 +84,30 @@ TEST(Kestor, DamageReadsAsNone) {
    Lomi::Platform::traceSinkIs({});
    spill(file.getFilename(), good);
    EXPECT_EQ(file.read(), KestorId(1, 2));
+}
+
+// A start that took a shortage for an absent id or for damage would throw a sound table away.
+TEST(SmallFiles, AShortageOfDescriptorsIsNoDamage) {
+   Scratch const scratch;
+   KestorFile kestor(handler(), scratch.table(), false);
+   kestor.write(KestorId(1, 2));
+   Child child([&] {
+      OwnerFile owner(handler(), scratch.table(), false);
+      owner.lock();
+      owner.typeNameIs("T");
+      rlimit const none{0, 0};
+      ::setrlimit(RLIMIT_NOFILE, &none);
+      if (!owner.validate()) return 1;
+      try {
+         kestor.readOrThrow();
+         return 2;
+      } catch (Lomi::RuntimeException const& e) {
+         return e.msg() == "cannot read " + kestor.getFilename() + ": Too many open files" ? 0 : 3;
+      }
+   });
+   EXPECT_EQ(child.wait(), 0);
+   kestor.remove();
+   EXPECT_EQ(kestor.readOrThrow().value(), 0u);
 }
 
 TEST(Owner, FileKeepsWhatItIsTold) {

@@ -145,9 +145,9 @@ TEST_F(DamageTest, aBucketCountThatCantBeFollowed) {
    using namespace Layout;
    OneChain const table;
    for (auto [count, says] :
-        {std::pair{0u, "bad numBuckets: 0, wanted a power of two up to 1073741824"},
-         {3u, "bad numBuckets: 3, wanted a power of two up to 1073741824"},
-         {0x80000000u, "bad numBuckets: 2147483648, wanted a power of two up to 1073741824"},
+        {std::pair{0u, "bad numBuckets: 0, wanted a power of two up to 268435456"},
+         {3u, "bad numBuckets: 3, wanted a power of two up to 268435456"},
+         {0x80000000u, "bad numBuckets: 2147483648, wanted a power of two up to 268435456"},
          {8u, "bad bucket file size:56 wanted:88 for 8 buckets"}}) {
       table.files.bucketWordIs(bucketCount, count);
       table.files.bucketWordIs(bucketVersion, 10 + count);

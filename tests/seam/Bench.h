@@ -44,6 +44,8 @@ public:
    Writer& writer() { return *writer_; }
    u32 seed() { return Mem::loadShared(writer_->slotTable().header().hashSeed); }
 
+   /// The settings of the next start.
+   void descriptorIs(Mirak::MapDescriptor const& descriptor) { descriptor_ = descriptor; }
    /// A writer on whatever lies in the directory.
    void start() {
       construct();

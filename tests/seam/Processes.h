@@ -6,11 +6,11 @@
 #include <fmt/format.h>
 
 #include <atomic>
+#include <chrono>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <functional>
 #include <new>
 #include <stdexcept>
@@ -18,6 +18,7 @@
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 
 namespace Test {
@@ -94,16 +95,10 @@ private:
    int status_ = 0;
 };
 
+/// Seconds of a clock that never goes back.
 inline double now() {
-   timespec at{};
-   ::clock_gettime(CLOCK_MONOTONIC, &at);
-   return static_cast<double>(at.tv_sec) + static_cast<double>(at.tv_nsec) * 1e-9;
+   return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
-inline void pause(double seconds) {
-   timespec const span{
-       static_cast<time_t>(seconds),
-       static_cast<long>((seconds - static_cast<double>(static_cast<time_t>(seconds))) * 1e9)};
-   ::nanosleep(&span, nullptr);
-}
+inline void pause(double seconds) { std::this_thread::sleep_for(std::chrono::duration<double>(seconds)); }
 
 } // namespace Test

@@ -100,6 +100,49 @@ inline std::vector<Scenario<Wide>> slotScenarios() {
    };
 }
 
+/// A table of 16 slots with rows in those that are named, ready to be cut to 8. Each row's number is its
+/// slot.
+inline Scenario<Wide>::Act sparse(std::vector<u32> slots, Key (*keyOf)(u32)) {
+   return [=](Bench<Wide>& b) {
+      Mirak::MapDescriptor keeps(100);
+      keeps.shrinkSlots = false;
+      b.descriptorIs(keeps);
+      b.start();
+      b.shrinkTo(16);
+      for (u32 i = 0; i < 12; ++i) b.put(keyOf(i));
+      for (u32 i = 0; i < 12; ++i)
+         if (std::find(slots.begin(), slots.end(), i) == slots.end()) b.remove(keyOf(i));
+      b.descriptorIs(Mirak::MapDescriptor(100));
+      b.start();
+   };
+}
+/// Numbers against the order of the chain.
+inline Key mirrored(u32 i) { return twin(20 - i); }
+inline Key apart(u32 i) { return key(i, i); }
+
+/// Tables that give slots back. Each moves rows that follow one another in a chain: downwards with the chain,
+/// against it, and behind a row that stays.
+inline std::vector<Scenario<Wide>> compactionScenarios() {
+   using W = Wide;
+   Mirak::MapDescriptor const descriptor(100);
+   auto const shrinks = [](Bench<W>& b) { b.writer().shrink(); };
+   return {
+       {"compact a chain", descriptor, sparse({1, 9, 10}, twin), {shrinks}},
+       {"compact a chain backwards", descriptor, sparse({8, 9, 10}, mirrored), {shrinks}},
+       {"compact buckets apart", descriptor, sparse({2, 8, 11}, apart), {shrinks}},
+       {"remove, compact, halve the buckets",
+        descriptor,
+        sparse({2, 8, 9, 10}, twin),
+        {removes<W>(twin(10))}},
+   };
+}
+/// A slot that was cut off comes back, with the word that it had and another row.
+inline Scenario<Wide> compactAndGrowAgain() {
+   std::vector<Scenario<Wide>::Act> acts = {[](Bench<Wide>& b) { b.writer().shrink(); }};
+   for (u32 i : {31u, 32u, 33u, 34u, 35u, 36u}) acts.push_back(puts<Wide>(twin(i)));
+   return {"compact and grow again", Mirak::MapDescriptor(100), sparse({1, 8, 9}, twin), std::move(acts)};
+}
+
 /// Two acts in turn, between which nothing may be mixed up.
 inline std::vector<Scenario<Small>> pairScenarios() {
    using S = Small;

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The machinery judged by itself: what the recorder saw, applied to the files of before, gives the files of
 // after to the byte. So no store and no file call of any operation goes past the seam.
+#include "Live.h"
 #include "Scenarios.h"
 
 #include <gtest/gtest.h>
@@ -13,9 +14,9 @@ template <class R> void replayEqualsFiles(std::vector<Scenario<R>> const& scenar
       SCOPED_TRACE(scenario.name);
       auto const recording = record(scenario, "self");
       EXPECT_FALSE(recording.events.empty());
-      Image image = recording.before;
-      ASSERT_NO_THROW(image.apply(recording.events, 0, recording.events.size()));
-      EXPECT_EQ(image.difference(recording.after), "");
+      Live live(tableDirectory("replayed"), recording.before, recording.events, true);
+      ASSERT_NO_THROW(live.applyTo(recording.events.size()));
+      EXPECT_EQ(live.image().difference(recording.after), "");
    }
 }
 
@@ -23,6 +24,7 @@ TEST(Recorder, SeesEveryChange) {
    replayEqualsFiles(chainScenarios());
    replayEqualsFiles(bucketScenarios());
    replayEqualsFiles(slotScenarios());
+   replayEqualsFiles(compactionScenarios());
    replayEqualsFiles(pairScenarios());
    replayEqualsFiles(lifeScenarios());
 }
@@ -34,20 +36,20 @@ TEST(Recorder, SeesEveryChangeWhereTheMappingMoves) {
    Mem::ParcelWrapper::moveAlways = false;
 }
 
-TEST(Image, RefusesWhatASoundWriterNeverDoes) {
+TEST(Live, RefusesWhatASoundWriterNeverDoes) {
    using Kind = Event::Kind;
-   Image image;
-   image.apply({Kind::create, "f"});
-   image.apply({.kind = Kind::allocate, .file = "f", .offset = 0, .length = 4100});
-   Event store{.kind = Kind::store, .file = "f", .offset = 4096, .length = 4, .bytes = "1234"};
-   EXPECT_NO_THROW(image.apply(store));
-   store.offset = 4100;
-   EXPECT_THROW(image.apply(store), std::logic_error) << "beyond the end";
-   image.apply({.kind = Kind::allocate, .file = "f", .offset = 0, .length = 12288});
-   image.apply({.kind = Kind::punch, .file = "f", .offset = 4096, .length = 8192});
-   EXPECT_THROW(image.apply(store), std::logic_error) << "into a hole";
-   image.apply({.kind = Kind::allocate, .file = "f", .offset = 4096, .length = 8});
-   EXPECT_NO_THROW(image.apply(store));
+   auto const replay = [](Events events) {
+      events.insert(events.begin(), {.kind = Kind::create, .file = "f"});
+      Live(tableDirectory("replayed"), {}, events, true).applyTo(events.size());
+   };
+   auto const change = [](Kind kind, std::uint64_t offset, std::uint64_t length) {
+      return Event{.kind = kind, .file = "f", .offset = offset, .length = length, .bytes = "1234"};
+   };
+   Event const store = change(Kind::store, 4100, 4), punch = change(Kind::punch, 4096, 8192);
+   EXPECT_NO_THROW(replay({change(Kind::allocate, 0, 4104), store}));
+   EXPECT_THROW(replay({change(Kind::allocate, 0, 4100), store}), std::logic_error) << "beyond the end";
+   EXPECT_THROW(replay({change(Kind::allocate, 0, 12288), punch, store}), std::logic_error) << "into a hole";
+   EXPECT_NO_THROW(replay({change(Kind::allocate, 0, 12288), punch, change(Kind::allocate, 4096, 8), store}));
 }
 
 } // namespace

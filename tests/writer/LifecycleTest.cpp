@@ -39,6 +39,9 @@ TEST(Lifecycle, FirstStart) {
    EXPECT_EQ(writer->kestorId().low, static_cast<Mem::u16>(getpid()));
    auto const second = open<R>("second", Mirak::MapDescriptor(10));
    EXPECT_EQ(second->kestorId().high, writer->kestorId().high + 1);
+   // Numbered through the process, whatever the rows are.
+   auto const otherRows = open<Row<3>>("third", Mirak::MapDescriptor(10));
+   EXPECT_EQ(otherRows->kestorId().high, writer->kestorId().high + 2);
    EXPECT_EQ(writer->mountStatus(), Mem::MountStatus::mounted);
    EXPECT_TRUE(writer->initialize("twice")); // harmless
    EXPECT_TRUE(writer->validateFiles());
@@ -75,6 +78,13 @@ auto foreign(u64 kestorAt) {
       out.write("\7\7\7\7", 4);
    };
 }
+void hugeIndex(fs::path const& file) {
+   u32 const buckets = u32{1} << 29;
+   fs::resize_file(file, MirakCore::bucketFileSize(buckets));
+   std::fstream out(file, std::ios::in | std::ios::out | std::ios::binary);
+   out.seekp(20);
+   out.write(reinterpret_cast<char const*>(&buckets), 4);
+}
 void absent(fs::path const& file) { fs::remove(file); }
 auto replaced(std::function<void(fs::path const&)> by) {
    return [by](fs::path const& file) {
@@ -95,6 +105,7 @@ std::vector<Found> const findings = {
     {"slots", "header alone", cutTo(584 + 4832), Outcome::formatted},
     {"slots", "a page short", shorter(4096), Outcome::formatted},
     {"slots", "longer", longer(), Outcome::adopted},
+    {"slots", "longer than anybody can map", cutTo(u64{5} << 30), Outcome::formatted},
     {"slots", "foreign", foreign(12), Outcome::formatted},
     {"slots", "a directory", directory, Outcome::refused},
     {"slots", "a symbolic link", symlink, Outcome::refused},
@@ -103,6 +114,8 @@ std::vector<Found> const findings = {
     {"buckets", "empty", cutTo(0), Outcome::formatted},
     {"buckets", "short", shorter(8), Outcome::formatted},
     {"buckets", "longer", longer(), Outcome::adopted},
+    {"buckets", "longer than anybody can map", cutTo(u64{5} << 30), Outcome::adopted},
+    {"buckets", "of more buckets than anybody can map", hugeIndex, Outcome::formatted},
     {"buckets", "foreign", foreign(12), Outcome::formatted},
     {"buckets", "a directory", directory, Outcome::refused},
     {"buckets", "a symbolic link", symlink, Outcome::refused},
@@ -283,6 +296,7 @@ TEST(Lifecycle, CleanupOfAnOpenTable) {
    auto writer = open<R>("clean", Mirak::MapDescriptor(10), quiet());
    std::ofstream(at / "corruption-detected") << "x";
    std::ofstream(at / "foreign") << "x";
+   std::ofstream(at / "kestor.new") << "x"; // left by a writer that was killed while it wrote its generation
    writer->cleanup();
    EXPECT_EQ(std::distance(fs::directory_iterator(at), {}), 1);
    EXPECT_TRUE(fs::exists(at / "foreign"));

@@ -211,6 +211,8 @@ public:
    void note() {
       auto const c = writer_->writerCounters();
       total_.slotGrows += c.slotGrows;
+      total_.slotShrinks += c.slotShrinks;
+      total_.slotsMoved += c.slotsMoved;
       total_.bucketGrows += c.bucketGrows;
       total_.bucketShrinks += c.bucketShrinks;
       total_.nextSlowPath += c.nextSlowPath;
@@ -259,6 +261,7 @@ protected:
       // What the case is about happened.
       if (GetParam().keys >= 700) {
          EXPECT_TRUE(done.bucketGrows > 0 && done.slotGrows > 0 && done.nextSlowPath > 0);
+         EXPECT_TRUE(done.slotShrinks > 0 && done.slotsMoved > 0);
       }
       if (GetParam().keys >= 700 && GetParam().descriptor.shrinkBuckets_) {
          EXPECT_GT(done.bucketShrinks, 0u);

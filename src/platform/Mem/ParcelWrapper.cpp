@@ -290,7 +290,7 @@ bool ParcelWrapper::reserve(u64 size) {
 }
 
 void ParcelWrapper::detach() {
-   bool const ours = forks_ == Lomi::forkGeneration();
+   bool const ours = mode_ == Mode::reader || forks_ == Lomi::forkGeneration();
    if (local_) {
       localMemory_.detach();
    } else if (base_ && ours && !borrowed_) {
@@ -323,6 +323,8 @@ u64 ParcelWrapper::blockBytes() const {
 
 void ParcelWrapper::releaseTailAfter(u64 keepBytes) {
    if (local_ || !base_ || mode_ != Mode::writer) return;
+   // A length that nobody could map is cut at once: no reader is there, and headers with it are refused.
+   cutBackTo(Local::maxMappingSize() - pageSize_);
    // Rows that are mapped as the table's own are never given back, whatever the caller says.
    releaseFrom_ = roundUpToPage(std::max(keepBytes, size_));
    releaseTop_ = memSize();

@@ -7,7 +7,7 @@
 // address space for the file, and the base stays where it is while the file grows; only where the kernel
 // refuses that reservation may a growth move it. A shrink leaves length, blocks and mapping alone;
 // releaseTailAfter gives the blocks back a moment later, when readers have seen the smaller count. The length
-// never falls.
+// never falls, except one beyond what anybody can map, which a start finds and cuts.
 //
 // Reader. O_RDONLY, PROT_READ, no system call that changes anything. A resize follows the file and refuses to
 // map more than there is.
@@ -90,8 +90,8 @@ public:
 
 #ifdef HOFLOW_TEST_SEAM
    static inline bool moveAlways = false; // each resize moves the base, and the old place is left unreadable
-   // Gives the base of a writer of this process, by the file's path. Readers then map nothing and read there: a race
-   // detector knows two accesses as one place only by their address.
+   // Gives the base of a writer of this process, by the file's path. Readers then map nothing and read there:
+   // a race detector knows two accesses as one place only by their address.
    static inline char* (*sharedBase)(std::string const& path) = nullptr;
 #endif
 

@@ -112,10 +112,10 @@ bool NaoRootPath::exists() const { return static_cast<bool>(openDirectory()); }
 
 // Above the root's last component the system's own directories are trusted, links included. From there on,
 // where others may be able to write, a symbolic link is refused.
-Descriptor NaoRootPath::walk(bool make, std::string& failedAt) const {
+Descriptor NaoRootPath::walk(std::string const& name, bool make, std::string& failedAt) const {
    auto const rootParts = components(root_);
    auto parts = rootParts;
-   for (auto& part : components(name_)) parts.push_back(std::move(part));
+   for (auto& part : components(name)) parts.push_back(std::move(part));
    Descriptor at(::open("/", directoryFlags));
    failedAt.assign(1, '/');
    std::string path;
@@ -140,7 +140,7 @@ Descriptor NaoRootPath::walk(bool make, std::string& failedAt) const {
 
 void NaoRootPath::makeDirectories() const {
    std::string failedAt;
-   if (walk(true, failedAt)) return;
+   if (walk(name_, true, failedAt)) return;
    int const error = errno;
    char const* hint = error == ELOOP || error == ENOTDIR ? " (symbolic links are not followed here)" : "";
    throw Lomi::InvalidInitializeException(fmt::format("cannot make directory {} for table {}: {}{}", failedAt,
@@ -149,7 +149,12 @@ void NaoRootPath::makeDirectories() const {
 
 Descriptor NaoRootPath::openDirectory() const {
    std::string failedAt;
-   return walk(false, failedAt);
+   return walk(name_, false, failedAt);
+}
+
+Descriptor NaoRootPath::openRoot() const {
+   std::string failedAt;
+   return walk({}, false, failedAt);
 }
 
 } // namespace Mem

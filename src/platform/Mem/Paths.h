@@ -53,7 +53,8 @@ public:
 
    std::string const& str() const { return path_; } // absolute
    std::string const& name() const { return name_; }
-   std::string dirName() const; // the last component
+   std::string const& root() const { return root_; } // absolute
+   std::string dirName() const;                      // the last component
    bool shared() const { return shared_; }
    bool exists() const;
 
@@ -62,9 +63,11 @@ public:
    void makeDirectories() const;
    /// The directory's descriptor (O_PATH, close on exec), empty with errno set if it can't be opened.
    Descriptor openDirectory() const;
+   /// The same for the root that the table lies below.
+   Descriptor openRoot() const;
 
 private:
-   Descriptor walk(bool make, std::string& failedAt) const;
+   Descriptor walk(std::string const& name, bool make, std::string& failedAt) const;
 
    std::string root_;
    std::string name_;

@@ -23,6 +23,7 @@
 
 #include "Mem/VersionMismatchException.h"
 #include "Mem/WriterLock.h"
+#include "Mirak/Deadline.h"
 #include "Mirak/MirakInterface.h"
 #include "Mirak/SlotWriter.h"
 #include "Mirak/Util.h"
@@ -89,6 +90,13 @@ public:
    Value* directUpdate(Key const& key) override;
    void directCommit() override;
 
+   // --- giving memory back (MirakWriterCompaction.h) ---
+
+   /// Moves rows out of the upper part of the slot file and cuts it, if the table is empty enough and its
+   /// descriptor lets slots shrink. remove() does so by itself; this is for an agent that waits for a quiet
+   /// moment. Pointers and anchors that were handed out before are stale afterwards.
+   void shrink();
+
    // --- facts ---
 
    u32 members() const override { return attached() ? slots_.occupiedSlots() : 0; }
@@ -127,11 +135,24 @@ private:
       SlotLink* curr;
       bool found;
    };
-   /// Marks a restructuring of the whole index, during which critical tasks may run but not touch this table.
-   class Restructuring;
+   /// Marks a restructuring of the whole table, during which critical tasks may run but not touch it.
+   class Restructuring {
+   public:
+      explicit Restructuring(MirakWriter& writer)
+         : writer_(writer) {
+         writer_.restructuring_ = true;
+      }
+      ~Restructuring() { writer_.restructuring_ = false; }
+      Restructuring(Restructuring const&) = delete;
+      Restructuring& operator=(Restructuring const&) = delete;
+
+   private:
+      MirakWriter& writer_;
+   };
 
    bool attached() const { return slots_.attached(); }
    bool inDirectMode() const { return directSlot_ != noSlot || directNew_; }
+   bool busy() const { return inDirectMode() || restructuring_; }
    [[gnu::always_inline]] inline Place locate(Key const& key);
    Slot& slotBehind(SlotLink const* prev) { return slots_.slot(Mem::loadPair(*prev).next); }
    void prepareInsert();
@@ -139,6 +160,10 @@ private:
    void overwriteSlot(Slot& slot, Value const& value);
    [[gnu::cold, gnu::noinline]] void growBuckets();
    [[gnu::cold, gnu::noinline]] void shrinkBuckets();
+   [[gnu::cold, gnu::noinline]] void doMaybeShrinkSlots(u32 threshold);
+   void purgeFreeSlots(u32 numSlots, Deadline& deadline);
+   void move(u32 fromSlotId, u32 toSlotId, SlotLink& prev);
+   [[gnu::cold, gnu::noinline]] void refuseBusy(char const* what, std::string const& subject) const;
    [[gnu::cold, gnu::noinline]] void refuseUnbalanced(char const* what, std::string const& subject) const;
    void refuseReentrancy() const;
    void releaseDue();
@@ -148,7 +173,6 @@ private:
    bool attach(Parcel::KestorId kestor);
    bool attachAndValidate(bool reformat, Parcel::OwnerFile& ownerFile, Parcel::TunnetInfo const& tunnetInfo);
    void beforeFormat();
-   static Parcel::KestorId newKestorId();
    bool standsInFiles() const;
 
    // Constant after construction.
@@ -187,5 +211,6 @@ public:
 
 } // namespace Mirak
 
+#include "Mirak/MirakWriterCompaction.h"
 #include "Mirak/MirakWriterLifecycle.h"
 #include "Mirak/MirakWriterOperations.h"

@@ -17,7 +17,6 @@
 #include "Mirak/MirakWriter.h"
 #include "Mirak/Validator.h"
 
-#include <atomic>
 #include <unistd.h>
 
 namespace Mirak {
@@ -64,16 +63,6 @@ template <class Ops> bool MirakWriter<Ops>::initialize(std::string const&) {
    return true;
 }
 
-/// Low half: who made the table. High half: a number of its own for each table of the process. Never 0,
-/// "none".
-template <class Ops> Parcel::KestorId MirakWriter<Ops>::newKestorId() {
-   static std::atomic<u16> counter{0};
-   for (;;) {
-      Parcel::KestorId const id(static_cast<u16>(getpid()), counter.fetch_add(1));
-      if (id.value() != 0) return id;
-   }
-}
-
 /// Whether a file has the present id already, although it is meant to be a new one.
 template <class Ops> bool MirakWriter<Ops>::standsInFiles() const {
    auto stands = [&](char const* file) { return Util::storedKestor(rootPath_, file) == kestorId_.value(); };
@@ -93,11 +82,11 @@ template <class Ops> void MirakWriter<Ops>::attach() {
       kestorId_ = Parcel::KestorId(pid != 0 ? pid : u16{1}, 0);
    } else {
       writerLock_.emplace(Mem::WriterLock::acquireWriterLock(debugHandler_, rootPath_, ownerFile, false));
-      kestorId_ = kestorFile.read();
+      kestorId_ = kestorFile.readOrThrow();
       // A process with the number of the last one would make its id again (in a container each has the same),
       // and adopt what a crash half way through a format left.
       if (kestorId_.value() == 0) {
-         do kestorId_ = newKestorId();
+         do kestorId_ = Util::newKestorId();
          while (standsInFiles());
       }
    }

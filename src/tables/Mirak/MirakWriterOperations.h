@@ -13,20 +13,6 @@
 
 namespace Mirak {
 
-template <class Ops> class MirakWriter<Ops>::Restructuring {
-public:
-   explicit Restructuring(MirakWriter& writer)
-      : writer_(writer) {
-      writer_.restructuring_ = true;
-   }
-   ~Restructuring() { writer_.restructuring_ = false; }
-   Restructuring(Restructuring const&) = delete;
-   Restructuring& operator=(Restructuring const&) = delete;
-
-private:
-   MirakWriter& writer_;
-};
-
 template <class Ops> typename MirakWriter<Ops>::Place MirakWriter<Ops>::locate(Key const& key) {
    Place place;
    place.hash = ops_.hash(key);
@@ -37,6 +23,12 @@ template <class Ops> typename MirakWriter<Ops>::Place MirakWriter<Ops>::locate(K
 
 template <class Ops> void MirakWriter<Ops>::refuseReentrancy() const {
    LOMI_ASSERT(!restructuring_, debugHandler_, "Mirak reentrancy detected: {}", rootPath_.str());
+}
+
+/// A change of the table is under way, or a direct operation is open.
+template <class Ops> void MirakWriter<Ops>::refuseBusy(char const* what, std::string const& subject) const {
+   refuseReentrancy();
+   refuseUnbalanced(what, subject);
 }
 
 /// The process stops here: a direct operation is open, and another change would destroy what it is building.
@@ -104,8 +96,8 @@ template <class Ops> void MirakWriter<Ops>::overwriteSlot(Slot& slot, Value cons
 template <class Ops>
 typename MirakWriter<Ops>::Value const* MirakWriter<Ops>::write(Value const& value, bool overwrite) {
    Key const key = Ops::key(value);
-   if (inDirectMode()) [[unlikely]]
-      refuseUnbalanced("writing value:", keyText(value));
+   if (busy()) [[unlikely]]
+      refuseBusy("writing value:", keyText(value));
    releaseDue();
    auto const section = slots_.enterCriticalSection();
    Place place = locate(key);
@@ -140,9 +132,8 @@ typename MirakWriter<Ops>::Value const* MirakWriter<Ops>::write(Value const& val
 }
 
 template <class Ops> bool MirakWriter<Ops>::remove(Key const& key, Value& removed) {
-   refuseReentrancy();
-   if (inDirectMode()) [[unlikely]]
-      refuseUnbalanced("removing key:", keyText(key));
+   if (busy()) [[unlikely]]
+      refuseBusy("removing key:", keyText(key));
    if (!attached()) return false;
    releaseDue();
    Place const place = locate(key);
@@ -157,10 +148,12 @@ template <class Ops> bool MirakWriter<Ops>::remove(Key const& key, Value& remove
    Mem::loadShared(&removed, slot.value, sizeof(Value));
    // SYNC(chain-link) store: out of the chain. A reader on the slot still follows the slot's own link.
    publishLink(*place.prev, Mem::loadPair(slot.link).next);
-   [[maybe_unused]] u32 const shrinkThreshold = slots_.dealloc(index);
+   u32 const shrinkThreshold = slots_.dealloc(index);
    tesselWriter_.notify(index);
    LOMI_TRACE(debugHandler_, 9, "MirakWriter", "{} bucket:{} slot:{}", keyText(Ops::key(removed)),
               place.bucket, index);
+   if (shrinkThreshold != 0) [[unlikely]]
+      doMaybeShrinkSlots(shrinkThreshold);
    if (shrinkBuckets_ && members() < map_.shrinkThreshold()) [[unlikely]]
       shrinkBuckets();
    return true;
@@ -207,8 +200,8 @@ template <class Ops> bool MirakWriter<Ops>::next(Key const& key, Value& value, I
 
 template <class Ops> typename MirakWriter<Ops>::Value* MirakWriter<Ops>::directWrite(Value const& value) {
    Key const key = Ops::key(value);
-   if (inDirectMode()) [[unlikely]]
-      refuseUnbalanced("writing value:", keyText(value));
+   if (busy()) [[unlikely]]
+      refuseBusy("writing value:", keyText(value));
    releaseDue();
    auto section = slots_.enterCriticalSection();
    Place place = locate(key);
@@ -230,8 +223,8 @@ template <class Ops> typename MirakWriter<Ops>::Value* MirakWriter<Ops>::directW
 }
 
 template <class Ops> typename MirakWriter<Ops>::Value* MirakWriter<Ops>::directUpdate(Key const& key) {
-   if (inDirectMode()) [[unlikely]]
-      refuseUnbalanced("modifying key:", keyText(key));
+   if (busy()) [[unlikely]]
+      refuseBusy("modifying key:", keyText(key));
    releaseDue();
    auto const section = slots_.enterCriticalSection();
    Place const place = locate(key);
@@ -246,6 +239,7 @@ template <class Ops> typename MirakWriter<Ops>::Value* MirakWriter<Ops>::directU
 }
 
 template <class Ops> void MirakWriter<Ops>::directCommit() {
+   refuseReentrancy();
    LOMI_TRACE(debugHandler_, 9, "MirakWriter", "slot: {}", directSlot_);
    LOMI_ASSERT(directSlot_ != noSlot, debugHandler_, "{}",
                "not in direct mode! Make sure the DirectIs/Commit are properly paired!");

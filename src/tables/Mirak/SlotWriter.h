@@ -107,6 +107,12 @@ public:
 
    /// Enlarges the table. @return false only if its size is fixed
    bool grow();
+   /// The threshold if the table is now empty enough to shrink, else 0.
+   u32 shrinkDue() const { return occupiedSlots() < shrinkThreshold_ / 2 ? shrinkThreshold_ : 0; }
+   u32 shrinkThreshold() const { return shrinkThreshold_; }
+   /// Cuts the table down to `numSlots`. Whatever lies above is on no list and in no chain any more.
+   /// @throws Lomi::MemoryResourceException with the smaller count published; only private memory can do so
+   void shrinkTo(u32 numSlots);
 
    /// Holds bit 0 of runtimeFlags from enterCriticalSection() to the end of the scope; an exception leaves it
    /// set.
@@ -383,10 +389,19 @@ template <class Ops> u32 SlotWriterTable<Ops>::dealloc(u32 index) {
    // SYNC(chain-link) store: the version moves, so a reader that stands on this link sees that it left the
    // chain.
    publishLink(slot.link, head);
-   u32 const occupied = occupiedSlots() - 1;
-   Mem::storeShared(header_->occupiedSlots, occupied);
+   Mem::storeShared(header_->occupiedSlots, occupiedSlots() - 1);
    ++counters_.slotsFreed;
-   return occupied < shrinkThreshold_ / 2 ? shrinkThreshold_ : 0;
+   return shrinkDue();
+}
+
+template <class Ops> void SlotWriterTable<Ops>::shrinkTo(u32 numSlots) {
+   // SYNC(num-slots) store: readers stop using the tail before it goes.
+   Mem::publishPair(header_->numSlots,
+                    Mem::VersionedRef<u32>{Mem::loadPair(header_->numSlots).version + 1, numSlots});
+   resize(numSlots);
+   refresh(numSlots);
+   wrapper_.releaseTailAfter(bytesFor(numSlots));
+   ++counters_.slotShrinks;
 }
 
 template <class Ops> void SlotWriterTable<Ops>::growOrRefuse() {

@@ -107,8 +107,13 @@ template <class Owner>
    // (2) Rewritten, removed or moved since?
    auto const hinted = SlotTable::loadWordAndHash(last);
    if (hinted.word != hint.version) return Fast::unfit;
+   // A slot that was cut off and came back counts from the beginning again: the word alone doesn't prove that
+   // this is the caller's row.
+   if (!(Mirak::loadKey<Key>(last.value) == key)) return Fast::unfit;
    // (3) The last of its chain.
    if (place.ends()) {
+      if (!place.stands()) [[unlikely]]
+         return Fast::unfit;
       endLink = place.link.next;
       return Fast::chainEnd;
    }

@@ -22,10 +22,10 @@
 #pragma once
 
 #include "Lomi/Exception.h"
-#include "Lomi/TaskSchedulerRoot.h"
 #include "Lomi/Util.h"
 #include "Mem/VersionAnchor.h"
 #include "Mirak/Counters.h"
+#include "Mirak/Deadline.h"
 #include "Mirak/IterHint.h"
 #include "Mirak/KeyText.h"
 #include "Mirak/SlotWriter.h"
@@ -42,6 +42,7 @@ template <class Ops, class Writer> class Validator;
 
 namespace MirakCore {
 
+using Mirak::Deadline;
 using Mirak::endsChain;
 using Mirak::IterHint;
 using Mirak::nextBucketOf;
@@ -108,8 +109,6 @@ public:
    void shrinkBuckets(bool criticalTaskCheck);
 
 private:
-   class Deadline;
-
    [[gnu::always_inline]] inline bool seek(Key const& key, u32 bucket, SlotLink** prev, SlotLink** curr,
                                            u32 hash, char const* corruptKey);
 
@@ -144,31 +143,6 @@ private:
 template <class... Args> [[noreturn, gnu::cold]] void corrupt(char const* format, Args const&... args) {
    throw Lomi::CorruptionDetectedException(fmt::format(fmt::runtime(format), args...));
 }
-
-/// Lets the process's critical tasks run every 10 ms inside a long operation, and times it.
-template <class Ops> class WriterHashMap<Ops>::Deadline {
-public:
-   explicit Deadline(bool enabled)
-      : enabled_(enabled)
-      , begin_(Lomi::time()) {
-      renew();
-   }
-   /// Called after each bucket: nothing bounds the chains of the next ones.
-   void check() {
-      if (!enabled_ || Lomi::Rdtsc::now() < at_) return;
-      Lomi::TaskSchedulerRoot::root().runCriticalPriorityTasks();
-      renew();
-   }
-   double elapsed() const { return Lomi::time() - begin_; }
-
-private:
-   void renew() {
-      if (enabled_) at_ = Lomi::Rdtsc::now() + static_cast<u64>(0.01 * Lomi::Rdtsc::calibrationRate());
-   }
-   bool const enabled_;
-   double const begin_;
-   u64 at_ = 0;
-};
 
 template <class Ops>
 bool WriterHashMap<Ops>::seek(Key const& key, u32 bucket, SlotLink** prev, SlotLink** curr, u32 hash,
@@ -266,7 +240,9 @@ template <class Ops> bool WriterHashMap<Ops>::next(Key const& after, Value& valu
    if (hint.slot >= slots_.capacity() || hint.bucket >= buckets_.numBuckets())
       return nextSlow(key, value, hint);
    Slot const& from = slots_.slot(hint.slot);
-   if (Mem::loadShared(from.versionFlags) != hint.version) return nextSlow(key, value, hint);
+   // A slot that was cut off and came back counts from the beginning again: the word alone proves nothing.
+   if (Mem::loadShared(from.versionFlags) != hint.version || !(keyOf(from) == key))
+      return nextSlow(key, value, hint);
    u32 const index = Mem::loadPair(from.link).next;
    // Whatever the fast path finds wrong may be the hint's fault; the slow path then decides. Marking and the
    // walk of the following buckets stay outside: what they throw is final.

@@ -1,0 +1,146 @@
+// SPDX-License-Identifier: Apache-2.0
+// MirakWriter's way of giving memory back: the rows of the upper part of the slot file move into free slots
+// of the lower part, then the file is cut. Included by MirakWriter.h only.
+//
+// Readers and followers go on meanwhile, so the order of the stores is fixed. For each row that moves:
+//   C1  the new slot is whole before the predecessor's link shows it, and only after that the old one falls:
+//       a reader in flight finds the row at one place or the other, with equal content
+//   C2  the old slot's link moves its version before OCCUPIED falls in the slot behind it. A reader that
+//       stands on the old link sees that it left the chain, and doesn't take the next row for damage
+//   C3  a follower of the change queue hears of the new place first, then of the old one, whose earlier entry
+//       is a tombstone by then
+// Rows move strictly downwards in ascending order. The smaller count is published before anything is cut
+// (SYNC(num-slots)); the blocks go a moment later, when readers had time to see it.
+//
+// Crash: until the count is stored, slots that were taken off the free list or moved out are on neither list,
+// and the next start's walks find their sum short. From that store on the smaller table is complete. So a
+// compaction is adopted whole or the table is formatted anew, also that of shrink(), which sets no
+// critical-section bit.
+#pragma once
+
+#include "Mirak/MirakWriter.h"
+
+#include <bit>
+
+namespace Mirak {
+
+/// The capacity that `occupied` rows need: two to four times as many slots, so that the next growth and the
+/// next shrink are both far.
+inline u32 shrunkCapacity(u32 occupied, u32 minSlots) {
+   u32 const roomy = occupied == 0 ? 0 : u32{1} << (std::bit_width(occupied) + 1);
+   return std::max(minSlots, roomy);
+}
+
+template <class Ops> void MirakWriter<Ops>::shrink() {
+   if (busy()) refuseBusy("", "");
+   if (!attached()) return;
+   releaseDue();
+   doMaybeShrinkSlots(slots_.shrinkDue());
+}
+
+template <class Ops> void MirakWriter<Ops>::doMaybeShrinkSlots(u32 threshold) {
+   if (threshold == 0) return;
+   if constexpr (Ops::hasChangeQueue) {
+      if (tesselWriter_.shrinkMarker() != 0) {
+         LOMI_TRACE(debugHandler_, 5, "MirakWriter", "shrink started, ignoring shrinkThreshold:{}",
+                    threshold);
+         return;
+      }
+   }
+   Restructuring const guard(*this);
+   u32 const capacity = slots_.capacity();
+   u32 const newNumSlots = shrunkCapacity(slots_.occupiedSlots(), slots_.minSlots());
+   LOMI_TRACE(debugHandler_, 5, "MirakWriter", "threshold:{} shrinkThreshold:{}{}", newNumSlots, threshold,
+              threshold > newNumSlots ? " SUPER SHRINK!" : "");
+   Deadline deadline(criticalTaskCheck_);
+   purgeFreeSlots(newNumSlots, deadline);
+   if constexpr (Ops::hasChangeQueue) tesselWriter_.markShrinkStart();
+   u32 moved = 0;
+   for (u32 from = newNumSlots; from < capacity; ++from, deadline.check()) {
+      Slot& slot = slots_.slot(from);
+      if (!(Mem::loadShared(slot.versionFlags) & SlotFlags::occupied)) {
+         LOMI_TRACE(debugHandler_, 9, "MirakWriter", "skipping not occupied slot:{}", from);
+         continue;
+      }
+      anchor_ = slots_.anchorOf(slot);
+      Place const place = locate(loadKey<Key>(slot.value));
+      LOMI_ASSERT(place.found, debugHandler_, "fromSlot:{} key not found", from);
+      LOMI_ASSERT(place.prev && place.curr == &slot.link, debugHandler_, "fromSlot:{} not referenced", from);
+      move(from, Mem::loadShared(slots_.header().freeSlots), *place.prev);
+      ++moved;
+   }
+   if constexpr (Ops::hasChangeQueue) tesselWriter_.markShrinkEnd();
+   LOMI_TRACE(debugHandler_, 5, "MirakWriter", "newNumSlots:{}", newNumSlots);
+   slots_.shrinkTo(newNumSlots);
+   // A slot that comes back may have the word that it had: what was handed out of the tail is stale for good.
+   if (anchor_.offset < Mem::anchorUnset && anchor_.offset >= slots_.wrapper().mappedSize())
+      anchor_.offset = Mem::anchorGone;
+   LOMI_TRACE(debugHandler_, 2, "MirakWriter", "{} from {} slots to {}", rootPath_.str(), capacity,
+              newNumSlots);
+   LOMI_TRACE(debugHandler_, 5, "MirakWriter", "at threshold:{} done", threshold);
+   counters_.slotsMoved += moved;
+}
+
+/// Takes the slots from `numSlots` on off the free list; the others stay in their order.
+template <class Ops> void MirakWriter<Ops>::purgeFreeSlots(u32 numSlots, Deadline& deadline) {
+   u32 const stored = Mem::loadPair(slots_.header().numSlots).value;
+   LOMI_ASSERT(numSlots < slots_.capacity(), debugHandler_, "bad threshold: {} numSlots:{}", numSlots,
+               slots_.capacity());
+   u32 index = Mem::loadShared(slots_.header().freeSlots);
+   LOMI_ASSERT(index != noSlot, debugHandler_, "{}", "free-list is empty");
+   u32 const occupied = slots_.occupiedSlots();
+   u32 free = 0;
+   // The bound ends a list that runs in a circle.
+   for (u32 prev = noSlot; index != noSlot && free <= stored; ++free, deadline.check()) {
+      Slot& slot = slots_.slot(index);
+      u32 const next = Mem::loadPair(slot.link).next;
+      if (index < numSlots) {
+         prev = index;
+      } else {
+         LOMI_TRACE(debugHandler_, 7, "MirakWriter", "removing slot id {} from free-list", index);
+         if (prev != noSlot)
+            publishLink(slots_.slot(prev).link, next); // SYNC(chain-link) store
+         else
+            Mem::storeShared(slots_.header().freeSlots, next);
+      }
+      index = next;
+   }
+   if (free + occupied != stored)
+      MirakCore::corrupt("numSlots mismatch, length of freeList: {}, occupiedSlots: {} do not add up to "
+                         "numSlots: {}",
+                         free, occupied, stored);
+}
+
+/// Moves one row down to the head of the free list. `prev` is the link that leads to the row.
+template <class Ops> void MirakWriter<Ops>::move(u32 fromSlotId, u32 toSlotId, SlotLink& prev) {
+   LOMI_ASSERT(toSlotId < fromSlotId, debugHandler_,
+               "should always move entries to lower section fromSlotId:{} toSlotId:{}", fromSlotId, toSlotId);
+   LOMI_ASSERT(toSlotId != noSlot, debugHandler_, "not valid toSlotId:{}", toSlotId);
+   Slot& from = slots_.slot(fromSlotId);
+   Slot& to = slots_.slot(toSlotId);
+   Mem::storeShared(to.rhash, Mem::loadShared(from.rhash)); // 2
+   Mem::storeShared(slots_.header().freeSlots, Mem::loadPair(to.link).next);
+   Value value; // 3
+   Mem::loadShared(&value, from.value, sizeof value);
+   Mem::storeShared(to.value, &value, sizeof value);
+   u32 const word = Mem::loadShared(to.versionFlags); // 4
+   if (word & SlotFlags::occupied) [[unlikely]]       // a free slot never has it
+      Mem::storeShared(to.versionFlags, word + 2);
+   // SYNC(slot-word) store
+   Mem::storeShared(to.versionFlags, (word + 4) | SlotFlags::occupied);
+   u32 const next = Mem::loadPair(from.link).next;
+   publishLink(to.link, next); // 5: nobody points at the slot yet
+   LOMI_TRACE(debugHandler_, 7, "MirakWriter", "fromSlotId:{} toSlotId:{}", fromSlotId, toSlotId);
+   LOMI_TRACE(debugHandler_, 9, "MirakWriter", "moving fromSlot:{} toSlot:{}", fromSlotId, toSlotId);
+   // SYNC(chain-link) store: from here on the chain runs through the new slot.
+   publishLink(prev, toSlotId); // 6
+   // SYNC(chain-link) store: whoever stands on the old slot's link sees that it is no longer the chain's.
+   publishLink(from.link, next);
+   tesselWriter_.notify(toSlotId);      // 7
+   tesselWriter_.tombstone(fromSlotId); // 8
+   // SYNC(slot-word) store: a reader inside the old slot starts over.
+   Mem::storeShared(from.versionFlags, Mem::loadShared(from.versionFlags) & ~SlotFlags::occupied); // 9
+   tesselWriter_.notify(fromSlotId);                                                               // 10
+}
+
+} // namespace Mirak

@@ -1,0 +1,114 @@
+// SPDX-License-Identifier: Apache-2.0
+// The messages over a socket pair: each survives the way, everything else is refused, nothing waits.
+#include "Support.h"
+
+#include <random>
+
+using namespace RuskTest;
+using Rusk::Message;
+using Rusk::MessageType;
+using Rusk::Received;
+using Rusk::Sent;
+
+namespace {
+
+struct Pair {
+   Pair() {
+      if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) std::abort();
+   }
+   ~Pair() {
+      closeFar();
+      ::close(ends[0]);
+   }
+   void closeFar() {
+      if (ends[1] >= 0) ::close(std::exchange(ends[1], -1));
+   }
+   Received receiveAfter(std::string const& bytes) {
+      EXPECT_EQ(::send(ends[1], bytes.data(), bytes.size(), 0), static_cast<ssize_t>(bytes.size()));
+      return Rusk::receive(ends[0], message);
+   }
+   int ends[2];
+   Message message;
+};
+
+} // namespace
+
+TEST(Protocol, MessagesSurviveTheWay) {
+   Pair pair;
+   EXPECT_EQ(Rusk::receive(pair.ends[0], pair.message), Received::nothing);
+   for (auto type : {MessageType::hello, MessageType::sleep, MessageType::report, MessageType::welcome,
+                     MessageType::armed, MessageType::wake}) {
+      Message const sent{type, 1ull << 40, 17, 99, std::string(Rusk::longestName, 'x')};
+      ASSERT_EQ(Rusk::send(pair.ends[1], sent), Sent::done);
+      ASSERT_EQ(Rusk::receive(pair.ends[0], pair.message), Received::message);
+      EXPECT_EQ(pair.message.type, type);
+      EXPECT_TRUE(type > MessageType::report || pair.message.sequence == sent.sequence);
+      if (type != MessageType::hello) continue;
+      EXPECT_EQ(pair.message.tableId, 17u);
+      EXPECT_EQ(pair.message.kestor, 99u);
+      EXPECT_EQ(pair.message.name, sent.name);
+   }
+   // The other end stops reading, then it is gone: no wait and no signal.
+   Message const wake{};
+   Sent sent = Sent::done;
+   for (int i = 0; i < 100000 && sent == Sent::done; ++i) sent = Rusk::send(pair.ends[0], wake);
+   EXPECT_EQ(sent, Sent::full);
+   pair.closeFar();
+   EXPECT_EQ(Rusk::send(pair.ends[0], wake), Sent::gone);
+   EXPECT_EQ(Rusk::receive(pair.ends[0], pair.message), Received::closed);
+}
+
+TEST(Protocol, NothingElseIsAMessage) {
+   Pair pair;
+   std::string const good = hello(1);
+   ASSERT_EQ(pair.receiveAfter(good), Received::message);
+   // Each size that isn't the type's, short and long.
+   for (std::string const& whole : {good, position(2, 5), position(3, 5), position(4, 0).substr(0, 8)})
+      for (std::size_t size = 1; size < 300; ++size) {
+         std::string bytes = whole;
+         bytes.resize(size, '\0');
+         EXPECT_EQ(pair.receiveAfter(bytes) == Received::message, size == whole.size()) << size;
+      }
+   EXPECT_EQ(pair.receiveAfter(std::string(60000, 'x')), Received::bad);
+   auto const spoiled = [&](std::size_t at, char byte) {
+      std::string bytes = good;
+      bytes[at] = byte;
+      return pair.receiveAfter(bytes);
+   };
+   for (std::size_t const at : {0, 4, 8, 20}) EXPECT_EQ(spoiled(at, 'x'), Received::bad) << at;
+   for (char const byte : {' ', '\n', '\x7f', '\xff', '\0'}) EXPECT_EQ(spoiled(33, byte), Received::bad);
+   EXPECT_EQ(spoiled(95, 'x'), Received::bad); // after the name's end
+   EXPECT_EQ(pair.receiveAfter(good.substr(0, 32) + std::string(64, 'n')), Received::bad);
+   EXPECT_EQ(pair.receiveAfter(position(2, Rusk::noSequence)), Received::bad);
+   std::mt19937_64 random(20260101);
+   for (int i = 0; i < 20000; ++i) {
+      std::string bytes(1 + random() % 120, '\0');
+      for (auto& byte : bytes) byte = static_cast<char>(random());
+      EXPECT_EQ(pair.receiveAfter(bytes), Received::bad);
+   }
+}
+
+TEST(Protocol, PassedDescriptorsAreNotTaken) {
+   Pair pair;
+   std::string bytes = position(2, 5);
+   iovec part{bytes.data(), bytes.size()};
+   alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
+   msghdr header{};
+   header.msg_iov = &part;
+   header.msg_iovlen = 1;
+   header.msg_control = control;
+   header.msg_controllen = sizeof(control);
+   cmsghdr* const rights = CMSG_FIRSTHDR(&header);
+   rights->cmsg_level = SOL_SOCKET;
+   rights->cmsg_type = SCM_RIGHTS;
+   rights->cmsg_len = CMSG_LEN(sizeof(int));
+   int pipe[2];
+   ASSERT_EQ(::pipe2(pipe, O_CLOEXEC | O_NONBLOCK), 0);
+   std::memcpy(CMSG_DATA(rights), &pipe[1], sizeof(int));
+   ASSERT_GT(::sendmsg(pair.ends[1], &header, 0), 0);
+   ::close(pipe[1]);
+   EXPECT_EQ(Rusk::receive(pair.ends[0], pair.message), Received::descriptors);
+   char byte;
+   EXPECT_EQ(::read(pipe[0], &byte, 1), 0) << "somebody still holds the passed descriptor";
+   ::close(pipe[0]);
+}

@@ -1,0 +1,204 @@
+// SPDX-License-Identifier: Apache-2.0
+// What the tests of the wake-up share: a queue that is nothing but its count, a writer and a follower of it,
+// and a peer that sends whatever bytes it likes. The queue's count lies in memory that forked children share.
+#pragma once
+
+#include "../platform/Scratch.h"
+#include "Lomi/TaskSchedulerRoot.h"
+#include "Parcel/OwnerFile.h"
+#include "Rusk/ReaderRuskSm.h"
+#include "Rusk/TunnetAcceptSm.h"
+#include "Rusk/WriterRuskSm.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstring>
+#include <fcntl.h>
+#include <new>
+#include <sys/epoll.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+
+namespace RuskTest {
+
+using Rusk::Drop;
+using Rusk::u32;
+using Rusk::u64;
+
+inline Lomi::TaskSchedulerRoot& loop() { return Lomi::TaskSchedulerRoot::root(); }
+
+/// Runs the loop until `done` or for 30 seconds, which only a failure takes.
+template <class Done> bool runUntil(Done done) {
+   for (double const end = Rusk::monotonicSeconds() + 30; !done();) {
+      if (Rusk::monotonicSeconds() > end) return false;
+      loop().run(0.02);
+   }
+   return true;
+}
+/// The same, driven as an agent with a loop of its own drives it.
+template <class Done> bool driveUntil(Done done) {
+   int const epoll = ::epoll_create1(EPOLL_CLOEXEC);
+   epoll_event event{};
+   event.events = EPOLLIN;
+   ::epoll_ctl(epoll, EPOLL_CTL_ADD, loop().fd(), &event);
+   double const end = Rusk::monotonicSeconds() + 30;
+   while (!done() && Rusk::monotonicSeconds() < end)
+      if (::epoll_wait(epoll, &event, 1, 20) == 1) loop().dispatch();
+   ::close(epoll);
+   return done();
+}
+
+struct Shared {
+   std::atomic<u64> count{0}; // the queue
+   std::atomic<u64> taken{0}; // by the follower in the other process
+   std::atomic<u64> asleep{0}, connected{0}, wakes{0}, disconnects{0}, polls{0};
+   std::atomic<bool> stop{false};
+};
+class SharedMemory {
+public:
+   SharedMemory()
+      : at_(new (::mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0))
+                Shared) {}
+   ~SharedMemory() { ::munmap(at_, sizeof(Shared)); }
+   SharedMemory(SharedMemory const&) = delete;
+   SharedMemory& operator=(SharedMemory const&) = delete;
+   Shared* operator->() const { return at_; }
+   Shared& operator*() const { return *at_; }
+
+private:
+   Shared* at_;
+};
+
+inline Parcel::KestorId const generation{7, 1};
+
+/// A writer of a queue. The table's one file is its owner file.
+struct Writer {
+   Writer(Scratch const& scratch, Shared& queue, std::string const& name = "a/table")
+      : path(scratch.table(name))
+      , shared(queue)
+      , tail(queue.count)
+      , rusk(
+            handler(), path, Parcel::OwnerFile::FILENAME, [this] { return tail; },
+            [] { return generation; }) {
+      listen();
+   }
+   void listen() {
+      Parcel::OwnerFile owner(handler(), path, false);
+      path.makeDirectories();
+      owner.tunnetInfoIs(rusk.tunnetInfo());
+      socketName = rusk.tunnetInfo().socketName;
+      rusk.doEnableListen();
+   }
+   void change() {
+      shared.count = ++tail;
+      if (rusk.asleep()) rusk.wake();
+   }
+   /// Only while it listens, and not in a child.
+   Rusk::TunnetAcceptSm& acceptor() const { return *Rusk::TunnetAcceptSm::tunnetAcceptSm(path); }
+   u64 dropped(Drop why) const { return rusk.counters().drops[why] + acceptor().counters().drops[why]; }
+
+   Mem::NaoRootPath path;
+   Shared& shared;
+   Rusk::Sequence tail;
+   Rusk::WriterRuskSm rusk;
+   std::string socketName;
+};
+
+struct Follower : Rusk::Follower {
+   Follower(Scratch const& scratch, Shared& queue, std::string const& name = "follower",
+            std::string const& table = "a/table")
+      : shared(queue)
+      , rusk(std::make_unique<Rusk::ReaderRuskSm>(handler(), scratch.table(table), *this, name)) {}
+   Rusk::Walked walk() override {
+      if (onWalk) onWalk();
+      if (taken < shared.count) ++taken;
+      return taken < shared.count ? Rusk::Walked::more : Rusk::Walked::atEnd;
+   }
+   bool behind() const override { return taken != shared.count; }
+   Rusk::Sequence last() const override { return taken; }
+   Parcel::KestorId kestorId() const override { return followed; }
+   void handleDisconnect() override {
+      ++disconnects;
+      if (onDisconnect) onDisconnect();
+   }
+   void start() {
+      rusk->maybeConnect();
+      rusk->processingIs(true);
+   }
+   bool asleep() const { return rusk->connected() && rusk->asleep(); }
+   void tell() const { // the process that shares the memory
+      shared.taken = taken;
+      shared.connected = rusk->connected();
+      shared.wakes = rusk->counters().wakes;
+      shared.polls = rusk->counters().polls;
+      shared.disconnects = disconnects;
+      shared.asleep = rusk->asleep();
+   }
+
+   Shared& shared;
+   u64 taken = 0;
+   u64 disconnects = 0;
+   Parcel::KestorId followed = generation;
+   std::function<void()> onWalk, onDisconnect;
+   std::unique_ptr<Rusk::ReaderRuskSm> rusk;
+};
+
+/// A child that follows until it is told to stop.
+inline int followInChild(Scratch const& scratch, Shared& shared) {
+   ::alarm(100);
+   Follower follower(scratch, shared);
+   follower.start();
+   while (!shared.stop) {
+      driveUntil([&] {
+         follower.tell();
+         return shared.stop.load();
+      });
+   }
+   return 0;
+}
+
+/// The bytes of a proper HELLO, to be spoiled.
+inline std::string hello(u32 tableId, u32 kestor = generation.value(), std::string const& name = "raw") {
+   u32 const words[6] = {1, Rusk::protocolMagic, Rusk::protocolVersion, tableId, kestor, 0};
+   std::string bytes(reinterpret_cast<char const*>(words), sizeof(words));
+   bytes.append(8, '\0').append(name).append(64 - name.size(), '\0');
+   return bytes;
+}
+inline std::string position(u32 type, u64 sequence) {
+   u64 const words[2] = {type, sequence};
+   return {reinterpret_cast<char const*>(words), sizeof(words)};
+}
+
+/// Somebody with a socket.
+class Raw {
+public:
+   explicit Raw(Writer const& writer) { connect(writer.path, writer.socketName); }
+   Raw(Mem::NaoRootPath const& path, std::string const& name) { connect(path, name); }
+   bool ok() const { return error_ == 0; }
+   bool say(std::string const& bytes) const {
+      return ::send(socket_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL) ==
+             static_cast<ssize_t>(bytes.size());
+   }
+   /// Type of the next message, 0 at the connection's end, -1 if nothing is there.
+   int hear() const {
+      u32 words[2] = {};
+      ssize_t const got = ::recv(socket_.get(), words, sizeof(words), MSG_DONTWAIT);
+      return got < 0 ? errno == EAGAIN ? -1 : 0 : static_cast<int>(words[0]);
+   }
+   bool closed() const {
+      while (true)
+         if (int const heard = hear(); heard <= 0) return heard == 0;
+   }
+   int fd() const { return socket_.get(); }
+
+private:
+   void connect(Mem::NaoRootPath const& path, std::string const& name) {
+      socket_ = Rusk::Socket::make();
+      error_ = Rusk::connectIn(socket_, path.openRoot(), name);
+   }
+   Rusk::Socket socket_;
+   int error_ = 0;
+};
+
+} // namespace RuskTest
