@@ -178,6 +178,7 @@ private:
    [[gnu::cold, gnu::noinline]] void makeRoom();
    void turn(bool drop);
    u32 carry(u64 floor, u64& newBase);
+   u32 findAlive(u32 from, u32 to, u32* alive) const;
    u64 newFloor(bool drop) const;
    u32 nextCapacity(u32 kept) const;
    bool inCorral(u64 sequence) const {
