@@ -22,14 +22,15 @@
 #pragma once
 
 #include "Lomi/Exception.h"
-#include "Lomi/TaskSchedulerRoot.h"
 #include "Lomi/Util.h"
 #include "Mem/VersionAnchor.h"
 #include "Mirak/Counters.h"
+#include "Mirak/Deadline.h"
 #include "Mirak/IterHint.h"
 #include "Mirak/KeyText.h"
 #include "Mirak/SlotWriter.h"
 #include "MirakCore/BucketWriter.h"
+#include "MirakCore/LookAhead.h"
 
 #include <memory>
 #include <new>
@@ -42,6 +43,7 @@ template <class Ops, class Writer> class Validator;
 
 namespace MirakCore {
 
+using Mirak::Deadline;
 using Mirak::endsChain;
 using Mirak::IterHint;
 using Mirak::nextBucketOf;
@@ -108,8 +110,6 @@ public:
    void shrinkBuckets(bool criticalTaskCheck);
 
 private:
-   class Deadline;
-
    [[gnu::always_inline]] inline bool seek(Key const& key, u32 bucket, SlotLink** prev, SlotLink** curr,
                                            u32 hash, char const* corruptKey);
 
@@ -119,6 +119,7 @@ private:
       anchor_ = slots_.anchorOf(slot);
       Mem::loadShared(&value, slot.value, sizeof(Value));
    }
+   LookAhead<Slot> lookAhead() const { return {&slots_.slot(0), slots_.capacity()}; }
    void atEndOfTable(u32 bucket) const;
    bool nextSlow(Key const& key, Value& value, IterHint& hint) const;
    void checkRhash(u32 index, u32 rhash, u32 hash, bool slowPath) const;
@@ -144,31 +145,6 @@ private:
 template <class... Args> [[noreturn, gnu::cold]] void corrupt(char const* format, Args const&... args) {
    throw Lomi::CorruptionDetectedException(fmt::format(fmt::runtime(format), args...));
 }
-
-/// Lets the process's critical tasks run every 10 ms inside a long operation, and times it.
-template <class Ops> class WriterHashMap<Ops>::Deadline {
-public:
-   explicit Deadline(bool enabled)
-      : enabled_(enabled)
-      , begin_(Lomi::time()) {
-      renew();
-   }
-   /// Called after each bucket: nothing bounds the chains of the next ones.
-   void check() {
-      if (!enabled_ || Lomi::Rdtsc::now() < at_) return;
-      Lomi::TaskSchedulerRoot::root().runCriticalPriorityTasks();
-      renew();
-   }
-   double elapsed() const { return Lomi::time() - begin_; }
-
-private:
-   void renew() {
-      if (enabled_) at_ = Lomi::Rdtsc::now() + static_cast<u64>(0.01 * Lomi::Rdtsc::calibrationRate());
-   }
-   bool const enabled_;
-   double const begin_;
-   u64 at_ = 0;
-};
 
 template <class Ops>
 bool WriterHashMap<Ops>::seek(Key const& key, u32 bucket, SlotLink** prev, SlotLink** curr, u32 hash,
@@ -234,7 +210,9 @@ template <class Ops> void WriterHashMap<Ops>::mark(u32 index) const {
 }
 
 template <class Ops> bool WriterHashMap<Ops>::first(u32 bucket, Value& value, IterHint& hint) const {
+   auto const ahead = lookAhead();
    u32 next = Mem::loadPair(buckets_[bucket]).next;
+   ahead.from(buckets_.entries(), buckets_.bucketFactor(), bucket);
    for (u32 count = 1; endsChain(next); ++count) {
       if (next == noSlot) {
          atEndOfTable(bucket);
@@ -246,6 +224,7 @@ template <class Ops> bool WriterHashMap<Ops>::first(u32 bucket, Value& value, It
       verifyNextBucket(bucket, nextBucketOf(next));
       bucket = nextBucketOf(next);
       next = Mem::loadPair(buckets_[bucket]).next;
+      ahead.from(buckets_.entries(), buckets_.bucketFactor(), bucket);
    }
    Slot const& slot = slots_.slot(next);
    u32 const word = Mem::loadShared(slot.versionFlags);
@@ -257,6 +236,7 @@ template <class Ops> bool WriterHashMap<Ops>::first(u32 bucket, Value& value, It
       corrupt("corrupt key detected, slotId: {}", next);
    if (validator_) checkRhash(next, Mem::loadShared(slot.rhash), hash, false);
    mark(next);
+   ahead.prefetchBehind(slot.link);
    hint = {word, next, bucket};
    return true;
 }
@@ -266,7 +246,9 @@ template <class Ops> bool WriterHashMap<Ops>::next(Key const& after, Value& valu
    if (hint.slot >= slots_.capacity() || hint.bucket >= buckets_.numBuckets())
       return nextSlow(key, value, hint);
    Slot const& from = slots_.slot(hint.slot);
-   if (Mem::loadShared(from.versionFlags) != hint.version) return nextSlow(key, value, hint);
+   // A slot that was cut off and came back counts from the beginning again: the word alone proves nothing.
+   if (Mem::loadShared(from.versionFlags) != hint.version || !(keyOf(from) == key))
+      return nextSlow(key, value, hint);
    u32 const index = Mem::loadPair(from.link).next;
    // Whatever the fast path finds wrong may be the hint's fault; the slow path then decides. Marking and the
    // walk of the following buckets stay outside: what they throw is final.
@@ -288,6 +270,7 @@ template <class Ops> bool WriterHashMap<Ops>::next(Key const& after, Value& valu
          if (bucketOf(hash) != hint.bucket) corrupt("corrupt key detected, slotId: {}", index);
          if (validator_) checkRhash(index, Mem::loadShared(slot.rhash), hash, false);
          take(slot, value);
+         lookAhead().prefetchBehind(slot.link);
          hint.version = word;
          hint.slot = index;
       }
