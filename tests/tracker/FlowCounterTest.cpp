@@ -77,33 +77,6 @@ bool runAndDie(Store& store, Packets const& packets, std::uint64_t after) {
 
 bool holds(Store& store, Packets const& packets) { return store.content() == rowsOf(packets); }
 
-TEST(FlowCounter, GoesOnWhereItWasKilled) {
-   Packets const packets = make(1, 60, 7);
-   for (unsigned first = 0; first <= packets.size(); ++first)
-      for (unsigned second = 0; second <= 3; ++second) {
-         Store store;
-         EXPECT_EQ(runAndDie(store, packets, first), first < packets.size());
-         EXPECT_TRUE(holds(store, Packets(packets.begin(), packets.begin() + first)))
-             << "packets are rows at once";
-         runAndDie(store, packets, second);
-         auto const before = std::min<std::size_t>(first + second, packets.size());
-         auto const outcome = run(store, packets);
-         EXPECT_TRUE(holds(store, packets)) << first << ' ' << second;
-         EXPECT_EQ(outcome.kept, before) << "nothing is counted anew";
-         EXPECT_EQ(outcome.removed, 0u);
-         EXPECT_EQ(outcome.stores, packets.size() - before);
-      }
-}
-
-TEST(FlowCounter, ATableThatCameBackEmptyIsFilledAgain) {
-   Packets const packets = make(2, 60, 7);
-   Store store;
-   runAndDie(store, packets, 30);
-   store.content().clear();
-   EXPECT_EQ(run(store, packets).kept, 0u);
-   EXPECT_TRUE(holds(store, packets));
-}
-
 TEST(FlowCounter, RunningAgainChangesNothingAndGrownCapturesAreContinued) {
    Packets const packets = make(3, 60, 7);
    Store store;

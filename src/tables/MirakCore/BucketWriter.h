@@ -57,6 +57,7 @@ public:
    Link const& operator[](u32 index) const { return const_cast<BucketWriter&>(*this)[index]; }
    /// The entries without a range check, for loops whose bound is numBuckets().
    Link* entries() { return reinterpret_cast<Link*>(header_ + 1); }
+   Link const* entries() const { return reinterpret_cast<Link const*>(header_ + 1); }
    u32 numBuckets() const { return numBuckets_; }
    u32 bucketFactor() const { return bucketFactor_; } ///< log2 of numBuckets()
    BucketTableHeader& header() { return *header_; }

@@ -30,6 +30,7 @@
 #include "Mirak/KeyText.h"
 #include "Mirak/SlotWriter.h"
 #include "MirakCore/BucketWriter.h"
+#include "MirakCore/LookAhead.h"
 
 #include <memory>
 #include <new>
@@ -118,6 +119,7 @@ private:
       anchor_ = slots_.anchorOf(slot);
       Mem::loadShared(&value, slot.value, sizeof(Value));
    }
+   LookAhead<Slot> lookAhead() const { return {&slots_.slot(0), slots_.capacity()}; }
    void atEndOfTable(u32 bucket) const;
    bool nextSlow(Key const& key, Value& value, IterHint& hint) const;
    void checkRhash(u32 index, u32 rhash, u32 hash, bool slowPath) const;
@@ -208,7 +210,9 @@ template <class Ops> void WriterHashMap<Ops>::mark(u32 index) const {
 }
 
 template <class Ops> bool WriterHashMap<Ops>::first(u32 bucket, Value& value, IterHint& hint) const {
+   auto const ahead = lookAhead();
    u32 next = Mem::loadPair(buckets_[bucket]).next;
+   ahead.from(buckets_.entries(), buckets_.bucketFactor(), bucket);
    for (u32 count = 1; endsChain(next); ++count) {
       if (next == noSlot) {
          atEndOfTable(bucket);
@@ -220,6 +224,7 @@ template <class Ops> bool WriterHashMap<Ops>::first(u32 bucket, Value& value, It
       verifyNextBucket(bucket, nextBucketOf(next));
       bucket = nextBucketOf(next);
       next = Mem::loadPair(buckets_[bucket]).next;
+      ahead.from(buckets_.entries(), buckets_.bucketFactor(), bucket);
    }
    Slot const& slot = slots_.slot(next);
    u32 const word = Mem::loadShared(slot.versionFlags);
@@ -231,6 +236,7 @@ template <class Ops> bool WriterHashMap<Ops>::first(u32 bucket, Value& value, It
       corrupt("corrupt key detected, slotId: {}", next);
    if (validator_) checkRhash(next, Mem::loadShared(slot.rhash), hash, false);
    mark(next);
+   ahead.prefetchBehind(slot.link);
    hint = {word, next, bucket};
    return true;
 }
@@ -264,6 +270,7 @@ template <class Ops> bool WriterHashMap<Ops>::next(Key const& after, Value& valu
          if (bucketOf(hash) != hint.bucket) corrupt("corrupt key detected, slotId: {}", index);
          if (validator_) checkRhash(index, Mem::loadShared(slot.rhash), hash, false);
          take(slot, value);
+         lookAhead().prefetchBehind(slot.link);
          hint.version = word;
          hint.slot = index;
       }
