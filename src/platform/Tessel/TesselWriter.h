@@ -84,7 +84,7 @@ public:
                 PruneMode pruneMode, std::function<void()> beforeFormat = {});
 
    /// Maps the files, creating them if need be; keeps them if they are all there, sound and of this
-   /// generation, else formats them. Before the next notify, reserve() the table's mostSlots.
+   /// generation, else formats them. Before the next notify, reserve() the table's capacity.
    /// @throws Lomi::InvalidInitializeException, Lomi::MemoryResourceException
    int attach(Parcel::KestorId kestor);
    void detach();
