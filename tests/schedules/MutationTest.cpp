@@ -142,8 +142,8 @@ TEST(MutationOfSlots, SlotCountBeforeTheSlotsAreFormatted) {
 // Of a move: rhash, free list, value (32), word, own link, predecessor's link, old slot's link, old word.
 Scenario<Wide> const compacting = compactionScenarios()[0];
 std::size_t slotAt(u32 slot, std::size_t field = 0) {
-   using Table = Mirak::SlotTable<OpsOf<Wide>>;
-   return Table::headerSize + slot * Table::slotSize + field;
+   using Slots = Mirak::SlotTable<OpsOf<Wide>>;
+   return Slots::headerSize + slot * Slots::slotSize + field;
 }
 constexpr std::size_t wordField = offsetof(Mirak::SlotTable<OpsOf<Wide>>::Slot, versionFlags);
 

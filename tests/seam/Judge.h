@@ -85,14 +85,17 @@ private:
    u32 seed_;
 };
 
-/// All rows by a walk. `next` is called with a key inside the value, as loops are written.
-template <class R, class Table> std::vector<R> walkAll(Table const& table, std::size_t limit = 100000) {
+/// All rows by a walk, from hint to hint or from key to key. `next` is called with a key inside the value, as
+/// loops are written.
+template <class R, class Table>
+std::vector<R> walkAll(Table const& table, std::size_t limit = 100000, bool hinted = true) {
    std::vector<R> rows;
    R row;
    Mirak::IterHint hint;
    for (bool more = table.first(row, hint); more; more = table.next(row.key(), row, hint)) {
       rows.push_back(row);
       if (rows.size() > limit) throw Endless("the walk doesn't end");
+      if (!hinted) hint = {};
    }
    return rows;
 }
@@ -106,16 +109,22 @@ inline std::vector<Key> keysOf(std::vector<Content> const& contents) {
 }
 
 /// Looks every key up and walks, through any of the tables, whose content must be exactly `content`.
-template <class R, class Table> std::string judgeAll(Table const& table, Content const& content, u32 seed) {
+/// @param others keys to look up, too
+template <class R, class Table>
+std::string judgeAll(Table const& table, Content const& content, u32 seed,
+                     std::vector<Key> const& others = {}) {
    std::vector<Content> const only{content};
    Judge<R> const judge(only, 0, 0, seed);
-   for (Key key : keysOf(only)) {
+   std::vector<Key> keys = keysOf(only);
+   keys.insert(keys.end(), others.begin(), others.end());
+   for (Key key : keys) {
       bool found = false;
       R row;
       R const at = *table.lookup(key, found, &row);
       if (std::string wrong = judge.lookup(key, found, at); !wrong.empty()) return wrong;
    }
-   return judge.walk(walkAll<R>(table));
+   std::string const wrong = judge.walk(walkAll<R>(table));
+   return wrong.empty() ? judge.walk(walkAll<R>(table, 100000, false)) : wrong;
 }
 
 } // namespace Test

@@ -11,7 +11,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <functional>
 #include <new>
 #include <stdexcept>
 #include <string>
@@ -19,6 +18,7 @@
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <thread>
+#include <type_traits>
 #include <unistd.h>
 
 namespace Test {
@@ -52,8 +52,8 @@ struct Complaint {
 
 class Child {
 public:
-   /// Runs `body` in a child that ends with it, or with its parent.
-   explicit Child(std::function<void()> const& body) {
+   /// Runs `body` in a child that ends with it, with what it returns, or with its parent.
+   template <class Body> explicit Child(Body const& body) {
       std::fflush(nullptr);
       pid_ = ::fork();
       if (pid_ < 0) throw std::runtime_error("fork failed");
@@ -61,7 +61,10 @@ public:
       ::prctl(PR_SET_PDEATHSIG, SIGKILL);
       int status = 0;
       try {
-         body();
+         if constexpr (std::is_void_v<decltype(body())>)
+            body();
+         else
+            status = body();
       } catch (std::exception const& e) {
          fmt::print(stderr, "child: {}\n", e.what());
          status = 3;
@@ -73,6 +76,7 @@ public:
    Child(Child const&) = delete;
    Child& operator=(Child const&) = delete;
 
+   pid_t pid() const { return pid_; }
    void signal(int number) const {
       if (pid_ > 0) ::kill(pid_, number);
    }

