@@ -37,7 +37,11 @@ std::string playOnce(u64 seed, Mistake mistake, bool formats, Totals& totals) {
       for (u32 change = 50 + dice.below(250); change > 0 && stage.failure.empty(); --change) {
          habit.change();
          mailbox.answer(rows.queue.tail(), mistake);
-         if (formats && dice.oneIn(80)) rows.format(), ++totals.formats;
+         if (formats && dice.oneIn(80)) {
+            rows.format();
+            mailbox.disconnect();
+            ++totals.formats;
+         }
          stage.muted = true;
          if (std::string const complaint = rows.complaint(); !complaint.empty()) stage.fail(complaint);
          stage.muted = false;
