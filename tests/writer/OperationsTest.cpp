@@ -363,6 +363,24 @@ TEST_F(FullFileSystem, PreparedSlotsCantGrow) {
    fillUntilRefused<Row<1201>>(256);
 }
 
+// Where the queue has no room for more slots, a row in one of them must not become visible.
+TEST_F(FullFileSystem, QueueCantGrow) {
+   using Queued = Row<3, true>;
+   auto writer = open<Queued>("small/table", Mirak::MapDescriptor(1000));
+   Content content;
+   for (u32 i = 0; i < 128; ++i) writer->write(Queued::make({i, i}, content[{i, i}] = i + 1), true);
+   EXPECT_EQ(writer->capacity(), 128u);
+   fill();
+   try {
+      writer->write(Queued::make({500, 500}, 1), true);
+      FAIL() << "the file system isn't full";
+   } catch (Lomi::MemoryResourceException const& e) {
+      EXPECT_NE(std::string(e.what()).find("tessel.0 for 256 slots"), std::string::npos) << e.what();
+   }
+   EXPECT_EQ(writer->capacity(), 128u);
+   refusedAndThenFormatted<Queued>(std::move(writer), content);
+}
+
 TEST_F(FullFileSystem, BucketsCantGrow) {
    auto writer = open<R>("small/table", Mirak::MapDescriptor(1000));
    Content content;

@@ -3,7 +3,8 @@
 //
 // The numbered stores below are the protocol that readers rest on; their order is fixed. What a crash between
 // any two leaves: the critical section bit is set from the first to the last, so the next start re-formats.
-// (Two exceptions by design: directCommit after directUpdate, and lookups and misses, which change nothing.)
+// (Two exceptions by design: directCommit after directUpdate in a table without a change queue, whose value
+// lies whole in `lookaside`, and lookups and misses, which change nothing.)
 #pragma once
 
 #include "Mirak/KeyText.h"
@@ -55,13 +56,20 @@ template <class Ops> void MirakWriter<Ops>::releaseDue() {
       slots_.wrapper().releaseTailIfDue();
    if (map_.buckets().wrapper().releasePending()) [[unlikely]]
       map_.buckets().wrapper().releaseTailIfDue();
+   if (queue_.releasePending()) [[unlikely]]
+      queue_.release();
 }
 
-/// Makes sure, before the first store of an insert, that the index can grow after it: a row that is linked
-/// must not be left behind by an exception.
+/// Makes sure, before the first store of an insert, that the index can grow after it, and that the change can
+/// be announced: a row that is linked must not be left behind by an exception.
 template <class Ops> void MirakWriter<Ops>::prepareInsert() {
    if (u32 const rows = members() + 1; map_.wantsPreparation(rows)) [[unlikely]]
       map_.prepareGrow(rows);
+   if constexpr (Ops::hasChangeQueue) {
+      queue_.prepare(slots_.preparedSlots());
+      if (slots_.full() && !slots_.fixedSize()) [[unlikely]]
+         queue_.reserve(slots_.nextCapacity());
+   }
 }
 
 /// Steps 1 to 4 of an insert: a slot off the free list with its rhash set, and links that are right again if
@@ -107,7 +115,7 @@ typename MirakWriter<Ops>::Value const* MirakWriter<Ops>::write(Value const& val
                  place.bucket, slots_.indexOf(slot), Mem::loadPair(slot.link).next);
       if (overwrite) {
          overwriteSlot(slot, value);
-         tesselWriter_.notify(slots_.indexOf(slot)); // 5
+         queue_.notify(slots_.indexOf(slot)); // 5
       }
       return reinterpret_cast<Value const*>(slot.value);
    }
@@ -127,8 +135,8 @@ typename MirakWriter<Ops>::Value const* MirakWriter<Ops>::write(Value const& val
    LOMI_TRACE(debugHandler_, 9, "MirakWriter", "new {} bucket:{} slot:{} next:{}", keyText(key), place.bucket,
               index, Mem::loadPair(slot.link).next);
    if (members() > map_.growThreshold()) [[unlikely]]
-      growBuckets();            // 9
-   tesselWriter_.notify(index); // 10
+      growBuckets();     // 9
+   queue_.notify(index); // 10
    return reinterpret_cast<Value const*>(slot.value);
 }
 
@@ -152,7 +160,7 @@ template <class Ops> bool MirakWriter<Ops>::remove(Key const& key, Value& remove
    publishLink(*place.prev, next);
    map_.removed(place.bucket, place.prev, index, next);
    u32 const shrinkThreshold = slots_.dealloc(index);
-   tesselWriter_.notify(index);
+   queue_.notify(index);
    LOMI_TRACE(debugHandler_, 9, "MirakWriter", "{} bucket:{} slot:{}", keyText(Ops::key(removed)),
               place.bucket, index);
    if (shrinkThreshold != 0) [[unlikely]]
@@ -170,6 +178,7 @@ template <class Ops> void MirakWriter<Ops>::growBuckets() {
 template <class Ops> void MirakWriter<Ops>::shrinkBuckets() {
    Restructuring const guard(*this);
    map_.shrinkBuckets(criticalTaskCheck_);
+   armRelease();
 }
 
 template <class Ops>
@@ -248,6 +257,9 @@ template <class Ops> void MirakWriter<Ops>::directCommit() {
                "not in direct mode! Make sure the DirectIs/Commit are properly paired!");
    u32 const index = directSlot_;
    Slot& slot = slots_.slot(index);
+   // After directUpdate() nothing is marked. A change that is in the slot and not in the queue would be
+   // adopted, and no follower would ever learn of it.
+   if constexpr (Ops::hasChangeQueue) slots_.markCriticalSection();
    if (directNew_) publishLink(slot.link, Mem::loadPair(*directPrevLink_).next); // 2
    ++counters_.directCommits;
    u32 const word = Mem::loadShared(slot.versionFlags);
@@ -276,7 +288,7 @@ template <class Ops> void MirakWriter<Ops>::directCommit() {
    }
    if (members() > map_.growThreshold()) [[unlikely]]
       growBuckets();              // 7
-   tesselWriter_.notify(index);   // 8
+   queue_.notify(index);          // 8
    slots_.leaveCriticalSection(); // 9
 }
 
