@@ -2,6 +2,7 @@
 // From start to end of a writer: what it does with the files that it finds, who may be a directory's writer,
 // what is left behind. Damage inside the files is tested in tests/damage.
 #include "Fixture.h"
+#include "Processes.h"
 
 #include "Mirak/MirakDummy.h"
 
@@ -142,10 +143,6 @@ TEST(Lifecycle, CleanupOfAnOpenTable) {
    std::ofstream(at / "corruption-detected") << "x";
    std::ofstream(at / "foreign") << "x";
    std::ofstream(at / "kestor.new") << "x"; // left by a writer that was killed while it wrote its generation
-   WriterOf<R> other(quiet(), "clean", Mirak::MapDescriptor(10));
-   EXPECT_THROW(other.initialize("test"), Lomi::InvalidInitializeException);
-   EXPECT_THROW(other.cleanup(), Lomi::InvalidInitializeException) << "the table has a writer";
-   EXPECT_TRUE(fs::exists(at / "slots"));
    writer->cleanup();
    EXPECT_EQ(std::distance(fs::directory_iterator(at), {}), 1);
    EXPECT_TRUE(fs::exists(at / "foreign"));
@@ -179,6 +176,24 @@ TEST(Lifecycle, LocalTablesTouchNoFile) {
    Mem::Seam::observer = nullptr;
    EXPECT_TRUE(calls.paths.empty()) << calls.paths.front();
    EXPECT_EQ(listing(), before);
+}
+
+TEST(Lifecycle, OneWriterForADirectory) {
+   auto writer = open<R>("claimed", Mirak::MapDescriptor(10), quiet());
+   Content const content = fill(*writer, 3);
+   Child foreigner([] {
+      WriterOf<R> other(quiet(), "claimed", Mirak::MapDescriptor(10));
+      for (bool cleaning : {false, true}) try {
+            cleaning ? other.cleanup() : void(other.initialize("test"));
+            return 1;
+         } catch (Lomi::InvalidInitializeException const&) {
+         }
+      return 0;
+   });
+   EXPECT_EQ(foreigner.wait(), 0) << "taken from a live writer";
+   EXPECT_THROW(open<R>("claimed", Mirak::MapDescriptor(10), quiet()), Lomi::InvalidInitializeException);
+   EXPECT_TRUE(writer->validateFiles());
+   EXPECT_EQ(difference(*writer, content, keys), "");
 }
 
 // --- placeholders ---
