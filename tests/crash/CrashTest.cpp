@@ -84,7 +84,40 @@ struct Rule {
    u32 kestor = 0;                      ///< as the kestor file named it
    std::set<u32> published = {};        ///< all that were ever valid
    bool keeps = false;                  ///< nothing else than adoption will do
+   Image const* before = nullptr;       ///< of the time that a follower has taken in
 };
+
+/// A follower that knows the table as it was before: each slot that differs now has an entry behind its
+/// place, or it will be told to look at all of them.
+template <class R> std::string unannounced(Image const& before, Mirak::MirakWriter<OpsOf<R>>& writer) {
+   auto const word = [&](char const* file, std::size_t at, auto& into) {
+      auto const& bytes = before.files.at(file).bytes;
+      if (at + sizeof into <= bytes.size()) std::memcpy(&into, bytes.data() + at, sizeof into);
+   };
+   if (!before.has("tessel") || !before.has("slots")) return {};
+   using Table = Mirak::SlotTable<OpsOf<R>>;
+   auto const& queue = writer.tesselWriter();
+   auto const* header = reinterpret_cast<Tessel::QueueHeader const*>(queue.wrappers()[0]->base());
+   u64 next = 0;
+   word("tessel", offsetof(Tessel::QueueHeader, next), next);
+   if (Mem::loadShared(header->floor) >= next) return {};
+   std::set<u32> announced;
+   for (u32 pos = 0; pos < queue.count(); ++pos)
+      if (auto const entry = queue.notification(pos); queue.baseSequence() + entry.offset >= next)
+         announced.insert(entry.slot);
+   Mirak::SlotTableHeader old{};
+   word("slots", 0, old);
+   for (u32 slot = 0; slot < std::max(writer.capacity(), old.numSlots.value); ++slot) {
+      typename Table::Slot was{}, is{};
+      if (slot < old.numSlots.value) word("slots", Table::headerSize + slot * Table::slotSize, was);
+      if (slot < writer.capacity()) Mem::loadShared(&is, &writer.slotTable().slot(slot), sizeof is);
+      bool const occupied = is.versionFlags & 1;
+      bool const same = occupied == bool(was.versionFlags & 1) &&
+                        (!occupied || std::memcmp(is.value, was.value, sizeof(R)) == 0);
+      if (!same && !announced.count(slot)) return fmt::format("slot {} changed unannounced", slot);
+   }
+   return {};
+}
 
 /// The next start on the table's directory. @return its changes
 template <class R>
@@ -92,8 +125,7 @@ Events startJudges(std::string const& table, Mirak::MapDescriptor const& descrip
                    Tally& tally) {
    Mirak::MirakWriter<OpsOf<R>> writer(quiet(), table.c_str(), descriptor);
    Recorder recorder(tableDirectory(table));
-   recorder.watch(
-       {{"slots", &writer.slotTable().wrapper()}, {"buckets", &writer.hashMap().buckets().wrapper()}});
+   recorder.watch(filesOf(writer));
    try {
       writer.initialize("test");
    } catch (std::exception const& e) {
@@ -109,6 +141,8 @@ Events startJudges(std::string const& table, Mirak::MapDescriptor const& descrip
       for (Content const& content : rule.adoptable)
          if ((wrong = judgeAll<R>(writer, content, seed)).empty()) break;
       tally.expectNone(wrong.empty() ? wrong : "adopted: " + wrong);
+      if constexpr (R::hasQueue)
+         if (rule.before) tally.expectNone(unannounced<R>(*rule.before, writer));
    } else {
       tally.expect(!rule.keeps, "a sound table was formatted anew");
       tally.expectNone(judgeAll<R>(writer, {}, seed));
@@ -139,6 +173,7 @@ Rule ruleAt(Scenario<R> const& scenario, Recording<R> const& recording, Image co
    Rule rule{.kestor = kestorOf(image), .published = {kestorOf(recording.before), kestorOf(image)}};
    rule.keeps =
        scenario.name == "restart, adopt" || scenario.name == "detach" || scenario.name == "scratchpad";
+   rule.before = &recording.before;
    auto const& contents = recording.contents;
    if (!scenario.restarts) {
       for (std::size_t i = recording.lowest(at); i <= recording.highest(at); ++i)
@@ -212,6 +247,25 @@ template <class R> void expectClean(std::vector<Scenario<R>> const& scenarios, b
    }
 }
 
+/// Queues that turn every few changes.
+struct SmallQueues {
+   SmallQueues() { Tessel::leastEntries = 4; }
+   ~SmallQueues() { Tessel::leastEntries = 510; }
+};
+
+TEST(Crash, InTablesWithAQueue) {
+   SmallQueues const small;
+   expectClean(chainScenarios<QueuedSmall>());
+   expectClean(pairScenarios<QueuedSmall>());
+   expectClean(turnScenarios());
+   auto wide = compactionScenarios<QueuedWide>();
+   wide.push_back(slotScenarios<QueuedWide>().back());
+   wide.push_back(compactAndGrowAgain<QueuedWide>());
+   wide.push_back(compactBesideAFollower());
+   expectClean(wide);
+}
+TEST(Crash, InStartsAndEndsOfTablesWithAQueue) { expectClean(lifeScenarios<QueuedSmall>(), true); }
+
 TEST(Crash, InChains) { expectClean(chainScenarios()); }
 TEST(Crash, InBucketResizes) { expectClean(bucketScenarios()); }
 TEST(Crash, InSlotGrowth) { expectClean(slotScenarios()); }
@@ -279,6 +333,20 @@ TEST(CrashMutation, SectionLeftBeforeTheLastStores) {
       events.erase(events.begin() + 5);
       events.insert(events.begin() + 6, leave);
    });
+}
+
+/// Of a table with a queue: the commit of a direct update that marks no section.
+TEST(CrashMutation, ChangeThatIsNotMarked) {
+   auto const all = chainScenarios<QueuedSmall>();
+   auto const& update =
+       *std::find_if(all.begin(), all.end(), [](auto& s) { return s.name == "direct update"; });
+   Tally const tally = crashEverywhere<QueuedSmall>(update, false, [](Events& events) {
+      std::erase_if(events, [](Event const& e) {
+         return e.file == "slots" && e.offset == offsetof(Mirak::SlotTableHeader, runtimeFlags);
+      });
+   });
+   ASSERT_FALSE(tally.violations.empty());
+   EXPECT_NE(tally.violations[0].find("changed unannounced"), std::string::npos) << tally.violations[0];
 }
 
 } // namespace

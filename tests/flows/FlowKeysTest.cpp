@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Keys: defaults, what takes part in comparison and hash and what doesn't, order, texts. Offsets are asserted
-// at compile time beside the types; here bytes are checked from outside, so that an edit of both would still
-// be noticed.
+// at compile time beside the types; the golden files (tests/format) hold them against an edit of both. Keys
+// are told apart bit by bit.
 #include "FlowTracking/HoFlowKeys.h"
 
 #include <algorithm>

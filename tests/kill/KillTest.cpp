@@ -16,7 +16,7 @@
 namespace Test {
 namespace {
 
-using R = Row<3>;
+using R = Row<3, true>; // with a change queue, whose state must fit, too
 using Writer = Mirak::MirakWriter<OpsOf<R>>;
 using Reader = Mirak::MirakReader<OpsOf<R>>;
 constexpr u32 keys = 1500;

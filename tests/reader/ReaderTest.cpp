@@ -86,6 +86,12 @@ TEST(Reader, WhereARowGoes) {
    table.slotsMove(); // the lookup runs twice
    EXPECT_EQ(reader.lookup(mine.row.key(), found, &mine.row), &mine.row);
    EXPECT_TRUE(found && mine.row.generation() == 1 && mine.row.key() == Key(16, 1));
+   // One that the row's later words are copied over, while it is still sought.
+   Key& within = reinterpret_cast<Key&>(mine.row.words[2]);
+   within = {16, 1};
+   table.slotsMove();
+   reader.lookup(within, found, &mine.row);
+   EXPECT_TRUE(found && mine.row.sound() && mine.row.key() == Key(16, 1));
    EXPECT_EQ(reader.lookup({77, 0}, found, &mine.row), &OpsOf<R>::typeDefault());
    EXPECT_TRUE(!found && mine.row.key() == Key{});
    R fallback = R::make({1, 2}, 3);

@@ -28,6 +28,16 @@ inline u32 kestorOf(Image const& image) {
    return id;
 }
 
+/// The mapped files of a writer, by their names.
+template <class Writer> std::map<std::string, Mem::ParcelWrapper const*> filesOf(Writer& writer) {
+   std::map<std::string, Mem::ParcelWrapper const*> files{{"slots", &writer.slotTable().wrapper()},
+                                                          {"buckets", &writer.hashMap().buckets().wrapper()}};
+   if constexpr (Writer::OpsType::hasChangeQueue)
+      for (auto const* wrapper : writer.tesselWriter().wrappers())
+         files[std::filesystem::path(wrapper->getFilename()).filename()] = wrapper;
+   return files;
+}
+
 template <class R> class Bench {
 public:
    using Ops = OpsOf<R>;
@@ -116,8 +126,7 @@ private:
    }
    void watch() {
       if (writer_)
-         recorder_->watch({{"slots", &writer_->slotTable().wrapper()},
-                           {"buckets", &writer_->hashMap().buckets().wrapper()}});
+         recorder_->watch(filesOf(*writer_));
       else
          recorder_->watch({});
    }

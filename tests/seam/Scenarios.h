@@ -10,6 +10,9 @@ namespace Test {
 
 using Small = Row<3>; // 20 bytes: a 4-byte tail and padding behind it
 using Wide = Row<61>; // 252 bytes: 8 slots in the first page
+// With a change queue.
+using QueuedSmall = Row<3, true>;
+using QueuedWide = Row<61, true>;
 
 inline Key key(u32 hashBits, u32 number = 0) { return {hashBits, number}; }
 /// Number `i` of a chain of equal hashes.
@@ -41,12 +44,12 @@ template <class R> typename Scenario<R>::Act starts() {
 }
 
 /// Chains of 1 to 4 rows, by different and by equal hashes, and what happens in them.
-inline std::vector<Scenario<Small>> chainScenarios() {
-   using S = Small;
+template <class S = Small> std::vector<Scenario<S>> chainScenarios() {
    std::vector<Scenario<S>> all;
    // Of 4 buckets; the chain of bucket 0 is 0, (8,) 4(, 12).
    std::vector<Key> const mixed = {key(0), key(4), key(2)};
-   auto const add = [&](std::string name, std::vector<Key> keys, std::vector<Scenario<S>::Act> acts) {
+   auto const add = [&](std::string name, std::vector<Key> keys,
+                        std::vector<typename Scenario<S>::Act> acts) {
       u32 const buckets = keys.size() > 2 ? 4 : 2; // no growth by the way
       all.push_back({std::move(name), fixedOf(6), holding<S>(buckets, std::move(keys)), std::move(acts)});
    };
@@ -68,8 +71,7 @@ inline std::vector<Scenario<Small>> chainScenarios() {
 }
 
 /// Tables that change their size.
-inline std::vector<Scenario<Small>> bucketScenarios() {
-   using S = Small;
+template <class S = Small> std::vector<Scenario<S>> bucketScenarios() {
    auto const shrinkable = [](Bench<S>& b) { // 8 buckets, 2 rows
       holding<S>(2, {key(0), key(1), key(2), key(3), key(5)})(b);
       for (u32 k : {0, 2, 5}) b.remove(key(k));
@@ -84,8 +86,7 @@ inline std::vector<Scenario<Small>> bucketScenarios() {
    };
 }
 
-inline std::vector<Scenario<Wide>> slotScenarios() {
-   using W = Wide;
+template <class W = Wide> std::vector<Scenario<W>> slotScenarios() {
    auto const full = [](u32 buckets) {
       return [=](Bench<W>& b) {
          b.start();
@@ -102,8 +103,8 @@ inline std::vector<Scenario<Wide>> slotScenarios() {
 
 /// A table of 16 slots with rows in those that are named, ready to be cut to 8. Each row's number is its
 /// slot.
-inline Scenario<Wide>::Act sparse(std::vector<u32> slots, Key (*keyOf)(u32)) {
-   return [=](Bench<Wide>& b) {
+template <class W> typename Scenario<W>::Act sparse(std::vector<u32> slots, Key (*keyOf)(u32)) {
+   return [=](Bench<W>& b) {
       Mirak::MapDescriptor keeps(100);
       keeps.shrinkSlots = false;
       b.descriptorIs(keeps);
@@ -122,30 +123,28 @@ inline Key apart(u32 i) { return key(i, i); }
 
 /// Tables that give slots back. Each moves rows that follow one another in a chain: downwards with the chain,
 /// against it, and behind a row that stays.
-inline std::vector<Scenario<Wide>> compactionScenarios() {
-   using W = Wide;
+template <class W = Wide> std::vector<Scenario<W>> compactionScenarios() {
    Mirak::MapDescriptor const descriptor(100);
    auto const shrinks = [](Bench<W>& b) { b.writer().shrink(); };
    return {
-       {"compact a chain", descriptor, sparse({1, 9, 10}, twin), {shrinks}},
-       {"compact a chain backwards", descriptor, sparse({8, 9, 10}, mirrored), {shrinks}},
-       {"compact buckets apart", descriptor, sparse({2, 8, 11}, apart), {shrinks}},
+       {"compact a chain", descriptor, sparse<W>({1, 9, 10}, twin), {shrinks}},
+       {"compact a chain backwards", descriptor, sparse<W>({8, 9, 10}, mirrored), {shrinks}},
+       {"compact buckets apart", descriptor, sparse<W>({2, 8, 11}, apart), {shrinks}},
        {"remove, compact, halve the buckets",
         descriptor,
-        sparse({2, 8, 9, 10}, twin),
+        sparse<W>({2, 8, 9, 10}, twin),
         {removes<W>(twin(10))}},
    };
 }
 /// A slot that was cut off comes back, with the word that it had and another row.
-inline Scenario<Wide> compactAndGrowAgain() {
-   std::vector<Scenario<Wide>::Act> acts = {[](Bench<Wide>& b) { b.writer().shrink(); }};
-   for (u32 i : {31u, 32u, 33u, 34u, 35u, 36u}) acts.push_back(puts<Wide>(twin(i)));
-   return {"compact and grow again", Mirak::MapDescriptor(100), sparse({1, 8, 9}, twin), std::move(acts)};
+template <class W = Wide> Scenario<W> compactAndGrowAgain() {
+   std::vector<typename Scenario<W>::Act> acts = {[](Bench<W>& b) { b.writer().shrink(); }};
+   for (u32 i : {31u, 32u, 33u, 34u, 35u, 36u}) acts.push_back(puts<W>(twin(i)));
+   return {"compact and grow again", Mirak::MapDescriptor(100), sparse<W>({1, 8, 9}, twin), std::move(acts)};
 }
 
 /// Two acts in turn, between which nothing may be mixed up.
-inline std::vector<Scenario<Small>> pairScenarios() {
-   using S = Small;
+template <class S = Small> std::vector<Scenario<S>> pairScenarios() {
    std::vector<Key> const three = {twin(1), twin(2), twin(3)};
    std::vector<Key> const apart = {key(0), key(4), key(2)};
    std::vector<Scenario<S>> all = {
@@ -187,22 +186,21 @@ inline std::vector<Scenario<Small>> pairScenarios() {
 }
 
 /// A dead writer's table of four rows, spoiled by `damage`, and a start on it.
-inline Scenario<Small> startOn(std::string name, std::function<void(Bench<Small>&)> damage,
-                               bool visible = false) {
+template <class S = Small>
+Scenario<S> startOn(std::string name, std::function<void(Bench<S>&)> damage, bool visible = false) {
    return {std::move(name),
            fixedOf(4),
-           [=](Bench<Small>& b) {
-              holding<Small>(4, {key(0), key(1), key(2), twin(1)})(b);
+           [=](Bench<S>& b) {
+              holding<S>(4, {key(0), key(1), key(2), twin(1)})(b);
               b.die();
               damage(b);
            },
-           {starts<Small>()},
+           {starts<S>()},
            true,
            visible};
 }
 
-inline std::vector<Scenario<Small>> lifeScenarios() {
-   using S = Small;
+template <class S = Small> std::vector<Scenario<S>> lifeScenarios() {
    auto const four = holding<S>(4, {key(0), key(1), key(2), twin(1)});
    constexpr std::size_t flags = offsetof(Mirak::SlotTableHeader, runtimeFlags);
    return {
@@ -224,19 +222,45 @@ inline std::vector<Scenario<Small>> lifeScenarios() {
            b.content.clear();
         }},
         true},
-       startOn("re-format: died inside an operation", [](Bench<S>& b) { b.poke("slots", flags, "\1"); }),
-       startOn(
+       startOn<S>("re-format: died inside an operation", [](Bench<S>& b) { b.poke("slots", flags, "\1"); }),
+       startOn<S>(
            "re-format: foreign slot file", [](Bench<S>& b) { b.poke("slots", 12, "\7\7\7\7"); }, true),
-       startOn(
+       startOn<S>(
            "re-format: foreign bucket file", [](Bench<S>& b) { b.poke("buckets", 12, "\7\7\7\7"); }, true),
-       startOn(
+       startOn<S>(
            "re-format: damaged header", [](Bench<S>& b) { b.poke("slots", 0, "X"); }, true),
-       startOn("re-format: damaged owner file", [](Bench<S>& b) { b.poke("owner", 20, "XXXX"); }),
-       startOn("re-format: no kestor file", [](Bench<S>& b) { b.unlink("kestor"); }),
-       startOn("re-format: no bucket file", [](Bench<S>& b) { b.unlink("buckets"); }),
-       startOn("re-format: no slot file", [](Bench<S>& b) { b.unlink("slots"); }),
-       startOn("re-format: no owner file", [](Bench<S>& b) { b.unlink("owner"); }),
+       startOn<S>("re-format: damaged owner file", [](Bench<S>& b) { b.poke("owner", 20, "XXXX"); }),
+       startOn<S>("re-format: no kestor file", [](Bench<S>& b) { b.unlink("kestor"); }),
+       startOn<S>("re-format: no bucket file", [](Bench<S>& b) { b.unlink("buckets"); }),
+       startOn<S>("re-format: no slot file", [](Bench<S>& b) { b.unlink("slots"); }),
+       startOn<S>("re-format: no owner file", [](Bench<S>& b) { b.unlink("owner"); }),
    };
+}
+
+/// A follower that is connected and never says how far it is: the queue keeps what it might need.
+struct SilentFollower final : Tessel::Followers {
+   void wake() noexcept override {}
+   bool anyConnected() const override { return true; }
+   Rusk::Sequence reportedByAll() const override { return 0; }
+   u64 clientQuiesced(std::string const&, Rusk::Sequence) override { return 0; }
+};
+
+/// What only the queue of a table does: its turns, and compactions whose entries stay for a follower.
+template <class S = QueuedSmall> std::vector<Scenario<S>> turnScenarios() {
+   std::vector<typename Scenario<S>::Act> changes;
+   for (u32 i = 0; i < 24; ++i) changes.push_back(i % 8 == 7 ? removes<S>(key(i % 4)) : puts<S>(key(i % 4)));
+   return {{"queue turns", fixedOf(6), holding<S>(4, {key(0), key(3), key(2)}), std::move(changes)}};
+}
+template <class W = QueuedWide> Scenario<W> compactBesideAFollower() {
+   static SilentFollower follower;
+   return {"compact beside a follower",
+           Mirak::MapDescriptor(100),
+           sparse<W>({1, 8, 9, 10}, twin),
+           {[](Bench<W>& b) {
+               b.writer().tesselWriter().followersIs(&follower);
+               b.remove(twin(9));
+            },
+            puts<W>(twin(10)), removes<W>(twin(1)), puts<W>(twin(9))}};
 }
 
 } // namespace Test

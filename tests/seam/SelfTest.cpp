@@ -27,6 +27,9 @@ TEST(Recorder, SeesEveryChange) {
    replayEqualsFiles(compactionScenarios());
    replayEqualsFiles(pairScenarios());
    replayEqualsFiles(lifeScenarios());
+   replayEqualsFiles(turnScenarios());
+   replayEqualsFiles(compactionScenarios<QueuedWide>());
+   replayEqualsFiles(lifeScenarios<QueuedSmall>());
 }
 
 TEST(Recorder, SeesEveryChangeWhereTheMappingMoves) {

@@ -6,6 +6,7 @@
 
 #include "Mirak/MirakReader.h"
 #include "Mirak/MirakWriter.h"
+#include "Mirak/TesselPos.h"
 
 #include <fmt/format.h>
 
@@ -41,8 +42,10 @@ inline u32 rowWord(Key key, u32 generation, u32 index) {
    return static_cast<u32>(mix >> 32) | 1u;
 }
 
-template <u32 Words> struct Row {
+/// @tparam queued whether the table has a change queue
+template <u32 Words, bool queued = false> struct Row {
    static_assert(Words >= 2);
+   static constexpr bool hasQueue = queued;
    static constexpr char const* typeName = "Test::Row";
 
    Key ownKey;
@@ -64,10 +67,13 @@ template <u32 Words> struct Row {
 };
 
 template <class R>
+using QueueOf = std::conditional_t<R::hasQueue, Tessel::TesselWriter<Tessel::BasicSlot, Mirak::TesselPos>,
+                                   Tessel::DummyTesselWriter>;
+template <class R>
 using OpsOf =
     Mirak::Ops<Key, R, Mirak::KeyOps<Key, R, Mirak::KeyRetrieval<Key, R, &R::key>, Mirak::Hash<Key, false>>,
                Mirak::ValueOps<Key, R, Mirak::Marshall<R>, Mirak::Allocator<R>>, Mirak::SlotAllocator<Key, R>,
-               Tessel::DummyTesselWriter, Mirak::NullPrevValueAnchor>;
+               QueueOf<R>, Mirak::NullPrevValueAnchor>;
 
 /// A table's content: the generation of each key.
 struct KeyLess {

@@ -257,6 +257,11 @@ public:
          }
       }
    }
+   /// A writer that begins anew has no connections: all followers are awake.
+   void disconnect() {
+      for (auto& copy : copies_) copy->sleep = Copy::Sleep::awake;
+      wake();
+   }
    void wake() noexcept override {
       for (auto& copy : copies_)
          if (std::exchange(copy->marked, false)) copy->sleep = Copy::Sleep::awake;

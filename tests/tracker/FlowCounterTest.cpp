@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// The rule by which a killed tracker goes on: whatever the table holds at the start and wherever the tracker
-// is killed, once, twice or three times, the last run leaves exactly the rows of its capture. Packets are few
-// and their keys fewer, so that every point of death can be tried. Under a second.
+// The rule by which a killed tracker goes on: whatever the table holds at the start, and wherever the tracker
+// dies in putting that right, the next run leaves exactly the rows of its capture. Packets are few and their
+// keys fewer, so that every point of death can be tried. Deaths on real tables: KillTest.cpp.
 #include "FlowCounter.h"
 #include "FlowTracking/HoFlowCounter.h"
 #include "MemoryStore.h"

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// The frame parser: one case for each rule of what counts, and for each frame here every shorter captured
-// length, in a buffer of exactly that length, so that a read beyond it is seen by the address sanitizer. What
-// a cut must not do is change anything but the ports and, for IPv6, how far the extension headers are known.
+// The frame parser: plain packets, each link layer, and every cut, in a buffer of exactly that length, so
+// that a read beyond it is seen by the address sanitizer. A cut must change nothing but the ports and, for
+// IPv6, how far the extension headers are known. The rules within Ethernet and IP are tried in
+// FrameRandomTest.cpp.
 #include "Frame.h"
 #include "Packets.h"
 

@@ -9,7 +9,7 @@ namespace Test {
 namespace {
 
 namespace fs = std::filesystem;
-using R = Row<1201>; // longer than a page, so a table of three rows has pages that a hole can take
+using R = Row<1201>; // longer than a page: the table begins with one slot, and grows at the second row
 
 Mirak::MapDescriptor localOf(u32 rows) {
    Mirak::MapDescriptor d(rows);

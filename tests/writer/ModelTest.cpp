@@ -33,8 +33,9 @@ Mirak::MapDescriptor sized(u32 rows, bool local = false, bool heap = false, bool
    return d;
 }
 
-using Small = Row<3>;   // 20 bytes: a 4-byte tail, and padding behind it
-using Wide = Row<61>;   // 8 slots in the first page
+using Small = Row<3>; // 20 bytes: a 4-byte tail, and padding behind it
+using Wide = Row<61>; // 8 slots in the first page
+using Queued = Row<3, true>;
 using Huge = Row<1201>; // longer than a page: the table begins with one slot
 
 template <class R> class Model {
@@ -284,7 +285,8 @@ protected:
       // What the case is about happened.
       if (GetParam().keys >= 700) {
          EXPECT_TRUE(done.bucketGrows > 0 && done.slotGrows > 0 && done.nextSlowPath > 0);
-         EXPECT_TRUE(done.slotShrinks > 0 && done.slotsMoved > 0);
+         // A local table is emptied by each restart, and its tides don't rise far.
+         EXPECT_TRUE(GetParam().descriptor.local || (done.slotShrinks > 0 && done.slotsMoved > 0));
       }
       if (GetParam().keys >= 700 && GetParam().descriptor.shrinkBuckets_) {
          EXPECT_GT(done.bucketShrinks, 0u);
@@ -303,6 +305,11 @@ protected:
 
 TEST_P(WriterModel, Small) { run<Small>(12000); }
 TEST_P(WriterModel, Wide) { run<Wide>(12000); }
+TEST_P(WriterModel, WithAQueue) {
+   Tessel::leastEntries = 8;
+   run<Queued>(12000);
+   Tessel::leastEntries = 510;
+}
 
 class WriterModelOfHugeRows : public WriterModel {};
 TEST_P(WriterModelOfHugeRows, FromOneSlotOn) { run<Huge>(GetParam().keys < 700 ? 800 : 8000); }

@@ -14,17 +14,10 @@
 #include "Mirak/MirakDummy.h"
 #include "Mirak/MirakReader.h"
 #include "Mirak/MirakWriter.h"
+#include "Mirak/TesselPos.h"
 #include "Tessel/DummyTesselWriter.h"
+#include "Tessel/TesselWriter.h"
 #include "ZebMirak/ZebMirakMapValueWrapper.h"
-
-namespace Tessel {
-struct HOFLOW_EXPORT BasicSlot;
-template <class Slot, class Position> class HOFLOW_EXPORT TesselWriter;
-} // namespace Tessel
-
-namespace Mirak {
-struct HOFLOW_EXPORT TesselPos;
-}
 
 namespace FlowTracking {
 
@@ -61,6 +54,10 @@ extern template class Mirak::MirakReader<FlowTracking::HoIpFlowCounterOps>;
 extern template class Mirak::MirakReader<FlowTracking::HoIp6FlowCounterOps>;
 extern template class Mirak::MirakReader<FlowTracking::HosStateCounterOps>;
 
+extern template class Mirak::MirakWriter<FlowTracking::HoIpFlowConfigOps>;
+extern template class Mirak::MirakWriter<FlowTracking::HoIp6FlowConfigOps>;
+extern template class Mirak::MirakWriter<FlowTracking::HoIpFlowStatusOps>;
+extern template class Mirak::MirakWriter<FlowTracking::HoIp6FlowStatusOps>;
 extern template class Mirak::MirakWriter<FlowTracking::HoIpFlowCounterOps>;
 extern template class Mirak::MirakWriter<FlowTracking::HoIp6FlowCounterOps>;
 extern template class Mirak::MirakWriter<FlowTracking::HosStateCounterOps>;

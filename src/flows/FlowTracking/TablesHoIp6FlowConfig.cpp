@@ -3,3 +3,4 @@
 #include "FlowTracking/Tables.h"
 
 template class Mirak::MirakReader<FlowTracking::HoIp6FlowConfigOps>;
+template class Mirak::MirakWriter<FlowTracking::HoIp6FlowConfigOps>;

@@ -3,3 +3,4 @@
 #include "FlowTracking/Tables.h"
 
 template class Mirak::MirakReader<FlowTracking::HoIp6FlowStatusOps>;
+template class Mirak::MirakWriter<FlowTracking::HoIp6FlowStatusOps>;

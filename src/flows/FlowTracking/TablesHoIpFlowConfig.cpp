@@ -3,3 +3,4 @@
 #include "FlowTracking/Tables.h"
 
 template class Mirak::MirakReader<FlowTracking::HoIpFlowConfigOps>;
+template class Mirak::MirakWriter<FlowTracking::HoIpFlowConfigOps>;

@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <sys/mman.h>
+#include <utility>
 
 namespace Mem {
 namespace {
@@ -82,8 +83,9 @@ char* Local::attach(u64 size, void* address) {
 
 char* Local::resize(u64 size) {
    if (!base_ || size == 0 || size > maxMappingSize()) return fail("resize", size, EINVAL);
-   if (heap_ || moveEachTime()) {
-      char* const fresh = allocate(size, nullptr);
+   if (heap_ || moveEachTime() || size == spareSize_) {
+      char* const fresh = size == spareSize_ ? std::exchange(spare_, nullptr) : allocate(size, nullptr);
+      spareSize_ = spare_ ? spareSize_ : 0;
       if (!fresh) return fail("resize", size, ENOMEM);
       std::memcpy(fresh, base_, std::min(size, size_));
       release(base_, size_);
@@ -101,7 +103,17 @@ char* Local::resize(u64 size) {
    return base_;
 }
 
+bool Local::reserve(u64 size) {
+   if (size <= size_ || size == spareSize_) return true;
+   if (!base_ || size > maxMappingSize()) return fail("reserve", size, EINVAL);
+   if (spare_) release(std::exchange(spare_, nullptr), spareSize_);
+   spare_ = allocate(size, nullptr);
+   spareSize_ = spare_ ? size : 0;
+   return spare_ || fail("reserve", size, ENOMEM);
+}
+
 void Local::detach() {
+   if (spare_) release(std::exchange(spare_, nullptr), std::exchange(spareSize_, 0));
    if (base_) release(base_, size_);
    base_ = nullptr;
    size_ = 0;

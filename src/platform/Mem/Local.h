@@ -39,6 +39,9 @@ public:
    char* attach(u64 size, void* address = nullptr);
    /// Keeps the contents up to the smaller size; what is new is zero. Null with everything left as it was.
    char* resize(u64 size);
+   /// Takes the memory of a later resize to `size` now, beside the present one: that resize can't fail. False
+   /// with lastError() set if there is none. Kept until a resize or detach.
+   bool reserve(u64 size);
    void detach();
 
    char* base() const { return base_; }
@@ -53,6 +56,8 @@ private:
    bool heap_;
    char* base_ = nullptr;
    u64 size_ = 0;
+   char* spare_ = nullptr;
+   u64 spareSize_ = 0;
    std::string lastError_;
 };
 

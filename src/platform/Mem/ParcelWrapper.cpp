@@ -313,7 +313,7 @@ bool ParcelWrapper::moveMapping(u64 extent) {
 #endif
 
 bool ParcelWrapper::reserve(u64 size, u64 coming) {
-   if (local_) return true;
+   if (local_) return localMemory_.reserve(size) || fail("reserve room in", size, localMemory_.lastError());
    if (!base_ || mode_ != Mode::writer)
       return fail("reserve room in", size, "it is not attached for writing");
    if (size > Local::maxMappingSize()) return fail("reserve room in", size, "the size is out of range");

@@ -34,18 +34,21 @@ void TesselWriter<Slot, Position>::resizeFile(Mem::ParcelWrapper& wrapper, u64 s
 }
 
 template <class Slot, class Position> void TesselWriter<Slot, Position>::reserveMore(u32 slots) {
-   if (!local_ && slots > reservedSlots_) {
+   // After an adoption there may be entries of slots that the table doesn't have any more.
+   u32 const all = std::max(slots, slotsLength_);
+   if (!local_ && all > reservedSlots_) {
       LOMI_ASSERT(attached(), debugHandler(), "no open queue: {}", headerWrapper_.getFilename());
-      u64 const entries = std::max<u64>(entriesFor(slots), leastEntries);
+      u64 const entries = std::max<u64>(entriesFor(all), leastEntries);
       if (entries > Mem::Local::maxMappingSize() / sizeof(QueueEntry) - 2)
          throw Lomi::MemoryResourceException(
-             fmt::format("a queue for {} slots is too large for {}", slots, headerWrapper_.getFilename()));
-      for (auto& wrapper : tables_) resizeFile(wrapper, tableFileSize(static_cast<u32>(entries)), slots);
-      resizeFile(slotsWrapper_, u64{4} * slots, slots);
-      if (slots > slotsLength_) fillPositions(slotsLength_, slots);
-      reservedSlots_ = slots;
+             fmt::format("a queue for {} slots is too large for {}", all, headerWrapper_.getFilename()));
+      for (auto& wrapper : tables_) resizeFile(wrapper, tableFileSize(static_cast<u32>(entries)), all);
+      resizeFile(slotsWrapper_, u64{4} * all, all);
+      if (all > slotsLength_) fillPositions(slotsLength_, all);
+      reservedSlots_ = all;
    }
    presentSlots_ = slots;
+   updateChores();
 }
 
 /// No entries for the slots from `from` to `to` - 1, which are new.
@@ -129,7 +132,8 @@ template <class Slot, class Position> u32 TesselWriter<Slot, Position>::carry(u6
          if (kept == 0) newBase = sequence;
          Mem::storeShared(out[kept].relative, static_cast<u32>(sequence - newBase));
          Mem::storeShared(out[kept].slot, slot);
-         if (!inCorral(sequence)) Mem::storeShared(positions_[slot], static_cast<Position>(kept));
+         if (!inCorral(sequence) && slot < slotsLength_)
+            Mem::storeShared(positions_[slot], static_cast<Position>(kept));
          namedSlots_ = std::max(namedSlots_, slot + 1);
          ++kept;
       }

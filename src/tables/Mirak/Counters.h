@@ -28,6 +28,14 @@ struct Counters {
    double longestBucketShrink = 0; ///< seconds
    u64 slotBytesMapped = 0;        ///< filled in by writerCounters()
    u64 bucketBytesMapped = 0;      ///< filled in by writerCounters()
+   // Of tables with a change queue; filled in by writerCounters().
+   u64 ruskCount = 0;          ///< wake-ups sent
+   u64 sequencesProcessed = 0; ///< messages in which a follower said how far it is
+   u32 readers = 0;            ///< followers that are connected
+   u32 sleepingReaders = 0;
+   u64 droppedPeers = 0; ///< connections that were closed for what they did
+   u64 queueTurns = 0;   ///< times that the queue changed its table
+   u64 queueBytesMapped = 0;
 };
 } // namespace Writer
 

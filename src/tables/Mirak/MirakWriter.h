@@ -27,6 +27,7 @@
 #include "Mirak/MirakInterface.h"
 #include "Mirak/SlotWriter.h"
 #include "Mirak/Util.h"
+#include "Mirak/WriterQueue.h"
 #include "MirakCore/WriterHashMap.h"
 #include "Parcel/KestorFile.h"
 #include "Parcel/OwnerFile.h"
@@ -107,7 +108,10 @@ public:
    MirakType type() const override { return MirakType::writer; }
    bool quiesced() const override { return this->initialized(); }
    Writer::Counters writerCounters() const override;
-   u64 sequence() const override { return 0; }
+   /// The last sequence that the change queue gave; 0 without a queue.
+   u64 sequence() const override;
+   /// Not 0 if followers of that name are connected and all of them have taken in everything so far.
+   u64 clientQuiesced(std::string const& name) const override;
    Mem::NaoRootPath rootPath() const override { return rootPath_; }
    std::string mirakName() const override { return rootPath_.dirName(); }
    Mem::MountStatus mountStatus() const override;
@@ -126,6 +130,8 @@ public:
    // For the validator and for tests that look inside.
    SlotTableType& slotTable() { return slots_; }
    HashMap& hashMap() { return map_; }
+   auto& tesselWriter() requires(Ops::hasChangeQueue) { return queue_.tesselWriter; }
+   auto& ruskSm() requires(Ops::hasChangeQueue) { return queue_.ruskSm; }
 
 private:
    struct Place {
@@ -167,12 +173,15 @@ private:
    [[gnu::cold, gnu::noinline]] void refuseUnbalanced(char const* what, std::string const& subject) const;
    void refuseReentrancy() const;
    void releaseDue();
+   bool releasePending() const;
+   void armRelease();
 
    void attach();
    void release();
    bool attach(Parcel::KestorId kestor);
    bool attachAndValidate(bool reformat, Parcel::OwnerFile& ownerFile, Parcel::TunnetInfo const& tunnetInfo);
    void beforeFormat();
+   void reserveQueue();
    bool standsInFiles() const;
 
    // Constant after construction.
@@ -198,7 +207,8 @@ private:
    std::optional<Mem::WriterLock> writerLock_;
    mutable SlotTableType slots_;
    mutable HashMap map_;
-   [[no_unique_address]] typename Ops::TesselWriter tesselWriter_;
+   mutable WriterQueue<Ops> queue_;
+   Lomi::Task releaseTimer_; ///< gives memory back when no operation comes any more
 };
 
 /// A complete table in this process's memory that says it isn't mounted.

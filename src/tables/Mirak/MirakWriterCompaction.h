@@ -41,7 +41,7 @@ template <class Ops> void MirakWriter<Ops>::shrink() {
 template <class Ops> void MirakWriter<Ops>::doMaybeShrinkSlots(u32 threshold) {
    if (threshold == 0) return;
    if constexpr (Ops::hasChangeQueue) {
-      if (tesselWriter_.shrinkMarker() != 0) {
+      if (queue_.tesselWriter.shrinkMarker() != 0) {
          LOMI_TRACE(debugHandler_, 5, "MirakWriter", "shrink started, ignoring shrinkThreshold:{}",
                     threshold);
          return;
@@ -53,8 +53,9 @@ template <class Ops> void MirakWriter<Ops>::doMaybeShrinkSlots(u32 threshold) {
    LOMI_TRACE(debugHandler_, 5, "MirakWriter", "threshold:{} shrinkThreshold:{}{}", newNumSlots, threshold,
               threshold > newNumSlots ? " SUPER SHRINK!" : "");
    Deadline deadline(criticalTaskCheck_);
+   map_.forgetCuts();
    purgeFreeSlots(newNumSlots, deadline);
-   if constexpr (Ops::hasChangeQueue) tesselWriter_.markShrinkStart();
+   if constexpr (Ops::hasChangeQueue) queue_.tesselWriter.markShrinkStart();
    u32 moved = 0;
    for (u32 from = newNumSlots; from < capacity; ++from, deadline.check()) {
       Slot& slot = slots_.slot(from);
@@ -69,9 +70,11 @@ template <class Ops> void MirakWriter<Ops>::doMaybeShrinkSlots(u32 threshold) {
       move(from, Mem::loadShared(slots_.header().freeSlots), *place.prev);
       ++moved;
    }
-   if constexpr (Ops::hasChangeQueue) tesselWriter_.markShrinkEnd();
+   if constexpr (Ops::hasChangeQueue) queue_.tesselWriter.markShrinkEnd();
    LOMI_TRACE(debugHandler_, 5, "MirakWriter", "newNumSlots:{}", newNumSlots);
    slots_.shrinkTo(newNumSlots);
+   if constexpr (Ops::hasChangeQueue) queue_.cutTo(newNumSlots);
+   armRelease();
    // A slot that comes back may have the word that it had: what was handed out of the tail is stale for good.
    if (anchor_.offset < Mem::anchorUnset && anchor_.offset >= slots_.wrapper().mappedSize())
       anchor_.offset = Mem::anchorGone;
@@ -136,11 +139,11 @@ template <class Ops> void MirakWriter<Ops>::move(u32 fromSlotId, u32 toSlotId, S
    publishLink(prev, toSlotId); // 6
    // SYNC(chain-link) store: whoever stands on the old slot's link sees that it is no longer the chain's.
    publishLink(from.link, next);
-   tesselWriter_.notify(toSlotId);      // 7
-   tesselWriter_.tombstone(fromSlotId); // 8
+   queue_.notify(toSlotId);      // 7
+   queue_.tombstone(fromSlotId); // 8
    // SYNC(slot-word) store: a reader inside the old slot starts over.
    Mem::storeShared(from.versionFlags, Mem::loadShared(from.versionFlags) & ~SlotFlags::occupied); // 9
-   tesselWriter_.notify(fromSlotId);                                                               // 10
+   queue_.notify(fromSlotId);                                                                      // 10
 }
 
 } // namespace Mirak

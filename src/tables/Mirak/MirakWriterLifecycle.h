@@ -32,8 +32,10 @@ MirakWriter<Ops>::MirakWriter(Lomi::Platform::DebugHandler const& handler, char 
    , quiesce_(std::move(quiesce))
    , criticalTaskCheck_(descriptor.criticalTaskCheck)
    , slots_(handler, rootPath_, descriptor, ops_, counters_, [this] { beforeFormat(); })
-   , map_(handler, rootPath_, descriptor.local, ops_, slots_, anchor_, counters_,
-          [this] { beforeFormat(); }) {
+   , map_(handler, rootPath_, descriptor.local, ops_, slots_, anchor_, counters_, [this] { beforeFormat(); })
+   , queue_(
+         handler, rootPath_, descriptor, SlotTableType::fileName, [this] { beforeFormat(); },
+         [this] { return kestorId_; }, criticalTaskCheck_) {
    if (descriptor.heap) {
       slots_.wrapper().useHeapIs(true);
       map_.buckets().wrapper().useHeapIs(true);
@@ -76,12 +78,13 @@ template <class Ops> void MirakWriter<Ops>::attach() {
    Parcel::KestorFile kestorFile(debugHandler_, rootPath_, localMem_);
    Parcel::OwnerFile ownerFile(debugHandler_, rootPath_, localMem_);
    ownerFile.lock();
-   Parcel::TunnetInfo const tunnetInfo;
+   Parcel::TunnetInfo tunnetInfo;
    if (localMem_) {
       auto const pid = static_cast<u16>(getpid());
       kestorId_ = Parcel::KestorId(pid != 0 ? pid : u16{1}, 0);
    } else {
       writerLock_.emplace(Mem::WriterLock::acquireWriterLock(debugHandler_, rootPath_, ownerFile, false));
+      if constexpr (Ops::hasChangeQueue) tunnetInfo = queue_.ruskSm.tunnetInfo();
       kestorId_ = kestorFile.readOrThrow();
       // A process with the number of the last one would make its id again (in a container each has the same),
       // and adopt what a crash half way through a format left.
@@ -103,7 +106,9 @@ template <class Ops> void MirakWriter<Ops>::attach() {
    }
    if (localMem_) return;
    Util::removeCorruptionFile(rootPath_);
+   if constexpr (Ops::hasChangeQueue) queue_.ruskSm.doEnableListen();
    kestorFile.write(kestorId_);
+   armRelease();
    LOMI_TRACE(debugHandler_, 1, "MirakWriter", "success {} capacity:{} kestorId:{} mtime:{} tunnetInfo:{}",
               rootPath_.str(), capacity(), kestorId_.text(), kestorFile.mtime(), tunnetInfo.socketName);
 }
@@ -139,6 +144,7 @@ bool MirakWriter<Ops>::attachAndValidate(bool reformat, Parcel::OwnerFile& owner
       attach(kestorId_); // the stored generation differs now, so every file formats itself
       if (!validate(kestorId_, error, false)) throw Lomi::InvalidInitializeException("failed validation");
    }
+   reserveQueue();
    if (localMem_) return true;
    ownerFile.tunnetInfoIs(tunnetInfo);
    bool const valid = ownerFile.validate(error);
@@ -157,7 +163,7 @@ template <class Ops> bool MirakWriter<Ops>::attach(Parcel::KestorId kestor) {
    slotsKept_ = result == MirakCore::attachedExisting;
    result |= map_.buckets().attach(kestor);
    map_.updateThresholds();
-   if constexpr (Ops::hasChangeQueue) result |= tesselWriter_.attach(kestor);
+   if constexpr (Ops::hasChangeQueue) result |= queue_.tesselWriter.attach(kestor);
    return result == MirakCore::attachedNew || result == MirakCore::attachedExisting;
 }
 
@@ -170,6 +176,14 @@ template <class Ops> void MirakWriter<Ops>::beforeFormat() {
    kestorRemoved_ = true;
    // SYNC(kestor) store: 0 is no generation. The slot file, kept a moment ago, will be formatted after all.
    if (slotsKept_) Mem::storeShared(slots_.header().kestor, u32{0});
+}
+
+/// Room for every change of a slot that the table has or the queue names.
+template <class Ops> void MirakWriter<Ops>::reserveQueue() {
+   if constexpr (Ops::hasChangeQueue) {
+      queue_.reserve(std::max(slots_.capacity(), queue_.tesselWriter.slotsLength()));
+      queue_.cutTo(slots_.capacity());
+   }
 }
 
 template <class Ops> bool MirakWriter<Ops>::validate() {
@@ -215,7 +229,7 @@ template <class Ops> bool MirakWriter<Ops>::validateFiles() {
    u64 const mapped = slots_.wrapper().mappedSize();
    Util::validateFile(debugHandler_, slots_.wrapper().getFilename(),
                       mapped ? mapped : SlotTable<Ops>::headerSize);
-   if constexpr (Ops::hasChangeQueue) tesselWriter_.validateFile();
+   if constexpr (Ops::hasChangeQueue) queue_.tesselWriter.validateFile();
    Parcel::KestorFile(debugHandler_, rootPath_, localMem_).validate(kestorId_);
    Parcel::OwnerFile(debugHandler_, rootPath_, localMem_).validateFile();
    Util::removeCorruptionFile(rootPath_);
@@ -228,7 +242,7 @@ template <class Ops> void MirakWriter<Ops>::detach(bool) {
    refuseReentrancy();
    if (directNew_) refuseUnbalanced("", "");
    directSlot_ = noSlot;
-   if constexpr (Ops::hasChangeQueue) tesselWriter_.onDetach();
+   if constexpr (Ops::hasChangeQueue) queue_.tesselWriter.onDetach();
    if (owner_) {
       try {
          Parcel::OwnerFile ownerFile(debugHandler_, rootPath_, localMem_);
@@ -252,6 +266,11 @@ template <class Ops> void MirakWriter<Ops>::detach(bool) {
 }
 
 template <class Ops> void MirakWriter<Ops>::release() {
+   releaseTimer_.cancel();
+   if constexpr (Ops::hasChangeQueue) {
+      queue_.ruskSm.disableListen();
+      queue_.tesselWriter.detach();
+   }
    slots_.detach();
    map_.buckets().detach();
    if (anchor_.offset != Mem::anchorUnset) anchor_.offset = Mem::anchorGone;
@@ -275,7 +294,7 @@ template <class Ops> void MirakWriter<Ops>::cleanup() {
                  ownerFile.headerToString());
    LOMI_TRACE(debugHandler_, 1, "MirakWriter", "removing Mirak files in {}", rootPath_.str());
    Util::removeCorruptionFile(rootPath_);
-   if constexpr (Ops::hasChangeQueue) tesselWriter_.cleanup();
+   if constexpr (Ops::hasChangeQueue) queue_.tesselWriter.cleanup();
    map_.buckets().cleanup();
    LOMI_TRACE(debugHandler_, 3, "MirakWriter", "removing file: {}", slots_.wrapper().getFilename());
    if (!slots_.wrapper().remove()) throw Lomi::RuntimeException(slots_.wrapper().lastError());
@@ -293,7 +312,45 @@ template <class Ops> std::string MirakWriter<Ops>::dumpHeaders() const {
 template <class Ops> Writer::Counters MirakWriter<Ops>::writerCounters() const {
    counters_.slotBytesMapped = slots_.wrapper().mappedSize();
    counters_.bucketBytesMapped = map_.buckets().wrapper().mappedSize();
+   if constexpr (Ops::hasChangeQueue) queue_.countInto(counters_);
    return counters_;
+}
+
+template <class Ops> u64 MirakWriter<Ops>::sequence() const {
+   if constexpr (Ops::hasChangeQueue)
+      return attached() ? queue_.tesselWriter.tail() : 0;
+   else
+      return 0;
+}
+
+template <class Ops> u64 MirakWriter<Ops>::clientQuiesced(std::string const& name) const {
+   if constexpr (Ops::hasChangeQueue)
+      return queue_.tesselWriter.clientQuiesced(name);
+   else
+      return 0;
+}
+
+template <class Ops> bool MirakWriter<Ops>::releasePending() const {
+   return slots_.wrapper().releasePending() || map_.buckets().wrapper().releasePending() ||
+          queue_.releasePending();
+}
+
+/// Every operation gives back in passing what is due. This is for the table to which none comes any more: it
+/// needs an agent that runs its loop.
+template <class Ops> void MirakWriter<Ops>::armRelease() {
+   constexpr double pause = 0.11; // a little more than the time that readers are given
+   if (releaseTimer_.active() || !releasePending()) return;
+   auto const release = [this] {
+      releaseDue();
+      if (!releasePending()) releaseTimer_.cancel();
+   };
+   try {
+      releaseTimer_ =
+          Lomi::TaskSchedulerRoot::root().timerTask(pause, release, Lomi::TaskPriority::normal, pause);
+   } catch (std::exception const& e) {
+      // No descriptor left, say. The operation that we are in is good; the next one gives back what is due.
+      LOMI_TRACE(debugHandler_, 0, "MirakWriter", "no timer for {}: {}", rootPath_.str(), e.what());
+   }
 }
 
 template <class Ops> Mem::MountStatus MirakWriter<Ops>::mountStatus() const {

@@ -3,7 +3,8 @@
 //
 // The numbered stores below are the protocol that readers rest on; their order is fixed. What a crash between
 // any two leaves: the critical section bit is set from the first to the last, so the next start re-formats.
-// (Two exceptions by design: directCommit after directUpdate, and lookups and misses, which change nothing.)
+// (Two exceptions by design: directCommit after directUpdate in a table without a change queue, whose value
+// lies whole in `lookaside`, and lookups and misses, which change nothing.)
 #pragma once
 
 #include "Mirak/KeyText.h"
@@ -55,13 +56,20 @@ template <class Ops> void MirakWriter<Ops>::releaseDue() {
       slots_.wrapper().releaseTailIfDue();
    if (map_.buckets().wrapper().releasePending()) [[unlikely]]
       map_.buckets().wrapper().releaseTailIfDue();
+   if (queue_.releasePending()) [[unlikely]]
+      queue_.release();
 }
 
-/// Makes sure, before the first store of an insert, that the index can grow after it: a row that is linked
-/// must not be left behind by an exception.
+/// Makes sure, before the first store of an insert, that the index can grow after it, and that the change can
+/// be announced: a row that is linked must not be left behind by an exception.
 template <class Ops> void MirakWriter<Ops>::prepareInsert() {
-   if (members() + 1 > map_.growThreshold()) [[unlikely]]
-      map_.reserveGrow();
+   if (u32 const rows = members() + 1; map_.wantsPreparation(rows)) [[unlikely]]
+      map_.prepareGrow(rows);
+   if constexpr (Ops::hasChangeQueue) {
+      queue_.prepare(slots_.preparedSlots());
+      if (slots_.full() && !slots_.fixedSize()) [[unlikely]]
+         queue_.reserve(slots_.nextCapacity());
+   }
 }
 
 /// Steps 1 to 4 of an insert: a slot off the free list with its rhash set, and links that are right again if
@@ -107,7 +115,7 @@ typename MirakWriter<Ops>::Value const* MirakWriter<Ops>::write(Value const& val
                  place.bucket, slots_.indexOf(slot), Mem::loadPair(slot.link).next);
       if (overwrite) {
          overwriteSlot(slot, value);
-         tesselWriter_.notify(slots_.indexOf(slot)); // 5
+         queue_.notify(slots_.indexOf(slot)); // 5
       }
       return reinterpret_cast<Value const*>(slot.value);
    }
@@ -123,11 +131,12 @@ typename MirakWriter<Ops>::Value const* MirakWriter<Ops>::write(Value const& val
    Mem::storeShared(slot.versionFlags, (word + 4) | SlotFlags::occupied);
    // SYNC(chain-link) store: publishes the row; a reader that follows this link sees all of the above.
    publishLink(*place.prev, index); // 8
+   map_.inserted(place.bucket, place.prev, Lomi::Util::reverse(place.hash), index);
    LOMI_TRACE(debugHandler_, 9, "MirakWriter", "new {} bucket:{} slot:{} next:{}", keyText(key), place.bucket,
               index, Mem::loadPair(slot.link).next);
    if (members() > map_.growThreshold()) [[unlikely]]
-      growBuckets();            // 9
-   tesselWriter_.notify(index); // 10
+      growBuckets();     // 9
+   queue_.notify(index); // 10
    return reinterpret_cast<Value const*>(slot.value);
 }
 
@@ -147,9 +156,11 @@ template <class Ops> bool MirakWriter<Ops>::remove(Key const& key, Value& remove
    u32 const index = slots_.indexOf(slot);
    Mem::loadShared(&removed, slot.value, sizeof(Value));
    // SYNC(chain-link) store: out of the chain. A reader on the slot still follows the slot's own link.
-   publishLink(*place.prev, Mem::loadPair(slot.link).next);
+   u32 const next = Mem::loadPair(slot.link).next;
+   publishLink(*place.prev, next);
+   map_.removed(place.bucket, place.prev, index, next);
    u32 const shrinkThreshold = slots_.dealloc(index);
-   tesselWriter_.notify(index);
+   queue_.notify(index);
    LOMI_TRACE(debugHandler_, 9, "MirakWriter", "{} bucket:{} slot:{}", keyText(Ops::key(removed)),
               place.bucket, index);
    if (shrinkThreshold != 0) [[unlikely]]
@@ -167,6 +178,7 @@ template <class Ops> void MirakWriter<Ops>::growBuckets() {
 template <class Ops> void MirakWriter<Ops>::shrinkBuckets() {
    Restructuring const guard(*this);
    map_.shrinkBuckets(criticalTaskCheck_);
+   armRelease();
 }
 
 template <class Ops>
@@ -245,6 +257,9 @@ template <class Ops> void MirakWriter<Ops>::directCommit() {
                "not in direct mode! Make sure the DirectIs/Commit are properly paired!");
    u32 const index = directSlot_;
    Slot& slot = slots_.slot(index);
+   // After directUpdate() nothing is marked. A change that is in the slot and not in the queue would be
+   // adopted, and no follower would ever learn of it.
+   if constexpr (Ops::hasChangeQueue) slots_.markCriticalSection();
    if (directNew_) publishLink(slot.link, Mem::loadPair(*directPrevLink_).next); // 2
    ++counters_.directCommits;
    u32 const word = Mem::loadShared(slot.versionFlags);
@@ -267,11 +282,13 @@ template <class Ops> void MirakWriter<Ops>::directCommit() {
    directSlot_ = noSlot;                    // 5
    if (directNew_) {                        // 6
       publishLink(*directPrevLink_, index); // SYNC(chain-link) store: publishes the row
+      u32 const rhash = Mem::loadShared(slot.rhash);
+      map_.inserted(map_.bucketOf(Lomi::Util::reverse(rhash)), directPrevLink_, rhash, index);
       directNew_ = false;
    }
    if (members() > map_.growThreshold()) [[unlikely]]
       growBuckets();              // 7
-   tesselWriter_.notify(index);   // 8
+   queue_.notify(index);          // 8
    slots_.leaveCriticalSection(); // 9
 }
 

@@ -64,6 +64,11 @@ public:
    u32 capacity() const { return capacity_; }
    u32 minSlots() const { return minSlots_; }
    u32 maxSlots() const { return maxSlots_; }
+   bool fixedSize() const { return fixedSize_; }
+   bool full() const { return Mem::loadShared(header_->freeSlots) == noSlot; }
+   u32 nextCapacity() const { return grownCapacity(capacity_, maxSlots_); }
+   /// Slots that are formatted; more than capacity() while a growth is prepared.
+   u32 preparedSlots() const { return prepared_; }
    u32 occupiedSlots() const { return Mem::loadShared(header_->occupiedSlots); }
    Mem::ParcelWrapper& wrapper() { return wrapper_; }
    Mem::ParcelWrapper const& wrapper() const { return wrapper_; }
@@ -90,7 +95,7 @@ public:
    Slot& takeFreeSlot() {
       if (occupiedSlots() >= prepareAt_) [[unlikely]]
          prepareGrow();
-      if (Mem::loadShared(header_->freeSlots) == noSlot) [[unlikely]]
+      if (full()) [[unlikely]]
          growOrRefuse();
       return slot(Mem::loadShared(header_->freeSlots));
    }
@@ -141,6 +146,13 @@ public:
       // it.
       Mem::storeShared(header_->runtimeFlags, static_cast<u16>(flags | Header::inCriticalSection));
       return CriticalSectionAnchor(*this);
+   }
+   /// Whether or not a section is open: it is now, until leaveCriticalSection().
+   void markCriticalSection() {
+      u16 const flags = Mem::loadShared(header_->runtimeFlags);
+      if (flags & Header::inCriticalSection) return;
+      // SYNC(critical-section) store
+      Mem::storeShared(header_->runtimeFlags, static_cast<u16>(flags | Header::inCriticalSection));
    }
    void leaveCriticalSection() {
       // SYNC(critical-section) store: the last store of an operation.
@@ -322,7 +334,7 @@ template <class Ops> void SlotWriterTable<Ops>::formatFreeSlots(u32 start, u32 e
 /// the last sixteenth of the slots fills up, as often as that the pieces are done in time. Running out of
 /// space is no error here; the grow will say so if it comes.
 template <class Ops> void SlotWriterTable<Ops>::prepareGrow() {
-   u32 const to = grownCapacity(capacity_, maxSlots_);
+   u32 const to = nextCapacity();
    u32 const end = std::min(to, prepared_ + preparedBytes / Table::slotSize);
    u64 const size = Table::headerSize + u64{end} * Table::slotSize;
    prepareAt_ = noSlot;
@@ -344,7 +356,7 @@ template <class Ops> bool SlotWriterTable<Ops>::grow() {
           "the slot table is full but numSlots: {} and occupiedSlots: {} are not equal", stored, occupied));
    if (fixedSize_) return false;
    u32 const from = capacity_;
-   u32 const to = grownCapacity(from, maxSlots_);
+   u32 const to = nextCapacity();
    if (to > maxSlots_)
       LOMI_TRACE(debugHandler_, 5, "SlotWriterTable", "overflowing by {} slots", to - maxSlots_);
    resize(to);

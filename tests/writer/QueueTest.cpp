@@ -1,0 +1,218 @@
+// SPDX-License-Identifier: Apache-2.0
+// A writer with a change queue: what of the queue lives through a restart, what the audit says of a queue
+// that doesn't fit its table, and that a table gives memory back again and again, whoever follows it.
+#include "Fixture.h"
+
+#include "Scenarios.h"
+
+#include <fcntl.h>
+#include <sys/resource.h>
+
+namespace Test {
+namespace {
+
+using R = QueuedSmall;
+using Writer = WriterOf<R>;
+using Tessel::QueueHeader;
+using Tessel::QueueTable;
+
+/// A table at rest, of six slots. Slot 0 and 2 hold rows; slot 1's was removed.
+///   position  0       1          2       3
+///   sequence  1       2          3       4
+///   names     slot 0  tombstone  slot 2  slot 1
+class AtRest : public testing::Test {
+protected:
+   void SetUp() override {
+      std::filesystem::remove_all(directory());
+      auto writer = open<R>("rest", fixedOf(6), quiet());
+      for (u32 i = 0; i < 3; ++i) writer->write(R::make(key(i, i), 1), true);
+      R removed;
+      writer->remove(key(1, 1), removed);
+      kestor_ = writer->kestorId();
+      ASSERT_EQ(writer->sequence(), 4u);
+   }
+   static std::string directory() { return testRoot() + "/rest"; }
+   template <class Word> static void poke(char const* file, std::size_t at, Word word) {
+      int const fd = ::open((directory() + "/" + file).c_str(), O_RDWR);
+      ASSERT_EQ(::pwrite(fd, &word, sizeof word, static_cast<off_t>(at)), static_cast<ssize_t>(sizeof word));
+      ::close(fd);
+   }
+   /// The current table: the first one is of generation 1.
+   static void entryIs(u32 pos, u32 slot) {
+      poke("tessel.1", sizeof(QueueTable) + pos * sizeof(Tessel::QueueEntry) + 4, slot);
+   }
+   static void positionIs(u32 slot, u32 pos) { poke("tessel.slots", slot * 4, pos); }
+   void startSays(std::string const& words) {
+      Traces const traces;
+      auto const writer = open<R>("rest", fixedOf(6));
+      EXPECT_TRUE(traces.has(0, "validation failed: " + words)) << words << "\n" << traces.text();
+      EXPECT_NE(writer->kestorId(), kestor_);
+      EXPECT_EQ(writer->members(), 0u);
+      EXPECT_TRUE(writer->validate());
+   }
+   Parcel::KestorId kestor_;
+};
+
+TEST_F(AtRest, IsAdoptedAndGoesOn) {
+   auto const writer = open<R>("rest", fixedOf(6), quiet());
+   EXPECT_EQ(writer->kestorId(), kestor_);
+   EXPECT_EQ(writer->sequence(), 4u);
+   auto const& queue = writer->tesselWriter();
+   EXPECT_EQ(queue.count(), 4u);
+   EXPECT_EQ(queue.notification(1).slot, Tessel::tombstoneSlot);
+   EXPECT_EQ(queue.notification(3).slot, 1u);
+   writer->write(R::make(key(0, 0), 2), true);
+   writer->write(R::make(key(0, 0), 2), true); // an equal row is a change, too
+   writer->write(R::make(key(0, 0), 3), false);
+   EXPECT_EQ(writer->sequence(), 6u);
+   EXPECT_EQ(queue.tesselSlot(0), 5u);
+   EXPECT_EQ(writer->writerCounters().queueBytesMapped, queue.mappedSize());
+   EXPECT_EQ(writer->clientQuiesced(""), 0u);
+   EXPECT_EQ(writer->clientQuiesced("nobody"), 0u);
+   EXPECT_TRUE(writer->validateFiles());
+}
+
+TEST_F(AtRest, OccupiedSlotBehindTheQueue) {
+   positionIs(0, 9);
+   startSays("slot:0 bad tessel index:9 size:4");
+}
+TEST_F(AtRest, OccupiedSlotWithAnothersEntry) {
+   positionIs(0, 2);
+   startSays("slot:0 bad notification:2 slot:2");
+}
+TEST_F(AtRest, FreeSlotBehindTheQueue) {
+   positionIs(1, 9);
+   startSays("slot index:1 has out of range tessel slot: 9");
+}
+TEST_F(AtRest, FreeSlotWithAnothersEntry) {
+   positionIs(1, 2);
+   startSays("slot index:1 has slot:2 with wrong tessel slot:2");
+}
+TEST_F(AtRest, CurrentEntryInACorral) {
+   poke("tessel", offsetof(QueueHeader, corralStart), u64{1});
+   poke("tessel", offsetof(QueueHeader, corralEnd), u64{2});
+   startSays("corral pos:0 seq:1 slot:0 tesselPos:0");
+}
+TEST_F(AtRest, CompactionCutShort) {
+   poke("tessel", offsetof(QueueHeader, corralStart), u64{5});
+   startSays("unfinished compaction corralStart:5");
+}
+TEST_F(AtRest, SecondEntryOfAnOccupiedSlot) {
+   entryIs(1, 0);
+   startSays("occupied slot:0 on deleted notification:1");
+}
+TEST_F(AtRest, EntryOfAnOccupiedSlotThatClaimsNone) {
+   positionIs(2, Tessel::noPosition);
+   startSays("occupied slot:2 on deleted notification:2");
+}
+TEST_F(AtRest, SecondEntryOfAFreeSlot) {
+   entryIs(1, 1);
+   startSays("tessel pos:1 has slot:1 seq:2 with wrong tesselSlot:3");
+}
+TEST_F(AtRest, EntryOfASlotThatNeverWas) {
+   poke("slots", offsetof(Mirak::SlotTableHeader, mostSlots), u32{60}); // or the queue alone would say so
+   entryIs(1, 50);
+   startSays("tessel pos:1 has slot:50 seq:2 with wrong tesselSlot:4294967295");
+}
+TEST_F(AtRest, CountBeyondTheTable) {
+   poke("tessel.1", offsetof(QueueTable, count), u32{1000});
+   Traces const traces;
+   auto const writer = open<R>("rest", fixedOf(6));
+   EXPECT_TRUE(traces.has(0, "bad queue count:1000")) << traces.text();
+   EXPECT_EQ(writer->members(), 0u);
+}
+TEST_F(AtRest, OccupiedSlotsMayHaveNoEntry) {
+   entryIs(0, Tessel::tombstoneSlot);
+   positionIs(0, Tessel::noPosition);
+   auto const writer = open<R>("rest", fixedOf(6), quiet());
+   EXPECT_EQ(writer->kestorId(), kestor_);
+   EXPECT_EQ(writer->members(), 2u);
+}
+TEST_F(AtRest, AFileOfTheQueueIsGone) {
+   for (char const* file : {"tessel", "tessel.0", "tessel.1", "tessel.slots"}) {
+      SetUp();
+      std::filesystem::remove(directory() + "/" + file);
+      auto const writer = open<R>("rest", fixedOf(6), quiet());
+      EXPECT_NE(writer->kestorId(), kestor_) << file;
+      EXPECT_EQ(writer->members(), 0u);
+      EXPECT_TRUE(writer->validate());
+   }
+}
+
+TEST(Queue, LivesInPrivateMemoryWithoutFiles) {
+   Mirak::MapDescriptor local(10);
+   local.local = true;
+   auto const writer = open<QueuedWide>("local", local, quiet());
+   Content content;
+   QueuedWide removed;
+   for (u32 i = 0; i < 40; ++i) writer->write(QueuedWide::make(key(i, i), content[key(i, i)] = 1), true);
+   for (u32 i = 0; i < 37; ++i) {
+      writer->remove(key(i, i), removed);
+      content.erase(key(i, i));
+   }
+   EXPECT_EQ(difference(*writer, content, {key(1, 1), key(38, 38)}), "");
+   EXPECT_GT(writer->writerCounters().slotShrinks, 0u);
+   EXPECT_EQ(writer->tesselWriter().count(), 0u);
+   EXPECT_EQ(writer->ruskSm().readers(), 0u);
+   EXPECT_FALSE(std::filesystem::exists(testRoot() + "/local"));
+}
+
+/// A hundred times from nothing to 60 rows and back.
+TEST(Queue, CompactsEveryTime) {
+   SilentFollower silent;
+   for (bool followed : {false, true}) {
+      std::filesystem::remove_all(testRoot() + "/tides");
+      auto const writer = open<QueuedWide>("tides", Mirak::MapDescriptor(100), quiet());
+      if (followed) writer->tesselWriter().followersIs(&silent);
+      QueuedWide removed;
+      u64 largest = 0;
+      for (u32 tide = 0; tide < 100; ++tide) {
+         for (u32 i = 0; i < 60; ++i) writer->write(QueuedWide::make(key(i, i), tide + 1), true);
+         largest = std::max(largest, writer->tesselWriter().mappedSize());
+         // One row stays and moves each time. Some of the others stay until the end, too.
+         for (u32 i = 0; i < 59; ++i) writer->remove(key((i * 7) % 59, (i * 7) % 59), removed);
+         EXPECT_EQ(writer->capacity(), writer->minSize()) << "tide " << tide << " followed " << followed;
+      }
+      EXPECT_GE(writer->writerCounters().slotShrinks, 100u);
+      EXPECT_LE(largest, Mem::roundUpToPage(1) * 8) << "the queue's files grow from tide to tide";
+      EXPECT_TRUE(writer->validate());
+      bool found;
+      EXPECT_EQ(writer->lookup(key(59, 59), found, nullptr)->generation(), 100u);
+   }
+}
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+// Private memory runs out where the index of a local table would double. The row is refused, not left behind.
+TEST(Queue, NoMemoryForMoreBuckets) {
+   auto const child = [](bool heap) {
+      Mirak::MapDescriptor local(1u << 20);
+      local.local = true;
+      local.heap = heap;
+      auto const writer = open<R>("short", local, quiet());
+      constexpr u32 rows = 1u << 17;
+      for (u32 i = 0; i < rows; ++i) writer->write(R::make(key(i, i), 1), true);
+      std::ifstream statm("/proc/self/statm");
+      u64 pages = 0;
+      statm >> pages;
+      rlimit const limit{pages * 4096 + (1u << 19), RLIM_INFINITY};
+      ::setrlimit(RLIMIT_AS, &limit);
+      std::string refused;
+      try {
+         writer->write(R::make(key(rows, rows), 1), true);
+      } catch (Lomi::MemoryResourceException const& e) {
+         refused = e.what();
+      }
+      bool found;
+      writer->lookup(key(rows, rows), found, nullptr);
+      bool const good = refused.find("buckets from 131072 to 262144 buckets") != refused.npos && !found &&
+                        writer->members() == rows;
+      fmt::print(stderr, "{} found:{} members:{}\n", refused, found, writer->members());
+      ::_exit(good ? 0 : 1);
+   };
+   for (bool heap : {false, true})
+      EXPECT_EXIT(child(heap), testing::ExitedWithCode(0), "") << "heap " << heap;
+}
+#endif
+
+} // namespace
+} // namespace Test
