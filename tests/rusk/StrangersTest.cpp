@@ -256,15 +256,8 @@ TEST(Strangers, AnotherUser) {
          raw.say(hello(writer.rusk.tableId()));
          return firstWord(raw);
       });
-      int result = -2;
-      runUntil([&] {
-         int status;
-         if (::waitpid(child.pid(), &status, WNOHANG) != child.pid()) return false;
-         result = WIFEXITED(status) ? WEXITSTATUS(status) : -3;
-         return true;
-      });
-      child.forget();
-      return result;
+      EXPECT_TRUE(runUntil([&] { return child.ended(); }));
+      return child.wait();
    };
    EXPECT_EQ(attempt(0640, {}), 0);
    EXPECT_EQ(attempt(0640, {5}), 0);

@@ -86,15 +86,24 @@ public:
    }
    /// @return the exit status, or minus the signal
    int wait() {
-      if (pid_ <= 0) return status_;
-      int status = 0;
-      while (::waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
+      while (!ended(0)) {
       }
-      pid_ = 0;
-      return status_ = WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+      return status_;
    }
+   /// Without waiting. If so, wait() gives the status.
+   bool ended() { return ended(WNOHANG); }
 
 private:
+   bool ended(int options) {
+      if (pid_ <= 0) return true;
+      int status = 0;
+      pid_t const got = ::waitpid(pid_, &status, options);
+      if (got == 0 || (got < 0 && errno == EINTR)) return false;
+      pid_ = 0;
+      status_ = WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+      return true;
+   }
+
    pid_t pid_ = 0;
    int status_ = 0;
 };
