@@ -74,6 +74,7 @@ public:
    /// @param prev the link that points at the entry, or after which the key belongs
    /// @param curr the entry's link, or that of the entry that stopped the walk, or `*prev`
    bool find(Key const& key, u32 bucket, SlotLink** prev, SlotLink** curr, u32 hash) {
+      if (bucket < cutsTo_) Mem::prefetchShared(&cuts_[bucket]); // inserted() or removed() will ask for it
       return seek(key, bucket, prev, curr, hash, "corrupt key detected, slotId: {}");
    }
    /// The key's slot, or null.
