@@ -168,14 +168,14 @@ private:
       bool more = writer_->first(row, hint);
       for (u32 steps = random_() % 20; more && steps > 0; --steps) more = writer_->next(row.key(), row, hint);
       if (!more) return;
-      Place const place{row.key(), hint, writer_->buckets()};
+      Place const place{row.key(), hint};
       if (places_.size() < 32) places_.push_back(place);
       places_[random_() % places_.size()] = place;
    }
    /// Whatever happened since, the walk goes on behind the key. A hint of another place must only do no harm.
    void resume() {
       if (places_.empty()) return;
-      auto [key, hint, buckets] = places_[random_() % places_.size()];
+      auto [key, hint] = places_[random_() % places_.size()];
       if (random_() % 8 == 0) {
          R row;
          if (writer_->next(any(), row, hint)) {
@@ -184,8 +184,7 @@ private:
          return;
       }
       resume(*writer_, key, hint);
-      // The bucket in a reader's hint is that of the bucket count of then.
-      if (reader_) resume(*reader_, key, buckets == writer_->buckets() ? hint : Mirak::IterHint{});
+      if (reader_) resume(*reader_, key, hint);
    }
    template <class Table> void resume(Table const& table, Key key, Mirak::IterHint hint) {
       R row;
@@ -248,7 +247,6 @@ private:
    struct Place {
       Key key;
       Mirak::IterHint hint;
-      u32 buckets;
    };
    std::vector<Place> places_;
    bool growing_ = true;

@@ -114,7 +114,9 @@ private:
    bool goOnAfter(Walk walk, Key const& key, u32 bucket, u32 endLink, Value& value, IterHint& hint) const;
    u32 successor(u32 bucket, u32 endLink) const;
 
+   u32 bucketOf(u32 hash) const { return hash & (buckets_.numBuckets() - 1); }
    bool belongs(u32 hash, u32 bucket) const;
+   bool outdated(u32 rhash, IterHint const& hint) const;
    u32 checkKey(Walk walk, Key const& key, u32 bucket) const;
    static ReaderErrors::KeyBytes bytesOf(Key const& key) { return {&key, sizeof key}; }
 

@@ -85,6 +85,12 @@ template <class Owner> bool ReaderHashMap<Owner>::next(Key const& key, Value& va
    return nextSlow(key, value, hint);
 }
 
+/// Whether the bucket count has changed since the caller got the hint of this row. Not only this step may
+/// have followed the change: any operation of the same reader in between has.
+template <class Owner> inline bool ReaderHashMap<Owner>::outdated(u32 rhash, IterHint const& hint) const {
+   return bucketOf(Lomi::Util::reverse(rhash)) != hint.bucket;
+}
+
 /// Follows the link of the hint's slot. `unfit`: the row there is no longer the one that the caller saw, or
 /// the row behind it is not the one that comes next.
 template <class Owner>
@@ -103,7 +109,7 @@ template <class Owner>
    if (!(Mirak::loadKey<Key>(last.value) == key)) return Fast::unfit;
    // (3) The last of its chain.
    if (place.ends()) {
-      if (!place.stands()) [[unlikely]]
+      if (!place.stands() || outdated(hinted.rhash, hint)) [[unlikely]]
          return Fast::unfit;
       endLink = place.link.next;
       return Fast::chainEnd;
@@ -119,7 +125,11 @@ template <class Owner>
    if (!read.occupied()) [[unlikely]]
       ReaderErrors::notOccupied(Walk::nextFast, index, bytesOf(found), 0);
    // (7)
-   u32 const hash = checkKey(Walk::nextFast, found, hint.bucket);
+   u32 const hash = reader_->ops_.hash(found);
+   if (bucketOf(hash) != hint.bucket) [[unlikely]] {
+      if (outdated(hinted.rhash, hint)) return Fast::unfit;
+      checkKey(Walk::nextFast, found, hint.bucket);
+   }
    // (8) Rows ascend. One that doesn't means a loop or a damaged place: the slow path, which counts, decides.
    bool const above = read.rhash > hinted.rhash || (read.rhash == hinted.rhash && key < found);
    if (!above || Lomi::Util::reverse(hash) != read.rhash) [[unlikely]]
@@ -137,7 +147,7 @@ template <class Owner>
 [[gnu::noinline]] bool ReaderHashMap<Owner>::nextSlow(Key const& key, Value& value, IterHint& hint) const {
    ++reader_->counters_.nextSlowPath;
    u32 const hash = reader_->ops_.hash(key);
-   u32 const bucket = hash & (buckets_.numBuckets() - 1);
+   u32 const bucket = bucketOf(hash);
    u32 const target = Lomi::Util::reverse(hash);
    Chain const chain = walkChain<Walk::nextSlow>(
        bucket, reinterpret_cast<unsigned char*>(&value), [&key, target](u32 rhash, Key const& slotKey) {
