@@ -46,6 +46,21 @@ char* mapFile(void* at, u64 bytes, int protection, int flags, int fd, u64 offset
    return base == MAP_FAILED ? nullptr : static_cast<char*>(base);
 }
 
+constexpr u64 hugePageSize = u64{2} << 20;
+
+// Holds `bytes` (whole pages) of address space from a multiple of hugePageSize on, or from `wish` if that is
+// free. Null if the kernel refuses.
+char* reserveAligned(u64 bytes, void* wish) {
+   u64 const more = wish ? 0 : hugePageSize - pageSize_;
+   char* const from =
+       mapFile(wish, bytes + more, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+   if (!from || wish) return from;
+   u64 const skip = (hugePageSize - reinterpret_cast<std::uintptr_t>(from) % hugePageSize) % hugePageSize;
+   if (skip) ::munmap(from, skip);
+   if (skip < more) ::munmap(from + skip + bytes, more - skip);
+   return from + skip;
+}
+
 char* reserveAddresses(void* wish) {
    char* const base = reserveAligned(writerArea, wish);
    if (base) ::madvise(base, writerArea, MADV_DONTFORK);
@@ -119,7 +134,7 @@ char* ParcelWrapper::attachWriter(u64 size, void* address) {
    u64 const before = memSize();
    base_ = reserveAddresses(address);
    area_ = base_ ? writerArea : 0;
-   if (!reserveBlocks(size, size)) return nullptr;
+   if (!reserveBlocks(size)) return nullptr;
    if (!mapUpTo(roundUpToPage(size))) {
       cutBackTo(before);
       return nullptr;
@@ -155,13 +170,11 @@ char* ParcelWrapper::attachReader(u64 size, void* address) {
    return attached(base, size);
 }
 
-// [0, reserved_) has its blocks; asks for those up to `size`, or for a few more where the owner will need
-// `coming` bytes soon. On failure the file is as long as before.
-bool ParcelWrapper::reserveBlocks(u64 size, u64 coming) {
+// [0, reserved_) has its blocks; asks for those up to `size`. On failure the file is as long as before.
+bool ParcelWrapper::reserveBlocks(u64 size) {
    if (size <= reserved_) return true;
    u64 const before = memSize();
    u64 const from = reserved_ / pageSize_ * pageSize_;
-   size = makeHugePages(from, size, coming);
    auto const outcome = FileCalls::allocate(file_.get(), getFilename(), from, size - from);
    if (!outcome) {
       cutBackTo(before);
@@ -169,21 +182,6 @@ bool ParcelWrapper::reserveBlocks(u64 size, u64 coming) {
    }
    reserved_ = size;
    return true;
-}
-
-// Before [from, size) is asked for page by page: makes huge pages of those places that `coming` fills anyway.
-// An empty place then needs no copy, only one page to begin with. Returns `size`, or the end of the last huge
-// page if that is more.
-u64 ParcelWrapper::makeHugePages(u64 from, u64 size, u64 coming) {
-   if (!area_) return size;
-   for (u64 at = from / hugePageSize * hugePageSize; at < size && at + hugePageSize <= coming;
-        at += hugePageSize) {
-      if (!hugePages_.possible() || !mapUpTo(at + hugePageSize) ||
-          !FileCalls::allocate(file_.get(), getFilename(), std::max(from, at), pageSize_))
-         break;
-      if (hugePages_.make(base_ + at)) size = std::max(size, at + hugePageSize);
-   }
-   return size;
 }
 
 // Pieces within the old length aren't given back here: whether they had blocks before isn't known, and they
@@ -239,7 +237,7 @@ char* ParcelWrapper::resize(u64 size) {
 char* ParcelWrapper::resizeWriter(u64 size) {
    u64 const before = memSize();
    u64 const reserved = reserved_;
-   if (!reserveBlocks(size, size)) return nullptr;
+   if (!reserveBlocks(size)) return nullptr;
    u64 const extent = std::max(extent_, roundUpToPage(size));
 #ifdef HOFLOW_TEST_SEAM
    bool const mapped = moveAlways ? moveMapping(extent) : mapUpTo(extent);
@@ -273,7 +271,7 @@ char* ParcelWrapper::resizeReader(u64 size) {
 }
 
 // Stays where it is if it can. Otherwise, and when it becomes large, it goes to an aligned place, where the
-// writer's huge pages serve this mapping, too.
+// writer's huge pages, if it has any, serve this mapping, too.
 char* ParcelWrapper::moveReader(u64 extent) {
    bool const aligned = reinterpret_cast<std::uintptr_t>(base_) % hugePageSize == 0;
    if (extent < extent_ || extent < hugePageSize || aligned) {
@@ -312,15 +310,13 @@ bool ParcelWrapper::moveMapping(u64 extent) {
 }
 #endif
 
-bool ParcelWrapper::reserve(u64 size, u64 coming) {
+bool ParcelWrapper::reserve(u64 size) {
    if (local_) return localMemory_.reserve(size) || fail("reserve room in", size, localMemory_.lastError());
    if (!base_ || mode_ != Mode::writer)
       return fail("reserve room in", size, "it is not attached for writing");
    if (size > Local::maxMappingSize()) return fail("reserve room in", size, "the size is out of range");
    u64 const reserved = reserved_;
-   // A place that is nearly filled soon is made a huge page while it is empty: later it would be copied.
-   u64 const nearly = hugePageSize / 8 * 5;
-   if (!reserveBlocks(size, coming > size ? coming + hugePageSize - nearly : size)) return false;
+   if (!reserveBlocks(size)) return false;
    keepFromRelease(size);
    if (size > reserved && area_ && mapUpTo(roundUpToPage(size)))
       populate(reserved / pageSize_ * pageSize_, roundUpToPage(size));
@@ -344,7 +340,6 @@ void ParcelWrapper::detach() {
    attached(nullptr, 0);
    file_.reset();
    extent_ = area_ = reserved_ = 0;
-   hugePages_.reset();
    releaseFrom_ = noRelease;
 }
 

@@ -9,7 +9,9 @@
 // releaseTailAfter gives the blocks back a moment later, when readers have seen the smaller count. The length
 // never falls, except one beyond what anybody can map, which a start finds and cuts.
 //
-// From 2 MiB on the writer asks for huge pages, and a reader's mapping lies where they serve it, too.
+// From 2 MiB on mappings begin at a multiple of 2 MiB, so that huge pages serve them where the mount gives
+// its files such (tmpfs: huge=always). They aren't asked for: the kernel makes one of small pages only after
+// it has waited for every other processor, and a busy one would hold up the writer.
 //
 // Reader. O_RDONLY, PROT_READ, no system call that changes anything. A resize follows the file and refuses to
 // map more than there is.
@@ -21,7 +23,6 @@
 // One thread per object. A forked child doesn't have the writer's mapping, and must not use the object.
 #pragma once
 
-#include "Mem/HugePages.h"
 #include "Mem/Local.h"
 #include "Mem/Paths.h"
 
@@ -52,8 +53,7 @@ public:
    char* resize(u64 size);
    /// Writer: does the slow part of a later resize to `size` now: blocks, and where the base can stay, pages.
    /// False with lastError() set if there is no room; the file's length is what it was then.
-   /// @param coming bytes that will be needed soon; of these it may take a part in advance, as huge pages
-   bool reserve(u64 size, u64 coming = 0);
+   bool reserve(u64 size);
    void detach();
 
    bool isAttached() const { return base_ != nullptr; }
@@ -108,8 +108,7 @@ private:
    char* resizeReader(u64 size);
    bool openForWriting();
    char* moveReader(u64 extent);
-   bool reserveBlocks(u64 size, u64 coming);
-   u64 makeHugePages(u64 from, u64 size, u64 coming);
+   bool reserveBlocks(u64 size);
    void cutBackTo(u64 length);
    void keepFromRelease(u64 size);
    bool mapUpTo(u64 extent);
@@ -130,7 +129,6 @@ private:
    u64 area_ = 0;     // address space held at base_, 0 if none is
    u64 reserved_ = 0; // blocks of [0, reserved_) are known to be there
    u64 releaseFrom_ = noRelease;
-   HugePages hugePages_;
    u64 releaseTop_ = 0; // the release goes downwards from here
    double releaseDue_ = 0;
    int dump_ = -1; // -1 unset, else bool

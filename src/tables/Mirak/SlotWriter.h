@@ -338,7 +338,7 @@ template <class Ops> void SlotWriterTable<Ops>::prepareGrow() {
    u32 const end = std::min(to, prepared_ + preparedBytes / Table::slotSize);
    u64 const size = Table::headerSize + u64{end} * Table::slotSize;
    prepareAt_ = noSlot;
-   if (to > Mem::Local::maxMappingSize() / Table::slotSize || !wrapper_.reserve(size, bytesFor(to)) ||
+   if (to > Mem::Local::maxMappingSize() / Table::slotSize || !wrapper_.reserve(size) ||
        wrapper_.writableSize() < size)
       return;
    formatFreeSlots(prepared_, end, to);
