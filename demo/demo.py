@@ -88,23 +88,31 @@ class Demo:
         return str(program)
 
     def prepare(self):
-        """The capture, and a root without the tables of an earlier run."""
+        """The capture."""
         if self.options.capture:
             self.capture = os.path.abspath(self.options.capture)
             say("capture", self.capture)
         else:
             self.capture = str(self.work / "made.pcap")
             o = self.options
-            subprocess.run([self.tool("hoflow-mkcapture"), "--packets", str(o.packets), "--flows", str(o.flows),
-                            "--seed", str(o.seed), self.capture], check=True, stdout=subprocess.DEVNULL)
+            made = subprocess.run([self.tool("hoflow-mkcapture"), "--packets", str(o.packets), "--flows", str(o.flows),
+                                   "--seed", str(o.seed), self.capture], stdout=subprocess.DEVNULL)
+            if made.returncode:
+                fail(f"hoflow-mkcapture ended with status {made.returncode}", 3)
             size = os.path.getsize(self.capture) / 1e6
             say("capture", f"made one: {o.packets:,} packets of {o.flows:,} flows, seed {o.seed}, {size:.0f} MB")
+
+    def clear(self):
+        """The root without the tables of an earlier run."""
         earlier = [self.root / table for table in TABLES.values() if (self.root / table).exists()]
-        for table in earlier:
-            shutil.rmtree(table)
+        try:
+            for table in earlier:
+                shutil.rmtree(table)
+            self.root.mkdir(parents=True, exist_ok=True)
+        except OSError as error:
+            fail(f"{error.filename}: {error.strerror}", 3)
         if earlier:
             say("tables", f"removed those of an earlier run below {self.root}")
-        self.root.mkdir(parents=True, exist_ok=True)
 
     def track(self, root, *more):
         """Starts a tracker; its words are kept in a file."""
@@ -120,8 +128,8 @@ class Demo:
         out, _ = process.communicate(timeout=limit)
         process.words.seek(0)
         words = process.words.read().strip()
-        if process.returncode not in (0, 4):
-            fail(f"the tracker ended with status {process.returncode}\n{words}", 3 if process.returncode == 3 else 1)
+        if process.returncode not in (0, 4) or not out:
+            fail(f"the tracker ended with status {process.returncode}\n{words}", max(process.returncode, 1))
         return process.returncode, json.loads(out), words
 
     def rows(self, root):
@@ -188,7 +196,10 @@ class Demo:
         say("reference", f"{counted['packets']:,} packets in one undisturbed run: {len(reference):,} rows, "
             f"{time.monotonic() - began:.1f} s")
 
-        pace = max(1, int(counted["packetsRead"] / self.options.seconds))
+        if not counted["packetsRead"]:
+            fail("the capture holds no packet that can be read: there is nothing to show", max(status, 1))
+        self.clear()
+        pace = counted["packetsRead"] / self.options.seconds
         self.readers = [Reader(self.tool("hoflow-demo-reader"), mode, str(self.root)) for mode in ("lookup", "walk")]
         self.children += [r.process for r in self.readers]
         say("readers", "two processes, one looks rows up, one walks: " + ", ".join(str(r.process.pid) for r in self.readers))
@@ -200,7 +211,7 @@ class Demo:
             tracker = self.track(self.root, "--pace", str(pace))
             due = time.monotonic() + self.options.seconds * (kills + 1) / (self.options.kills + 1)
             if not kills:
-                say("tracker", f"process {tracker.pid}, {pace:,} packets a second")
+                say("tracker", f"process {tracker.pid}, {pace:,.{0 if pace >= 10 else 1}f} packets a second")
             else:
                 say("tracker", f"again, process {tracker.pid}")
                 self.watch(1, tracker)
@@ -290,6 +301,17 @@ def show(s):
     line("tables", f"below {s['root']}")
     for table in s["tables"]:
         line("", table)
+    line("to look at them", f"build/release/bin/hoflow list --root {s['root']}")
+
+
+def number(kind, least):
+    def parse(text):
+        value = kind(text)
+        if not least <= value <= 1e9:
+            raise argparse.ArgumentTypeError(f"{text}: expected a number from {least} to 1,000,000,000")
+        return value
+
+    return parse
 
 
 def main():
@@ -299,16 +321,18 @@ def main():
     parser.add_argument("--root", type=Path, help="folder for the tables; those of an earlier run are removed "
                         "(default: /dev/shm/hoflow-demo)")
     parser.add_argument("--json", action="store_true", help="the summary as one JSON object")
-    parser.add_argument("--packets", type=int, default=400_000, help="of the capture that is made")
-    parser.add_argument("--flows", type=int, default=60_000, help="of the capture that is made")
+    parser.add_argument("--packets", type=number(int, 1), default=400_000, help="of the capture that is made")
+    parser.add_argument("--flows", type=number(int, 1), default=60_000, help="of the capture that is made")
     parser.add_argument("--seed", type=int, default=1, help="of the capture that is made")
-    parser.add_argument("--seconds", type=float, default=6, help="how long the paced tracker takes")
-    parser.add_argument("--kills", type=int, default=1, help="how often the tracker is killed")
+    parser.add_argument("--seconds", type=number(float, 0.1), default=6, help="how long the paced tracker takes")
+    parser.add_argument("--kills", type=number(int, 0), default=1, help="how often the tracker is killed")
     parser.add_argument("--bin", required=True, help=argparse.SUPPRESS)
     options = parser.parse_args()
     options.root = (options.root or Path("/dev/shm/hoflow-demo")).absolute()
     if options.capture and not os.path.isfile(options.capture):
         fail(f"{options.capture}: no such capture", 3)
+    # A plain kill of the demo ends its processes, too.
+    signal.signal(signal.SIGTERM, signal.default_int_handler)
     demo = Demo(options)
     try:
         status, summary = demo.run()

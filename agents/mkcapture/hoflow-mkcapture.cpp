@@ -43,11 +43,22 @@ int main(int argc, char** argv) {
                 "hoflow-mkcapture");
    app.footer("Fragments are flows of their own, without ports, so there are a few more than N.\n\n"
               "Example:\n  hoflow-mkcapture --packets 1000000 --flows 200000 --seed 7 made.pcap");
-   auto const count = CLI::Range(std::uint64_t(1), std::uint64_t(1) << 31);
+   app.failure_message([](CLI::App const*, CLI::Error const& e) {
+      return std::string("hoflow-mkcapture: ") + e.what() + "\n  hoflow-mkcapture --help says more\n";
+   });
+   auto const count = CLI::Range(std::uint64_t(1), std::uint64_t(1) << 31).description("");
    app.add_option("FILE", options.file, "where to write, or - for standard output")->required();
-   app.add_option("--packets", options.packets, "frames in all")->capture_default_str()->check(count);
-   app.add_option("--flows", options.flows, "flows among them")->capture_default_str()->check(count);
-   app.add_option("--seed", options.seed, "another seed gives other traffic")->capture_default_str();
+   app.add_option("--packets", options.packets, "frames in all")
+       ->type_name("N")
+       ->capture_default_str()
+       ->check(count);
+   app.add_option("--flows", options.flows, "flows among them")
+       ->type_name("N")
+       ->capture_default_str()
+       ->check(count);
+   app.add_option("--seed", options.seed, "another seed gives other traffic")
+       ->type_name("S")
+       ->capture_default_str();
    try {
       app.parse(argc, argv);
    } catch (CLI::ParseError const& e) {

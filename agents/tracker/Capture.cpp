@@ -8,6 +8,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <pcap/pcap.h>
+#include <string_view>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -15,7 +16,23 @@ namespace Tracker {
 
 void Capture::Close::operator()(pcap* handle) const { pcap_close(handle); }
 
-Capture::~Capture() = default;
+Capture::~Capture() {
+   if (nothing_ >= 0) close(nothing_);
+}
+
+/// What a compressed file would be read with, or null.
+static char const* unpackerOf(int fd) {
+   char start[6] = {};
+   if (pread(fd, start, sizeof start, 0) != sizeof start) return nullptr;
+   auto const begins = [&](std::string_view magic) { return std::string_view(start, 6).starts_with(magic); };
+   return begins("\x1f\x8b") ? "gzip"
+          : begins("\xfd"
+                   "7zXZ")
+              ? "xz"
+          : begins("\x28\xb5\x2f\xfd") ? "zstd"
+          : begins("BZh")              ? "bzip2"
+                                       : nullptr;
+}
 
 Capture::Capture(std::string const& path) {
    auto cannot = [&](char const* why) { return CannotOpen(path + ": " + why); };
@@ -35,9 +52,14 @@ Capture::Capture(std::string const& path) {
    pcap_.reset(
        pcap_fopen_offline_with_tstamp_precision(file, PCAP_TSTAMP_PRECISION_NANO, text)); // owns the file
    if (!pcap_) {
+      std::string why = path + ": no capture that can be read: " + text + "; expected a pcap or pcapng file";
+      if (auto const* const unpacker = unpackerOf(fd))
+         why += "; it is compressed, try: " + std::string(unpacker) + " -dc " + path + " | hoflow-tracker -";
       std::fclose(file);
-      throw NotACapture(path + ": no capture that can be read: " + text + "; expected a pcap or pcapng file");
+      throw NotACapture(why);
    }
+   file_ = fd;
+   if (!S_ISREG(status.st_mode)) nothing_ = open("/dev/null", O_RDONLY | O_CLOEXEC);
    linkLayer_ = linkLayerOf(pcap_datalink(pcap_.get()));
 }
 
@@ -47,13 +69,20 @@ bool Capture::next(Packet& packet) {
    unsigned char const* bytes = nullptr;
    int const result = pcap_next_ex(pcap_.get(), &header, &bytes);
    if (result != 1) {
-      if (result == PCAP_ERROR) damage_ = pcap_geterr(pcap_.get());
+      if (result == PCAP_ERROR && !interrupted_) damage_ = pcap_geterr(pcap_.get());
       return false;
    }
    ++packets_;
    packet.captured = {bytes, header->caplen};
    packet.time = static_cast<double>(header->ts.tv_sec) + static_cast<double>(header->ts.tv_usec) / 1e9;
    return true;
+}
+
+// A read that waits ends by the signal itself, and one that would begin a moment later meets the end of the
+// file.
+void Capture::interrupt() noexcept {
+   interrupted_ = true;
+   if (nothing_ >= 0) dup2(nothing_, file_);
 }
 
 std::string Capture::linkTypeText() const {

@@ -6,6 +6,7 @@
 #include "Frame.h"
 #include "Zeb/Seconds.h"
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -40,8 +41,14 @@ public:
    Capture(Capture const&) = delete;
    Capture& operator=(Capture const&) = delete;
 
-   /// Reads the next packet. False at the end of the file and at damage: `damage()` tells which.
+   /// Reads the next packet. False at the end of the file, at damage and once interrupted: `damage()` and
+   /// `interrupted()` tell which.
    bool next(Packet& packet);
+
+   /// Ends a wait for packets that don't come: a pipe has no more from now on. For signal handlers, so the
+   /// signal must be one that doesn't restart system calls.
+   void interrupt() noexcept;
+   bool interrupted() const { return interrupted_; }
 
    /// Packets read so far.
    std::uint64_t packets() const { return packets_; }
@@ -62,7 +69,9 @@ private:
    std::optional<LinkLayer> linkLayer_;
    std::optional<std::string> damage_;
    std::uint64_t packets_ = 0;
-   double size_ = 0; // of the file, 0 if it has none
+   std::atomic<bool> interrupted_{false}; // set by a signal handler
+   int file_ = -1, nothing_ = -1;         // the latter is open if the former is a pipe or the like
+   double size_ = 0;                      // of the file, 0 if it has none
 };
 
 } // namespace Tracker

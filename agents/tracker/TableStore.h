@@ -9,9 +9,36 @@
 
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace Tracker {
+
+/// Listens to the library's traces while a table is opened; they don't go to stderr then.
+class OpeningWords {
+public:
+   explicit OpeningWords(Lomi::Platform::DebugHandler& handler)
+      : handler_(handler) {
+      handler_.maskIs(0b11);
+      Lomi::Platform::traceSinkIs([this](unsigned level, auto, auto, std::string_view text) {
+         lost_ |= text.starts_with("all entries from ");
+         if (first_.empty() && (level == 0 || text.starts_with("owner file "))) first_ = text;
+      });
+   }
+   ~OpeningWords() {
+      Lomi::Platform::traceSinkIs({});
+      handler_.maskIs(0b1);
+   }
+   OpeningWords(OpeningWords const&) = delete;
+   OpeningWords& operator=(OpeningWords const&) = delete;
+   /// What was wrong with a table that was found and had to be formatted anew, else nothing.
+   std::string lost() const { return lost_ ? first_ : std::string(); }
+
+private:
+   Lomi::Platform::DebugHandler& handler_;
+   bool lost_ = false;
+   std::string first_;
+};
 
 /// Rows that a tracker's table is laid out for; above it the table grows by tenths instead of doubling.
 constexpr unsigned tableSize = 1u << 20;
@@ -27,8 +54,13 @@ public:
    explicit TableStore(std::string const& path)
       : handler_(Lomi::Platform::getDebugHandler("Tracker", true))
       , writer_(*handler_, path.c_str(), Mirak::MapDescriptor(tableSize)) {
+      OpeningWords const words(*handler_);
       writer_.initialize("hoflow-tracker");
+      lost_ = words.lost();
    }
+
+   /// Why the table came back without the rows that an earlier writer left, else nothing.
+   std::string const& lost() const { return lost_; }
 
    bool read(Key const& key, Record& row) const override {
       bool found = false;
@@ -60,6 +92,7 @@ public:
 private:
    std::shared_ptr<Lomi::Platform::DebugHandler> handler_;
    Mirak::MirakWriter<Ops> writer_;
+   std::string lost_;
 };
 
 using Ip4Store = TableStore<FlowTracking::HoIpFlowCounter, FlowTracking::HoIpFlowCounterOps>;

@@ -12,29 +12,24 @@
 
 namespace Tracker {
 
-/// Counts all of `capture`. `pulse` is called with the number of packets read: before the first and after
-/// every few; it returns false to stop the work, which leaves the tables exact for the packets counted so
-/// far. Fills all figures but paths and time.
+/// Counts all of `capture`, whose link type must be a supported one. `pulse` is called with the number of
+/// packets read, before the first and after each one; it returns false to stop the work, which leaves the
+/// tables exact for the packets counted so far. Fills all figures but paths and time.
 template <class Pulse>
 void track(Capture& capture, RowStore<FlowTracking::HoIpFlowCounter>& table4,
            RowStore<FlowTracking::HoIp6FlowCounter>& table6, Figures& figures, Pulse pulse) {
    FlowCounter ip4(table4);
    FlowCounter ip6(table6);
-   auto const layer = capture.linkLayer();
-   constexpr std::uint64_t every = 64;
+   LinkLayer const layer = capture.linkLayer().value();
    Packet packet;
    Frame frame;
    figures.complete = false;
-   while (capture.packets() % every != 0 || pulse(capture.packets())) {
+   while (pulse(capture.packets())) {
       if (!capture.next(packet)) {
-         figures.complete = true;
+         figures.complete = !capture.interrupted();
          break;
       }
-      if (!layer) {
-         ++figures.linkType;
-         continue;
-      }
-      parseFrame(packet.captured, *layer, frame);
+      parseFrame(packet.captured, layer, frame);
       switch (frame.verdict) {
       case Verdict::ip4:
          ip4.count(frame.key4, frame.bytes, packet.time);

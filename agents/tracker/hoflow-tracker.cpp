@@ -14,24 +14,41 @@
 #include "Track.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
+#include <cmath>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
+#include <memory>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <thread>
 
 namespace {
 
 enum ExitStatus { done = 0, wrongUse = 2, cannotOpen = 3, damaged = 4, incomplete = 5 };
 
-std::atomic<bool> stopped{false}; // set by a signal
-static_assert(std::atomic<bool>::is_always_lock_free, "a signal handler may store it");
+std::atomic<bool> stopped{false};                  // set by a signal
+std::atomic<Tracker::Capture*> beingRead{nullptr}; // what the signal interrupts
+static_assert(std::atomic<bool>::is_always_lock_free && std::atomic<Tracker::Capture*>::is_always_lock_free,
+              "a signal handler may use them");
+
+void stop(int) {
+   int const error = errno;
+   stopped = true;
+   if (auto* const capture = beingRead.load()) capture->interrupt();
+   errno = error;
+}
 
 void complain(std::string const& text) { std::fprintf(stderr, "hoflow-tracker: %s\n", text.c_str()); }
 
 struct Options {
-   std::string capture, root, type = "default", name = "capture";
+   std::string capture, type = "default", name = "capture";
+   std::optional<std::string> root;
    double pace = 0;
    bool json = false;
 };
@@ -65,40 +82,57 @@ Running it again:
 Exit status:
   0 all counted   2 wrong use   3 can't open the capture or the tables
   4 the capture is damaged: packets up to the damage are counted; or a table is
-  5 incomplete: interrupted, no room for the tables, link type not supported
+  5 incomplete: interrupted, no room for the tables, link type not supported (no
+    table is touched), output not written
 
 Examples:
   hoflow-tracker trace.pcap
       counts into .../counter/capture below /dev/shm/hoflow
   hoflow-tracker office.pcapng --name office -j
       counts into .../counter/office, prints one JSON object
-  tcpdump -i eth0 -w - | hoflow-tracker - --root /tmp/tables
+  tcpdump -i eth0 -U -w - | hoflow-tracker - --root /tmp/tables
       counts live traffic)";
 
 /// Parses the command line. Returns an exit status if the program is to end at once.
 std::optional<int> parse(int argc, char** argv, Options& options) {
    CLI::App app(description, "hoflow-tracker");
    app.footer(epilogue);
+   app.failure_message([](CLI::App const*, CLI::Error const& e) {
+      return std::string("hoflow-tracker: ") + e.what() + "\n  hoflow-tracker --help says more\n";
+   });
    auto const pathComponent = CLI::Validator(
        [](std::string& text) {
-          bool const good =
-              !text.empty() && text.find('/') == std::string::npos && text != "." && text != "..";
+          bool const good = !text.empty() && text != "." && text != ".." &&
+                            std::none_of(text.begin(), text.end(),
+                                         [](unsigned char c) { return c <= ' ' || c == 0x7f || c == '/'; });
           return good ? std::string() : "\"" + text + "\" can't be part of a table's path";
        },
-       "TEXT");
+       "");
+   auto const isRate = CLI::Validator(
+       [](std::string& text) {
+          double rate = 0;
+          bool const good = CLI::detail::lexical_cast(text, rate) && rate > 0 && std::isfinite(rate);
+          return good ? std::string() : "\"" + text + "\": expected a number above 0";
+       },
+       "");
+   auto const isGiven = CLI::Validator(
+       [](std::string& text) { return text.empty() ? std::string("expected a folder") : std::string(); }, "");
    app.add_option("CAPTURE", options.capture, "a pcap or pcapng file, or - for standard input")->required();
    app.add_option("--root", options.root, "folder below which tables lie; default /dev/shm/hoflow")
        ->envname("HOFLOW_ROOT")
-       ->type_name("DIR");
+       ->type_name("DIR")
+       ->check(isGiven);
    app.add_option("--type", options.type, "TYPE in the tables' path")
        ->capture_default_str()
+       ->type_name("TYPE")
        ->check(pathComponent);
    app.add_option("--name", options.name, "NAME in the tables' path")
        ->capture_default_str()
+       ->type_name("NAME")
        ->check(pathComponent);
    app.add_option("--pace", options.pace, "read at most N packets a second, to watch the tables grow")
        ->type_name("N")
-       ->check(CLI::PositiveNumber);
+       ->check(isRate);
    app.add_flag("-j,--json", options.json, "print the figures as one JSON object");
    try {
       app.parse(argc, argv);
@@ -114,7 +148,8 @@ public:
    explicit Pace(double packetsPerSecond)
       : rate_(packetsPerSecond) {}
    void hold(std::uint64_t packets) const {
-      if (rate_ <= 0) return;
+      if (rate_ <= 0) [[likely]]
+         return;
       auto const due = start_ + std::chrono::duration<double>(static_cast<double>(packets) / rate_);
       while (!stopped && std::chrono::steady_clock::now() < due) {
          auto const left = due - std::chrono::steady_clock::now();
@@ -135,7 +170,7 @@ void explain(Tracker::Capture const& capture, Tracker::Figures const& figures) {
                   " rows that are not the beginning of this capture; they were removed");
    if (figures.linkType)
       complain(figures.capture + ": link type " + capture.linkTypeText() +
-               " is not supported; no packet was counted");
+               " is not supported; no packet was counted, no table touched");
    if (figures.damage)
       complain(figures.capture + ": packet " + std::to_string(figures.packetsRead + 1) +
                " is damaged: " + *figures.damage + "; the " + Tracker::grouped(figures.packetsRead) +
@@ -145,35 +180,83 @@ void explain(Tracker::Capture const& capture, Tracker::Figures const& figures) {
                "; start it again with the same capture to count the rest");
 }
 
+struct Tables {
+   Tracker::Ip4Store ip4;
+   Tracker::Ip6Store ip6;
+};
+
+/// Opens both tables, and says if one comes back without the rows that it had.
+std::unique_ptr<Tables> openTables(Tracker::Figures const& figures) {
+   std::unique_ptr<Tables> tables;
+   try {
+      tables.reset(new Tables{Tracker::Ip4Store(figures.ip4.table), Tracker::Ip6Store(figures.ip6.table)});
+   } catch (Lomi::MemoryResourceException const&) {
+      throw;
+   } catch (Lomi::Exception const& e) {
+      if (std::string_view(e.what()).ends_with(std::strerror(ENOSPC)))
+         throw Lomi::MemoryResourceException(e.what());
+      throw Tracker::CannotOpen(std::string("the tables can't be opened: ") + e.what());
+   }
+   auto const explainLoss = [](std::string const& table, std::string const& why) {
+      if (!why.empty())
+         complain(table + ": what is there can't be taken over (" + why + "); emptied, to be counted anew");
+   };
+   explainLoss(figures.ip4.table, tables->ip4.lost());
+   explainLoss(figures.ip6.table, tables->ip6.lost());
+   return tables;
+}
+
+/// Reads all of a capture that holds nothing to count.
+void skip(Tracker::Capture& capture, Tracker::Figures& figures) {
+   Tracker::Packet packet;
+   while (!stopped && capture.next(packet)) ++figures.linkType;
+   figures.complete = !stopped;
+   figures.packetsRead = capture.packets();
+   figures.damage = capture.damage();
+}
+
+void listenToSignals(Tracker::Capture& capture) {
+   beingRead = &capture;
+   struct sigaction action {};
+   action.sa_handler = stop; // without SA_RESTART: a wait for packets is to end
+   sigaction(SIGINT, &action, nullptr);
+   sigaction(SIGTERM, &action, nullptr);
+}
+
 int run(Options const& options) {
-   if (!options.root.empty()) Mem::RootPath::set(options.root);
+   if (options.root) Mem::RootPath::set(*options.root);
+   // Until the capture is open a signal just ends the program: nothing is begun yet.
    Tracker::Capture capture(options.capture);
+   listenToSignals(capture);
    Tracker::Figures figures;
    figures.capture = options.capture;
    figures.root = Mem::RootPath::get();
    std::string const mount = "flowtracking/" + options.type + "/hwOffload/counter/" + options.name;
    figures.ip4.table = mount + "/hoIpFlowCounter";
    figures.ip6.table = mount + "/hoIp6FlowCounter";
-   Tracker::Ip4Store table4(figures.ip4.table);
-   Tracker::Ip6Store table6(figures.ip6.table);
+   std::unique_ptr<Tables> const tables = capture.linkLayer() ? openTables(figures) : nullptr;
 
    auto const start = std::chrono::steady_clock::now();
-   {
+   if (tables) {
       Tracker::ProgressBar bar("counting");
       Pace const pace(options.pace);
-      Tracker::track(capture, table4, table6, figures, [&](std::uint64_t packets) {
+      Tracker::track(capture, tables->ip4, tables->ip6, figures, [&](std::uint64_t packets) {
          if (packets % 4096 == 0 || options.pace > 0) bar.show(capture.progress(), packets);
          pace.hold(packets);
          return !stopped;
       });
+   } else {
+      skip(capture, figures);
    }
+   beingRead = nullptr;
    figures.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
    explain(capture, figures);
    std::string const text = options.json ? toJson(figures) + "\n" : toText(figures);
    std::fwrite(text.data(), 1, text.size(), stdout);
-   if (std::fflush(stdout) != 0) complain("standard output can't be written");
+   bool const said = std::fflush(stdout) == 0;
+   if (!said) complain(std::string("standard output can't be written: ") + std::strerror(errno));
    if (figures.damage) return damaged;
-   return figures.complete && !figures.linkType ? done : incomplete;
+   return figures.complete && tables && said ? done : incomplete;
 }
 
 } // namespace
@@ -181,9 +264,6 @@ int run(Options const& options) {
 int main(int argc, char** argv) {
    Options options;
    if (auto const status = parse(argc, argv, options)) return *status;
-   auto stop = [](int) { stopped = true; };
-   std::signal(SIGINT, stop);
-   std::signal(SIGTERM, stop);
    try {
       return run(options);
    } catch (Tracker::CannotOpen const& e) {
@@ -192,9 +272,6 @@ int main(int argc, char** argv) {
    } catch (Tracker::NotACapture const& e) {
       complain(e.what());
       return damaged;
-   } catch (Lomi::InvalidInitializeException const& e) {
-      complain(std::string("the tables can't be opened: ") + e.what());
-      return cannotOpen;
    } catch (Lomi::MemoryResourceException const& e) {
       complain(std::string("no room for the tables: ") + e.what() +
                "; make room and start it again, it will count what is missing");

@@ -211,6 +211,12 @@ public:
          spoiled.lost.insert(rowKeys[i].id());
       }
    }
+   /// Puts back what was there.
+   void mend(std::vector<Change> const& changes) {
+      for (auto const& [file, offset, bytes] : changes)
+         spoil({file, offset, soundFiles().at(file).substr(offset, bytes.size())});
+      spoiled = {};
+   }
    /// The checksum of the slot header as it stands now.
    void sumIs() {
       std::fstream file(at() / "slots", std::ios::in | std::ios::out | std::ios::binary);

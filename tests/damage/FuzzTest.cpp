@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Random bytes in random places of all files at once. HOFLOW_SEED sets the seed, which a failure prints;
-// HOFLOW_FUZZ_SECONDS how long it goes on.
+// HOFLOW_FUZZ_SECONDS how long it goes on, instead of for so many rounds.
 #include "Damage.h"
 
 #include <random>
@@ -46,14 +46,14 @@ std::string strike(std::mt19937_64& random) {
 
 TEST(Damage, RandomBytes) {
    u64 const seed = setting("HOFLOW_SEED", std::random_device{}());
-   double const until = Lomi::time() + static_cast<double>(setting("HOFLOW_FUZZ_SECONDS", 8));
+   u64 const seconds = setting("HOFLOW_FUZZ_SECONDS", 0);
+   double const until = Lomi::time() + static_cast<double>(seconds);
    u64 rounds = 0;
-   for (; Lomi::time() < until; ++rounds) {
+   for (; seconds ? Lomi::time() < until : rounds < 2000 / slow; ++rounds) {
       std::mt19937_64 random(seed + rounds);
       ASSERT_EQ(strike(random), "") << "HOFLOW_SEED=" << seed + rounds << " HOFLOW_FUZZ_SECONDS=1";
    }
-   RecordProperty("rounds", std::to_string(rounds));
-   EXPECT_GT(rounds, 20u);
+   EXPECT_GT(rounds, 0u);
 }
 
 } // namespace

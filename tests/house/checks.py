@@ -146,6 +146,15 @@ def mentions(tree):
     return problems
 
 
+UNMERGED = re.compile(rb"^(?:<{7}|>{7}|[|]{7})(?: |$)|^={7}$", re.M)
+
+
+def merged(tree):
+    """No file holds the marks of a merge that nobody finished."""
+    return [f"{path.relative_to(tree)}: holds '{match[0].decode()}', a merge that wasn't finished"
+            for path in tracked(tree) if path.is_file() and (match := UNMERGED.search(path.read_bytes()))]
+
+
 def spdx(tree):
     """Each source file opens with its licence, behind a #! line if it has one."""
     problems = []
@@ -206,7 +215,7 @@ def too_few(listing, expected):
     return [] if found >= expected else ["tests have vanished; if on purpose, change tests/expected-count"]
 
 
-RULES = {f.__name__.replace("_", "-"): f for f in (floors, shared_words, sync_labels, mentions, spdx, hot_functions, count)}
+RULES = {f.__name__.replace("_", "-"): f for f in (floors, shared_words, sync_labels, mentions, merged, spdx, hot_functions, count)}
 
 if __name__ == "__main__":
     if len(sys.argv) < 3 or sys.argv[1] not in RULES:

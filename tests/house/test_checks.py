@@ -76,6 +76,13 @@ class Rules(unittest.TestCase):
             self.write("docs/a.md", f"first\n{bad}\n")
             self.assertBreaks(checks.mentions, "docs/a.md:2")
 
+    def test_merged(self):
+        self.write("docs/a.1", "a table\n======\n========\n << HEAD\n")
+        self.assertBreaks(checks.merged)
+        for mark in ("<" * 7 + " HEAD", "=" * 7, ">" * 7 + " branch"):
+            self.write("docs/a.1", f"first\n{mark}\n")
+            self.assertBreaks(checks.merged, "docs/a.1")
+
     def test_spdx(self):
         self.write("src/a.h", SPDX + "// a\n")
         self.write("run", "#!/bin/sh\n#" + SPDX[2:])

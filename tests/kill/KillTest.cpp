@@ -6,11 +6,11 @@
 // re-format.
 #include "Judge.h"
 #include "Processes.h"
+#include "TestRoot.h"
 #include "TestTable.h"
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <random>
 
 namespace Test {
@@ -142,13 +142,11 @@ TEST(Kill, AtAnyMoment) {
              seed = setting("HOFLOW_SEED", std::random_device{}());
    fmt::print("HOFLOW_SEED={} HOFLOW_KILL_ROUNDS={}\n", seed, rounds);
    std::mt19937_64 random(seed);
-   std::string const root = "/dev/shm/hoflow-kill-" + std::to_string(::getpid());
-   std::filesystem::create_directories(root);
-   Mem::RootPath::set(root);
+   testRoot();
    SharedReport<Shared> shared;
    Script script{seed};
    Model model;
-   u64 counts[4] = {}, stops = 0;
+   u64 counts[4] = {};
    {
       Child reader([&] { readAll(*shared, seed); });
       for (u64 round = 0; round < rounds && shared->complaint.count == 0; ++round) {
@@ -166,7 +164,6 @@ TEST(Kill, AtAnyMoment) {
             u64 const had = answers();
             for (int i = 0; i < 1000 && answers() == had; ++i) pause(0.005);
             EXPECT_GT(answers(), had) << "a reader must not wait for a stopped writer";
-            ++stops;
             if (round % 16 == 0) {
                writer.signal(SIGCONT);
                pause(static_cast<double>(random() % 1000) * 1e-6);
@@ -190,14 +187,6 @@ TEST(Kill, AtAnyMoment) {
       EXPECT_EQ(reader.wait(), 0);
    }
    EXPECT_STREQ(shared->complaint.text, "");
-   fmt::print("{} operations; killed before judging {}, found all as before {}, as after {}, re-formatted "
-              "{}; stops {}\n"
-              "reader: {} reads, {} rows, reopened {}, refused {}; slot grows {}, slot shrinks {}, bucket "
-              "grows {}, bucket shrinks {}\n",
-              shared->ended.load(), counts[nothing], counts[before], counts[after], counts[formatted], stops,
-              shared->reads.load(), shared->rows.load(), shared->reopened.load(), shared->refused.load(),
-              shared->slotGrows.load(), shared->slotShrinks.load(), shared->bucketGrows.load(),
-              shared->bucketShrinks.load());
    EXPECT_GT(counts[before], 0u);
    EXPECT_GT(counts[formatted], 0u);
    EXPECT_GT(shared->rows, 1000u);
@@ -205,7 +194,6 @@ TEST(Kill, AtAnyMoment) {
    EXPECT_GT(shared->slotShrinks, 0u);
    EXPECT_GT(shared->bucketGrows, 0u);
    EXPECT_GT(shared->bucketShrinks, 0u);
-   std::filesystem::remove_all(root);
 }
 
 } // namespace

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Private memory: contents across resizes, zeros in what is new, and no trace in the file system.
+#include "Mem/Local.h"
 #include "Lomi/Exception.h"
-#include "Mem/ParcelWrapper.h"
 #include "Scratch.h"
 
 #include <gtest/gtest.h>
@@ -49,24 +49,4 @@ TEST_P(LocalKinds, RefusesBadSizesAndStaysAsItWas) {
    EXPECT_EQ(base[63], 'z');
    EXPECT_THROW(Mem::multiplyOverflowCheck(Mem::u64{1} << 40, Mem::u64{1} << 40),
                 Lomi::MemoryResourceException);
-}
-
-TEST_P(LocalKinds, ALocalTableTouchesNoFile) {
-   Scratch const scratch;
-   Mem::ParcelWrapper wrapper(handler(), Mem::NaoRootPath(handler(), "//x", true), "slots", true);
-   wrapper.useHeapIs(GetParam());
-   EXPECT_EQ(wrapper.memSize(), 0u);
-   ASSERT_NE(wrapper.attach(4096, Mem::Mode::writer), nullptr);
-   EXPECT_EQ(wrapper.memSize(), 4096u);
-   wrapper.base()[4095] = 'q';
-   ASSERT_NE(wrapper.resize(1 << 20), nullptr);
-   EXPECT_EQ(wrapper.base()[4095], 'q');
-   EXPECT_TRUE(wrapper.reserve(2 << 20));
-   wrapper.releaseTailAfter(4096);
-   EXPECT_FALSE(wrapper.releasePending());
-   EXPECT_TRUE(wrapper.samePathFile());
-   EXPECT_TRUE(wrapper.remove());
-   wrapper.detach();
-   EXPECT_EQ(wrapper.memSize(), 0u);
-   EXPECT_TRUE(std::filesystem::is_empty(scratch.path()));
 }

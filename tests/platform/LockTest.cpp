@@ -11,8 +11,6 @@
 
 #include <atomic>
 #include <sys/mman.h>
-#include <sys/stat.h>
-#include <thread>
 #include <vector>
 
 using Mem::WriterLock;
@@ -158,44 +156,4 @@ TEST(WriterLock, AForkedChildHoldsNothing) {
    EXPECT_FALSE(refused(path, false));
    OwnerFile(handler(), path, false).lock();
    release.signal();
-}
-
-TEST(WriterLock, AProbeNeedsReadRightsOnly) {
-   if (::geteuid() != 0) GTEST_SKIP() << "needs root to become another user";
-   Scratch const scratch;
-   ::chmod(scratch.path().c_str(), 0755);
-   auto const path = scratch.table();
-   auto lock = acquire(path);
-   auto const probe = [&] {
-      return Child([&] {
-                if (::setgid(65534) != 0 || ::setuid(65534) != 0) return 9;
-                return WriterLock::ownerIsAlive(handler(), path) ? 1 : 0;
-             })
-          .wait();
-   };
-   EXPECT_EQ(probe(), 1);
-   lock.release();
-   EXPECT_EQ(probe(), 0);
-   EXPECT_FALSE(WriterLock::ownerIsAlive(handler(), scratch.table("no/such/table")));
-}
-
-TEST(OwnerLock, TheSecondWaitsForTheFirst) {
-   Scratch const scratch;
-   auto const path = scratch.table();
-   auto first = std::make_unique<OwnerFile>(handler(), path, false);
-   first->lock();
-   std::atomic<bool> entered{false};
-   std::thread second([&] {
-      OwnerFile owner(handler(), path, false);
-      owner.lock();
-      entered = true;
-   });
-   ::usleep(30000);
-   EXPECT_FALSE(entered);
-   first.reset();
-   second.join();
-   EXPECT_TRUE(entered);
-   OwnerFile local(handler(), Mem::NaoRootPath(handler(), "local", true), true);
-   local.lock();
-   EXPECT_FALSE(std::filesystem::exists(scratch.path() + "/local"));
 }

@@ -1,18 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the platform's tests share: a root of tables of their own, and children with a time limit.
+// What the platform's tests share: a root of tables of their own, and pipes between processes.
 #pragma once
 
 #include "Lomi/Trace.h"
 #include "Mem/Paths.h"
+#include "Processes.h"
 
-#include <csignal>
-#include <cstdio>
 #include <cstdlib>
-#include <exception>
 #include <filesystem>
-#include <functional>
 #include <string>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
@@ -48,42 +44,7 @@ private:
    std::string path_;
 };
 
-/// A forked process that is killed by SIGALRM after 20 seconds.
-class Child {
-public:
-   explicit Child(std::function<int()> const& body)
-      : pid_(::fork()) {
-      if (pid_ == 0) {
-         ::alarm(20);
-         int result = 99;
-         try {
-            result = body();
-         } catch (std::exception const& error) {
-            std::fprintf(stderr, "child: %s\n", error.what());
-         }
-         ::_exit(result);
-      }
-   }
-   ~Child() {
-      if (pid_ > 0) kill();
-   }
-   pid_t pid() const { return pid_; }
-   /// The exit status, or 1000 + the signal.
-   int wait() {
-      int status = 0;
-      if (::waitpid(pid_, &status, 0) != pid_) return -1;
-      pid_ = -1;
-      return WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status);
-   }
-   void forget() { pid_ = -1; } // the test has waited for it
-   void kill() {
-      ::kill(pid_, SIGKILL);
-      wait();
-   }
-
-private:
-   pid_t pid_;
-};
+using Test::Child;
 
 /// One byte in each direction between two processes.
 class Pipe {

@@ -28,7 +28,7 @@ TEST(TunnetName, DeadOnesGo) {
    path.makeDirectories();
    auto const bound = [&](std::string const& name, bool listening, int age) {
       Rusk::Socket socket = Rusk::Socket::make();
-      EXPECT_EQ(Rusk::bindIn(socket, path.openRoot(), name), 0);
+      EXPECT_EQ(Rusk::bindInRoot(socket, path, name), 0);
       EXPECT_TRUE(!listening || ::listen(socket.get(), 4) == 0);
       timespec const times[2] = {{::time(nullptr) - age, 0}, {::time(nullptr) - age, 0}};
       EXPECT_EQ(::utimensat(AT_FDCWD, (scratch.path() + "/" + name).c_str(), times, 0), 0);

@@ -278,7 +278,7 @@ TEST(Strangers, AnotherUser) {
       ::alarm(100);
       become(1234, {});
       std::list<Raw> raws;
-      while (raws.size() < 100) {
+      while (raws.size() < 160) {
          raws.emplace_back(writer.path, writer.socketName);
          if (raws.back().ok())
             raws.back().say(hello(writer.rusk.tableId()));
@@ -290,8 +290,8 @@ TEST(Strangers, AnotherUser) {
       shared->stop = false;
       return followInChild(scratch, *shared);
    });
-   ASSERT_TRUE(runUntil([&] { return writer.dropped(Drop::tooMany) >= 36; }));
-   EXPECT_EQ(writer.rusk.readersOf(1234), 64u);
+   ASSERT_TRUE(runUntil([&] { return writer.dropped(Drop::tooMany) >= 32; }));
+   EXPECT_EQ(writer.rusk.readersOf(1234), 128u);
    shared->stop = true;
    ASSERT_TRUE(runUntil([&] { return shared->asleep == 1; }));
    writer.change();
@@ -314,7 +314,7 @@ TEST(Strangers, PoseAsTheWriter) {
    Child child([&] {
       become(1234, {});
       Rusk::Socket const socket = Rusk::Socket::make();
-      if (Rusk::bindIn(socket, path.openRoot(), name) != 0 || ::listen(socket.get(), 16) != 0) return 2;
+      if (Rusk::bindInRoot(socket, path, name) != 0 || ::listen(socket.get(), 16) != 0) return 2;
       ready.signal();
       for (int visits = 0; !shared->stop; ::usleep(1000)) {
          Rusk::Socket const visitor = Rusk::Socket::accept(socket);
@@ -345,7 +345,7 @@ TEST(Strangers, AWriterThatIsNone) {
    path.makeDirectories();
    std::string const name = ".rusk.1000001";
    Rusk::Socket const socket = Rusk::Socket::make();
-   ASSERT_EQ(Rusk::bindIn(socket, path.openRoot(), name), 0);
+   ASSERT_EQ(Rusk::bindInRoot(socket, path, name), 0);
    ASSERT_EQ(::listen(socket.get(), 16), 0);
    Parcel::OwnerFile(handler(), path, false).tunnetInfoIs({name, 1});
    Follower follower(scratch, *shared);

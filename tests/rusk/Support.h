@@ -195,7 +195,7 @@ public:
 private:
    void connect(Mem::NaoRootPath const& path, std::string const& name) {
       socket_ = Rusk::Socket::make();
-      error_ = Rusk::connectIn(socket_, path.openRoot(), name);
+      error_ = Rusk::connectInRoot(socket_, path, name);
    }
    Rusk::Socket socket_;
    int error_ = 0;

@@ -140,7 +140,7 @@ TEST(Wake, TheWriterGoesAndComesBack) {
          ready.signal();
          // A child of its own outlives the killed writer, and must not keep the connection up.
          if (::fork() == 0) {
-            ::alarm(20);
+            ::alarm(100); // longer than anybody here waits
             while (!shared->stop) ::usleep(1000);
             ::_exit(0);
          }

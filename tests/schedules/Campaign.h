@@ -24,12 +24,12 @@ struct Report {
       counters.slotResizes += c.slotResizes;
       counters.buckets.resizes += c.buckets.resizes;
    }
-   void print(std::string const& name) const {
-      fmt::print(
-          "{:60} {:8} schedules, {} retries, {} lookaside reads, {} wrapper retries, {} slot and {} bucket "
-          "resizes, {} slow steps, {} reformats seen, {} refusals\n",
-          name, schedules, counters.retries, counters.lookasideReads, counters.wrapperRetries,
-          counters.slotResizes, counters.buckets.resizes, counters.nextSlowPath, reformats, refusals);
+   void add(Report const& other) {
+      schedules += other.schedules;
+      reformats += other.reformats;
+      refusals += other.refusals;
+      violations.insert(violations.end(), other.violations.begin(), other.violations.end());
+      count(other.counters);
    }
 };
 
@@ -38,7 +38,7 @@ struct Stop {
    std::size_t load, events;
 };
 
-/// Stops the reader of this thread at given loads, and ends one that goes on for ever.
+/// Stops the reader of this thread at given loads, and ends one that goes on for ever or changes anything.
 class Preemption final : public Mem::Seam::Observer {
 public:
    Preemption(Live& live, std::vector<Stop> const& stops)
@@ -53,6 +53,10 @@ public:
       if (at > here - 4096 && at < here + 65536) return;
       while (next_ < stops_.size() && stops_[next_].load == loads) live_.applyTo(stops_[next_++].events);
       if (++loads > 100000) throw Endless("the reader doesn't end");
+   }
+   void beforeStore(void*, void const*, std::size_t) override { throw std::logic_error("a reader stores"); }
+   void beforeFileCall(Mem::Seam::FileCall const& call) override {
+      throw std::logic_error("a reader changes " + call.path);
    }
    bool allReached() const { return next_ == stops_.size(); }
    std::size_t loads = 0;

@@ -15,9 +15,7 @@ template <class R> std::size_t violations(Scenario<R> const& scenario, Recording
    Campaign<R> campaign(scenario, recording);
    for (auto const& operation : campaign.operations())
       if (!scenario.restarts || operation.name.starts_with("lookup 0x0")) campaign.oneStop(operation);
-   Report const report = campaign.finish();
-   if (!report.violations.empty()) fmt::print("  e.g. {}\n", report.violations[0]);
-   return report.violations.size();
+   return campaign.finish().violations.size();
 }
 
 /// Runs the scenario as it is and as `break_` leaves its events.
@@ -66,125 +64,117 @@ Scenario<S> const reusing{"remove, insert another",
 Scenario<S> const growing = bucketScenarios()[1], shrinking = bucketScenarios()[2]; // 4 to 8, 8 to 4
 Scenario<S> const regrowing = pairScenarios()[6];
 
-// Of an insert: section, free list, ..., own link, word + 2, value, word + 4, [predecessor's link], section.
-TEST(Mutation, RowPublishedBeforeItIsFilled) {
-   findsIt(inserting, [](Events& events, Image const&) { move(events, events.size() - 2, 1); });
+using Table = Mirak::SlotTable<OpsOf<S>>;
+constexpr std::size_t kestor = 12, hashSeed = offsetof(Mirak::SlotTableHeader, hashSeed);
+
+/// Moves the store that publishes the bucket count by some events.
+void movePublish(Events& events, int by) {
+   std::size_t const publish = storeAt(events, "buckets", numBuckets);
+   move(events, publish, publish + static_cast<std::size_t>(by));
 }
-// Of an overwrite: section, lookaside rhash, its value (3), word + 2 [5], value (3), word + 4 [9], section.
-TEST(Mutation, ValueStoredBeforeLookasideIsUp) {
-   findsIt(overwriting, [](Events& events, Image const&) { move(events, 5, 8); });
+/// Each store to a link of a row keeps the version that was there.
+void keepLinkVersions(Events& events, Image const& before) {
+   auto const& bytes = before.files.at("slots").bytes;
+   for (Event& event : events)
+      if (event.kind == Event::Kind::store && event.length == 8 && event.file == "slots" &&
+          event.offset >= Table::headerSize && (event.offset - Table::headerSize) % Table::slotSize == 0)
+         std::memcpy(event.bytes.data(), bytes.data() + event.offset, 4);
 }
-TEST(Mutation, LookasideUpBeforeItIsFilled) {
-   findsIt(overwriting, [](Events& events, Image const&) { move(events, 5, 1); });
+/// Kestor file, kestor, seed, the bucket count's version: each of them alone would warn a reader.
+bool warnsOfReformat(Event const& event) {
+   if (event.kind == Event::Kind::unlink) return event.file == "kestor";
+   if (event.kind != Event::Kind::store) return false;
+   if (event.file == "slots") return event.offset == kestor || event.offset == hashSeed;
+   return event.file == "buckets" && (event.offset == kestor || event.offset == numBuckets);
 }
-TEST(Mutation, WordThatDoesntCount) {
-   findsIt(overwritingTwice, [](Events& events, Image const&) {
-      for (std::size_t act : {std::size_t{0}, events.size() / 2}) {
-         u32 const before = wordOf(events[act + 5]) - 2;
-         wordIs(events[act + 9], before);
-         events[act + 5] = events[act + 9];
-      }
-   });
-}
-TEST(Mutation, LinkVersionThatStandsStill) {
-   findsIt(reusing, [](Events& events, Image const& before) {
-      using Table = Mirak::SlotTable<OpsOf<S>>;
-      auto const& bytes = before.files.at("slots").bytes;
-      for (Event& event : events)
-         if (event.kind == Event::Kind::store && event.length == 8 && event.file == "slots" &&
-             event.offset >= Table::headerSize && (event.offset - Table::headerSize) % Table::slotSize == 0)
-            std::memcpy(event.bytes.data(), bytes.data() + event.offset, 4);
-   });
-}
-TEST(Mutation, BucketCountBeforeTheBuckets) {
-   findsIt(growing, [](Events& events, Image const&) {
-      std::size_t const publish = storeAt(events, "buckets", numBuckets);
-      move(events, publish, publish - 4);
-   });
-}
-TEST(Mutation, ChainsCutBeforeTheCount) {
-   findsIt(growing, [](Events& events, Image const&) {
-      std::size_t const publish = storeAt(events, "buckets", numBuckets);
-      move(events, publish, publish + 2);
-   });
-}
-TEST(Mutation, BucketCountFallsBeforeTheChainsAreJoined) {
-   findsIt(shrinking, [](Events& events, Image const&) {
-      std::size_t const publish = storeAt(events, "buckets", numBuckets);
-      move(events, publish, publish - 4);
-   });
-}
-TEST(Mutation, BucketVersionThatStandsStill) {
-   findsIt(regrowing, [](Events& events, Image const&) {
-      Event& publish = events[storeAt(events, "buckets", numBuckets)];
-      wordIs(publish, wordOf(publish) - 1);
-   });
-}
+
+struct Mutant {
+   char const* name;
+   Scenario<S> const& scenario;
+   void (*break_)(Events&, Image const&);
+};
+Mutant const mutants[] = {
+    // Of an insert: section, free list, ..., own link, word + 2, value, word + 4, [predecessor's link],
+    // section.
+    {"RowPublishedBeforeItIsFilled", inserting,
+     [](Events& events, Image const&) { move(events, events.size() - 2, 1); }},
+    // Of an overwrite: section, lookaside rhash, its value (3), word + 2 [5], value (3), word + 4 [9],
+    // section.
+    {"ValueStoredBeforeLookasideIsUp", overwriting, [](Events& events, Image const&) { move(events, 5, 8); }},
+    {"LookasideUpBeforeItIsFilled", overwriting, [](Events& events, Image const&) { move(events, 5, 1); }},
+    {"WordThatDoesntCount", overwritingTwice,
+     [](Events& events, Image const&) {
+        for (std::size_t act : {std::size_t{0}, events.size() / 2}) {
+           u32 const before = wordOf(events[act + 5]) - 2;
+           wordIs(events[act + 9], before);
+           events[act + 5] = events[act + 9];
+        }
+     }},
+    {"LinkVersionThatStandsStill", reusing, keepLinkVersions},
+    {"BucketCountBeforeTheBuckets", growing, [](Events& events, Image const&) { movePublish(events, -4); }},
+    {"ChainsCutBeforeTheCount", growing, [](Events& events, Image const&) { movePublish(events, 2); }},
+    {"BucketCountFallsBeforeTheChainsAreJoined", shrinking,
+     [](Events& events, Image const&) { movePublish(events, -4); }},
+    {"BucketVersionThatStandsStill", regrowing,
+     [](Events& events, Image const&) {
+        Event& publish = events[storeAt(events, "buckets", numBuckets)];
+        wordIs(publish, wordOf(publish) - 1);
+     }},
+};
+
+class Mutation : public testing::TestWithParam<Mutant> {};
+TEST_P(Mutation, IsFound) { findsIt(GetParam().scenario, GetParam().break_); }
+INSTANTIATE_TEST_SUITE_P(Orders, Mutation, testing::ValuesIn(mutants),
+                         [](auto const& mutant) { return mutant.param.name; });
+
 /// A shrink once left rows behind the end of the file's slots; a growth must not show them.
-TEST(Mutation, SlotCountBeforeTheSlotsAreFormatted) {
+TEST(MutationOfSlots, SlotCountBeforeTheSlotsAreFormatted) {
    findsIt(
        slotScenarios()[0],
        [](Events& events, Image const&) { move(events, storeAt(events, "slots", numSlots), 1); },
        [](Image& image) {
-          using Table = Mirak::SlotTable<OpsOf<Wide>>;
+          using Slots = Mirak::SlotTable<OpsOf<Wide>>;
           auto& bytes = image.files.at("slots").bytes;
-          std::fill(bytes.begin() + Table::headerSize + 8 * Table::slotSize, bytes.end(), '\5');
+          std::fill(bytes.begin() + Slots::headerSize + 8 * Slots::slotSize, bytes.end(), '\5');
        });
 }
 
 // Of a move: rhash, free list, value (32), word, own link, predecessor's link, old slot's link, old word.
 Scenario<Wide> const compacting = compactionScenarios()[0];
 std::size_t slotAt(u32 slot, std::size_t field = 0) {
-   using Table = Mirak::SlotTable<OpsOf<Wide>>;
-   return Table::headerSize + slot * Table::slotSize + field;
+   using Slots = Mirak::SlotTable<OpsOf<Wide>>;
+   return Slots::headerSize + slot * Slots::slotSize + field;
 }
 constexpr std::size_t wordField = offsetof(Mirak::SlotTable<OpsOf<Wide>>::Slot, versionFlags);
 
-TEST(Mutation, OldLinkLeftAloneByAMove) {
+TEST(MutationOfCompaction, OldLinkLeftAloneByAMove) {
    findsIt(compacting, [](Events& events, Image const&) {
       events.erase(events.begin() + static_cast<long>(storeAt(events, "slots", slotAt(9))));
    });
 }
-TEST(Mutation, OldSlotFallsBeforeTheNewOneIsLinked) {
+TEST(MutationOfCompaction, OldSlotFallsBeforeTheNewOneIsLinked) {
    findsIt(compacting, [](Events& events, Image const&) {
       std::size_t const falls = storeAt(events, "slots", slotAt(9, wordField), 4);
       move(events, falls, falls - 2);
    });
 }
-TEST(Mutation, MovedRowLinkedBeforeItIsWhole) {
+TEST(MutationOfCompaction, MovedRowLinkedBeforeItIsWhole) {
    findsIt(compacting, [](Events& events, Image const&) {
       std::size_t const links = storeAt(events, "slots", slotAt(1)); // the predecessor is the row that stays
       move(events, links, links - 20);
    });
 }
-TEST(Mutation, SlotCountFallsBeforeTheRowsAreMoved) {
+TEST(MutationOfCompaction, SlotCountFallsBeforeTheRowsAreMoved) {
    findsIt(compacting,
            [](Events& events, Image const&) { move(events, storeAt(events, "slots", numSlots), 1); });
 }
-TEST(Mutation, GenerationStoredLast) {
+TEST(MutationOfStart, GenerationStoredLast) {
    auto const start = startOn("re-format", [](Bench<S>& b) {
       b.poke("slots", offsetof(Mirak::SlotTableHeader, runtimeFlags), "\1");
    });
    Key::seeded = true;
    findsIt(start, [](Events& events, Image const&) {
-      // Kestor file, kestor, seed, the bucket count's version: each of them alone would warn a reader.
-      Events late;
-      for (std::size_t i = 0; i < events.size();) {
-         Event const& event = events[i];
-         bool const warns =
-             (event.kind == Event::Kind::unlink && event.file == "kestor") ||
-             (event.kind == Event::Kind::store &&
-              ((event.file == "slots" &&
-                (event.offset == 12 || event.offset == offsetof(Mirak::SlotTableHeader, hashSeed))) ||
-               (event.file == "buckets" && (event.offset == 12 || event.offset == numBuckets))));
-         if (!warns) {
-            ++i;
-            continue;
-         }
-         late.push_back(event);
-         events.erase(events.begin() + static_cast<long>(i));
-      }
-      events.insert(events.end(), late.begin(), late.end());
+      std::stable_partition(events.begin(), events.end(), [](Event const& e) { return !warnsOfReformat(e); });
    });
    Key::seeded = false;
 }

@@ -9,36 +9,26 @@
 namespace Test {
 namespace {
 
-template <class R> void expectClean(Report const& report, std::string const& name) {
-   report.print(name);
-   EXPECT_GT(report.schedules, 0u);
+void expectClean(Report const& report, std::string const& name) {
+   EXPECT_GT(report.schedules, 0u) << name;
    for (std::size_t i = 0; i < report.violations.size() && i < 5; ++i) ADD_FAILURE() << report.violations[i];
-   EXPECT_EQ(report.violations.size(), 0u);
-}
-
-void add(Report& total, Report const& part) {
-   total.schedules += part.schedules;
-   total.reformats += part.reformats;
-   total.refusals += part.refusals;
-   total.count(part.counters);
-   total.violations.insert(total.violations.end(), part.violations.begin(), part.violations.end());
 }
 
 template <class R>
-Report allOperations(Scenario<R> const& scenario, Recording<R> const& recording, std::size_t step) {
+Report everyStop(Scenario<R> const& scenario, Recording<R> const& recording, std::size_t step,
+                 bool opening = true, bool others = true) {
    Campaign<R> campaign(scenario, recording);
-   for (auto const& operation : campaign.operations()) campaign.oneStop(operation, step);
-   campaign.oneStop(campaign.opening(), step);
-   return campaign.finish();
+   if (others)
+      for (auto const& operation : campaign.operations()) campaign.oneStop(operation, step);
+   if (opening) campaign.oneStop(campaign.opening(), step);
+   Report const report = campaign.finish();
+   expectClean(report, scenario.name);
+   return report;
 }
 
 template <class R> Report oneStopAll(std::vector<Scenario<R>> const& scenarios, std::size_t step = 1) {
    Report total;
-   for (auto const& scenario : scenarios) {
-      auto const part = allOperations(scenario, record(scenario, "recorded"), step);
-      expectClean<R>(part, scenario.name);
-      add(total, part);
-   }
+   for (auto const& scenario : scenarios) total.add(everyStop(scenario, record(scenario, "recorded"), step));
    return total;
 }
 
@@ -83,14 +73,14 @@ TEST(Schedules, HolesBehindTheTable) {
                                   .offset = sizeof(MirakCore::BucketTableHeader) + bucket * 8,
                                   .length = 8,
                                   .bytes = std::string(8, '\0')});
-   expectClean<Small>(allOperations(scenario, recording, 1), "holes");
+   everyStop(scenario, recording, 1);
 
    auto const compacting = compactionScenarios().front();
    auto cut = record(compacting, "recorded");
    using Table = Mirak::SlotTable<OpsOf<Wide>>;
    for (std::size_t page = 4096; page < Table::headerSize + 16 * Table::slotSize; page += 4096)
       cut.events.push_back({.kind = Event::Kind::punch, .file = "slots", .offset = page, .length = 4096});
-   expectClean<Wide>(allOperations(compacting, cut, 3 * slow), "holes behind slots");
+   everyStop(compacting, cut, 3 * slow);
 }
 
 /// A pointer that a reader keeps across a resize is a fault at once.
@@ -116,20 +106,10 @@ TEST(Schedules, StartsUnderReaders) {
       Key::seeded = seeded;
       Report total;
       for (auto const& scenario : lifeScenarios()) {
-         auto const recording = record(scenario, "recorded");
-         Report part;
          bool const open = scenario.name == "re-format: died inside an operation" ||
                            scenario.name == "restart, adopt" ||
                            scenario.name == "re-format: damaged owner file";
-         if (open) {
-            part = allOperations(scenario, recording, step);
-         } else {
-            Campaign<Small> campaign(scenario, recording);
-            campaign.oneStop(campaign.opening(), step);
-            part = campaign.finish();
-         }
-         expectClean<Small>(part, scenario.name);
-         add(total, part);
+         total.add(everyStop(scenario, record(scenario, "recorded"), step, true, open));
       }
       EXPECT_GT(total.reformats, 1000u / slow);
       EXPECT_GT(total.refusals, 1000u / slow);
@@ -147,8 +127,9 @@ TEST(Schedules, CrashAndTheSameRowAgain) {
       Key::seeded = seeded;
       auto const dying = record(over, "dying");
       for (std::size_t at = 1; at < dying.events.size(); ++at) {
-         Image left = dying.before;
-         left.apply(dying.events, 0, at);
+         Live dead(tableDirectory("dead"), dying.before, dying.events);
+         dead.applyTo(at);
+         Image const left = dead.image();
          Content const visible = dying.contents[0];
          Scenario<Small> const again{fmt::format("a start after dying at {} of an overwrite", at),
                                      fixedOf(2),
@@ -166,11 +147,7 @@ TEST(Schedules, CrashAndTheSameRowAgain) {
          recording.ends.insert(recording.ends.begin(),
                                static_cast<std::size_t>(store - recording.events.begin()) + 1);
          recording.uncertain = 1;
-         Campaign<Small> campaign(again, recording);
-         for (auto const& operation : campaign.operations()) campaign.oneStop(operation, step);
-         Report const part = campaign.finish();
-         expectClean<Small>(part, again.name);
-         EXPECT_GT(part.reformats, 0u);
+         EXPECT_GT(everyStop(again, recording, step, false).reformats, 0u);
       }
       Key::seeded = false;
    }
@@ -189,8 +166,8 @@ TEST(Schedules, TwoStops) {
       for (auto const& operation : campaign.operations())
          if (operation.name != "walk" && operation.name != "get every slot") campaign.twoStops(operation);
       Report const part = campaign.finish();
-      expectClean<Small>(part, "two stops: " + scenario.name);
-      add(total, part);
+      expectClean(part, scenario.name);
+      total.add(part);
    }
    EXPECT_GT(total.schedules, 1000000u / slow / slow);
    EXPECT_GT(total.counters.retries, 0u);

@@ -21,20 +21,6 @@ constexpr std::size_t page = 4096;
 
 [[noreturn]] void fail(std::string const& what) { throw std::logic_error(what); }
 
-void lengthIs(Image::File& file, std::size_t length) {
-   file.bytes.resize(length);
-   file.blocks.resize((length + page - 1) / page);
-}
-
-void backed(Image::File& file, std::size_t from, std::size_t to, bool on) {
-   if (on) {
-      for (std::size_t p = from / page; p * page < to; ++p) file.blocks.at(p) = true;
-      return;
-   }
-   for (std::size_t p = (from + page - 1) / page; (p + 1) * page <= to && p < file.blocks.size(); ++p)
-      file.blocks[p] = false;
-}
-
 std::vector<bool> backedPages(int fd, std::size_t length) {
    std::vector<bool> blocks((length + page - 1) / page);
    for (off_t at = 0; (at = ::lseek(fd, at, SEEK_DATA)) >= 0;) {
@@ -89,51 +75,6 @@ void Image::store(std::string const& directory) const {
       }
       ::close(fd);
    }
-}
-
-void Image::apply(Event const& event) {
-   using Kind = Event::Kind;
-   if (event.kind == Kind::create) {
-      if (!event.file.empty()) files[event.file];
-      return;
-   }
-   if (event.kind == Kind::unlink) {
-      files.erase(event.file);
-      return;
-   }
-   auto const found = files.find(event.file);
-   if (found == files.end()) fail(event.text() + ": no such file");
-   File& file = found->second;
-   std::size_t const end = event.offset + event.length;
-   switch (event.kind) {
-   case Kind::rename:
-      files[event.target] = std::move(file);
-      files.erase(event.file);
-      return;
-   case Kind::allocate:
-   case Kind::write:
-      if (file.bytes.size() < end) lengthIs(file, end);
-      backed(file, event.offset, end, true);
-      if (event.kind == Kind::write)
-         std::memcpy(file.bytes.data() + event.offset, event.bytes.data(), event.length);
-      return;
-   case Kind::truncate:
-      return lengthIs(file, event.length);
-   case Kind::punch: {
-      backed(file, event.offset, end, false);
-      std::size_t const to = std::min(end, file.bytes.size());
-      if (event.offset < to)
-         std::fill(file.bytes.begin() + static_cast<long>(event.offset),
-                   file.bytes.begin() + static_cast<long>(to), 0);
-      return;
-   }
-   default:
-      break;
-   }
-   // A mapping reaches to the end of its last page, the file doesn't.
-   if (end > file.bytes.size()) fail(event.text() + ": beyond the end of the file");
-   if (!file.blocks.at(event.offset / page)) fail(event.text() + ": into a hole");
-   std::memcpy(file.bytes.data() + event.offset, event.bytes.data(), event.length);
 }
 
 std::string Image::difference(Image const& other) const {

@@ -1,10 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // A table's directory as bytes in memory, and the changes that a writer makes to it, one by one. A writer's
-// operation is recorded as a list of events (Recorder.h); applying the first k of them to the image of before
-// gives what a writer that died there leaves behind.
-//
-// The image knows which pages of a file have their blocks: a store to any other page could be a SIGBUS on a
-// full file system, and counts as a mistake of the writer.
+// operation is recorded as a list of events (Recorder.h); making the first k of them to the files of before
+// (Live.h) gives what a writer that died there leaves behind. An image keeps holes as holes.
 #pragma once
 
 #include "Mem/Seam.h"
@@ -40,11 +37,6 @@ public:
    static Image load(std::string const& directory);
    /// Makes the directory hold exactly this, each file with a new inode.
    void store(std::string const& directory) const;
-   /// Throws std::logic_error on an event that no sound writer makes: a store beyond the file or into a hole.
-   void apply(Event const& event);
-   void apply(Events const& events, std::size_t from, std::size_t to) {
-      for (std::size_t i = from; i < to; ++i) apply(events[i]);
-   }
 
    bool has(std::string const& file) const { return files.count(file) != 0; }
    /// The files that differ, in words; empty if none does.

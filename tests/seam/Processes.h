@@ -6,18 +6,19 @@
 #include <fmt/format.h>
 
 #include <atomic>
+#include <chrono>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
-#include <functional>
 #include <new>
 #include <stdexcept>
 #include <string>
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
+#include <thread>
+#include <type_traits>
 #include <unistd.h>
 
 namespace Test {
@@ -51,8 +52,8 @@ struct Complaint {
 
 class Child {
 public:
-   /// Runs `body` in a child that ends with it, or with its parent.
-   explicit Child(std::function<void()> const& body) {
+   /// Runs `body` in a child that ends with it, with what it returns, or with its parent.
+   template <class Body> explicit Child(Body const& body) {
       std::fflush(nullptr);
       pid_ = ::fork();
       if (pid_ < 0) throw std::runtime_error("fork failed");
@@ -60,7 +61,10 @@ public:
       ::prctl(PR_SET_PDEATHSIG, SIGKILL);
       int status = 0;
       try {
-         body();
+         if constexpr (std::is_void_v<decltype(body())>)
+            body();
+         else
+            status = body();
       } catch (std::exception const& e) {
          fmt::print(stderr, "child: {}\n", e.what());
          status = 3;
@@ -72,6 +76,7 @@ public:
    Child(Child const&) = delete;
    Child& operator=(Child const&) = delete;
 
+   pid_t pid() const { return pid_; }
    void signal(int number) const {
       if (pid_ > 0) ::kill(pid_, number);
    }
@@ -94,16 +99,10 @@ private:
    int status_ = 0;
 };
 
+/// Seconds of a clock that never goes back.
 inline double now() {
-   timespec at{};
-   ::clock_gettime(CLOCK_MONOTONIC, &at);
-   return static_cast<double>(at.tv_sec) + static_cast<double>(at.tv_nsec) * 1e-9;
+   return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
-inline void pause(double seconds) {
-   timespec const span{
-       static_cast<time_t>(seconds),
-       static_cast<long>((seconds - static_cast<double>(static_cast<time_t>(seconds))) * 1e9)};
-   ::nanosleep(&span, nullptr);
-}
+inline void pause(double seconds) { std::this_thread::sleep_for(std::chrono::duration<double>(seconds)); }
 
 } // namespace Test

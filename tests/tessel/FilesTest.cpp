@@ -224,6 +224,14 @@ TEST_F(TesselFiles, FollowersAttachReadOnly) {
    EXPECT_EQ(reader.last(), queue.tail());
    queue.attach({1, 2});
    EXPECT_EQ(reader.walk(10), Tessel::WalkResult::otherTable);
+   // Files that were removed and made again, by a writer that came to the same number and goes as far.
+   reader.detach();
+   queue.cleanup();
+   queue.attach(kestor);
+   queue.reserve(4);
+   for (u32 n = 0; n < 20; ++n) queue.notify(n % 3);
+   ASSERT_TRUE(reader.attach(kestor));
+   EXPECT_EQ(reader.walk(10), Tessel::WalkResult::resync);
 }
 
 // Words that no writer leaves, with the generation standing still, are corruption; so are positions out of

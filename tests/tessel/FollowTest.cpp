@@ -20,9 +20,9 @@ struct Totals {
 std::string playOnce(u64 seed, Mistake mistake, bool formats, Totals& totals) {
    Dice dice(seed);
    Stage stage(dice);
-   Tessel::leastEntries = 2 + dice.below(12);
-   Mem::NaoRootPath const path(*Lomi::Platform::getDebugHandler("test", true),
-                               fmt::format("follow/{}", seed % 8), false);
+   SmallTables const small(2 + dice.below(12));
+   std::filesystem::remove_all(testRoot() + "/follow"); // a seed alone gives the same run
+   Mem::NaoRootPath const path(*Lomi::Platform::getDebugHandler("test", true), "follow", false);
    Rows rows(path, dice.oneIn(3) ? Tessel::PruneMode::prune : Tessel::PruneMode::keep, 2 + 2 * dice.below(2),
              [&stage] { stage.step(); });
    rows.omitTombstone = mistake == Mistake::moveWithoutTombstone;
@@ -68,7 +68,6 @@ u64 runs(u64 usual) {
 }
 
 TEST(TesselFollow, EndsWithTheLastStateOfEveryRow) {
-   testRoot();
    Totals totals;
    for (u64 seed = 1; seed <= runs(250); ++seed)
       ASSERT_EQ(playOnce(seed, Mistake::none, seed % 3 == 0, totals), "") << "seed " << seed;
@@ -83,7 +82,6 @@ TEST(TesselFollow, EndsWithTheLastStateOfEveryRow) {
 class TesselMistake : public testing::TestWithParam<Mistake> {};
 
 TEST_P(TesselMistake, IsFound) {
-   testRoot();
    Totals totals;
    for (u64 seed = 1; seed <= 20'000; ++seed)
       if (std::string const failure = playOnce(seed, GetParam(), false, totals); !failure.empty()) {

@@ -82,7 +82,7 @@ public:
       static Parcel::u16 formats = 0;
       Parcel::KestorId const fresh(7, ++formats);
       attached = queue.attach(fresh);
-      queue.reserve(mostSlots);
+      queue.reserve(capacity);
       step_();
       kestor = fresh;
    }
@@ -90,8 +90,7 @@ public:
    void restart() {
       queue.detach();
       attached = queue.attach(kestor);
-      queue.reserve(mostSlots);
-      queue.trim(capacity);
+      queue.reserve(capacity);
    }
 
    void compact() {
@@ -195,6 +194,13 @@ private:
    u32 const minSlots_;
    std::vector<u32> free_;
    int lives_ = 0;
+};
+
+/// The queue's tables are as small as that while this lives.
+struct SmallTables {
+   explicit SmallTables(u32 entries) { std::swap(Tessel::leastEntries, saved = entries); }
+   ~SmallTables() { Tessel::leastEntries = saved; }
+   u32 saved;
 };
 
 /// Random numbers that are the same everywhere.

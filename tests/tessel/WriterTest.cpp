@@ -20,12 +20,6 @@ Mem::NaoRootPath tablePath(std::string const& name) {
    return {handler(), name, false};
 }
 
-struct SmallTables {
-   explicit SmallTables(u32 entries) { std::swap(Tessel::leastEntries, saved = entries); }
-   ~SmallTables() { Tessel::leastEntries = saved; }
-   u32 saved;
-};
-
 /// Says what it is told to say.
 struct Crowd : Tessel::Followers {
    void wake() noexcept override {

@@ -200,7 +200,8 @@ TEST_F(Rows, BadWordsAreNamed) {
        {{"dump", counterName, "-w", "src=10.0.0.0/33"}, "a prefix length from 0 to 32"},
        {{"dump", counterName, "-w", "updateTime<yesterday"}, "a time like 2025"},
        {{"dump", counterName, "-c", "bites"}, "\"bites\" is no column"},
-       {{"frobnicate"}, "frobnicate"},
+       {{"dump", counterName, "-n", "-1"}, "\"-1\": expected a number above 0"},
+       {{"frobnicate"}, "no command \"frobnicate\"\n  commands are: list show"},
        {{"dump"}, "TABLE"},
        {{"show", "../x"}, "../x"},
    };

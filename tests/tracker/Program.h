@@ -9,6 +9,7 @@
 #include <chrono>
 #include <csignal>
 #include <fcntl.h>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <set>
@@ -32,13 +33,16 @@ struct Result {
 class Tracker {
 public:
    /// @param folder takes its output, in files named by `name`
-   Tracker(std::string const& folder, std::vector<std::string> arguments, std::string const& name = "run")
-      : out_(folder + "/" + name + ".out")
+   /// @param in its standard input
+   /// @param out its standard output, if not in the folder
+   Tracker(std::string const& folder, std::vector<std::string> arguments, std::string const& name = "run",
+           std::string const& in = "/dev/null", std::string const& out = {})
+      : out_(out.empty() ? folder + "/" + name + ".out" : out)
       , err_(folder + "/" + name + ".err") {
       posix_spawn_file_actions_t actions;
       posix_spawn_file_actions_init(&actions);
       constexpr int flags = O_WRONLY | O_CREAT | O_TRUNC;
-      posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+      posix_spawn_file_actions_addopen(&actions, 0, in.c_str(), O_RDONLY, 0);
       posix_spawn_file_actions_addopen(&actions, 1, out_.c_str(), flags, 0600);
       posix_spawn_file_actions_addopen(&actions, 2, err_.c_str(), flags, 0600);
       arguments.insert(arguments.begin(), HOFLOW_TRACKER);
@@ -60,6 +64,7 @@ public:
          std::this_thread::sleep_for(std::chrono::milliseconds(2));
       }
       auto content = [](std::string const& path) {
+         if (!std::filesystem::is_regular_file(path)) return std::string();
          std::ifstream in(path, std::ios::binary);
          return std::string(std::istreambuf_iterator<char>(in), {});
       };

@@ -4,6 +4,7 @@
 // in.
 #pragma once
 
+#include "Judge.h"
 #include "TestRoot.h"
 #include "TestTable.h"
 
@@ -64,45 +65,16 @@ std::unique_ptr<WriterOf<R>> open(std::string const& name, Mirak::MapDescriptor 
    return writer;
 }
 
-/// Compares a table with what it must hold: count, each key of `universe` looked up, the walk with its hints,
-/// the same walk from key to key, its order, and the table's own audit. Empty if all is right, else the first
-/// difference.
+/// Compares a table with what it must hold: by every way in, by its count and by the table's own audit. Empty
+/// if all is right, else the first difference.
 template <class R>
 std::string difference(WriterOf<R>& writer, Content const& content, std::vector<Key> const& universe) {
    if (writer.members() != content.size())
       return fmt::format("members:{} wanted:{}", writer.members(), content.size());
-   for (Key key : universe) {
-      bool found;
-      R buffer;
-      auto const* row = writer.lookup(key, found, &buffer);
-      auto const wanted = content.find(key);
-      if (found != (wanted != content.end())) return fmt::format("lookup of {} found:{}", key.str(), found);
-      if (!found && row != &OpsOf<R>::typeDefault()) return "a miss gives another row than the default";
-      if (found && (row->key() != key || row->generation() != wanted->second || !row->sound()))
-         return fmt::format("{} has {}", key.str(), row->str());
-      if (found) writer.validateVersionAnchor();
-   }
    u32 const seed = Mem::loadShared(writer.slotTable().header().hashSeed);
-   for (bool hinted : {true, false}) {
-      R row;
-      Mirak::IterHint hint;
-      std::size_t walked = 0;
-      std::optional<Key> last;
-      for (bool more = writer.first(row, hint); more; more = writer.next(row.key(), row, hint)) {
-         auto const wanted = content.find(row.key());
-         if (wanted == content.end() || wanted->second != row.generation() || !row.sound())
-            return fmt::format("walk meets {}", row.str());
-         if (last && !before(*last, row.key(), seed))
-            return fmt::format("walk has {} behind {}", row.key().str(), last->str());
-         last = row.key();
-         ++walked;
-         if (!hinted) hint = {};
-      }
-      if (walked != content.size()) return fmt::format("walk has {} rows of {}", walked, content.size());
-   }
+   if (std::string wrong = judgeAll<R>(writer, content, seed, universe); !wrong.empty()) return wrong;
    std::string error;
-   if (!writer.validate(writer.kestorId(), error, true)) return "validate: " + error;
-   return {};
+   return writer.validate(writer.kestorId(), error, true) ? std::string() : "validate: " + error;
 }
 
 } // namespace Test

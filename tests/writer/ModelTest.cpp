@@ -1,8 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// The writer against a map: random operations, and after every few of them the whole table by every way in.
+// The writer, and a reader beside it, against a map: random operations, and after every few of them the whole
+// table by every way in; between them walks that live through it all.
 // Keys carry their own hashes, so that chains are as even, as uneven or as long as a case wants them. The
 // seed is printed with a failure; HOFLOW_SEED sets it, HOFLOW_STEPS the length.
 #include "Fixture.h"
+
+#include "Mirak/MirakReader.h"
 
 #include <random>
 
@@ -57,10 +60,14 @@ public:
          }
          if (step < 100 || step % (1 + setup_.keys / 8) == 0) {
             ASSERT_EQ(difference(*writer_, content_, universe_), "") << "step " << step;
+            if (reader_) {
+               ASSERT_EQ(judgeAll<R>(*reader_, content_, seed(), universe_), "") << "step " << step;
+            }
          }
       }
    }
    Mirak::Writer::Counters counters() const { return total_; }
+   Mirak::Reader::Counters readerCounters() const { return reader_->readerCounters(); }
 
 private:
    Key keyOf(u32 i) const {
@@ -76,7 +83,11 @@ private:
    void open() {
       Key::seeded = setup_.hashing == Hashing::good;
       writer_ = Test::open<R>(name_, setup_.descriptor, quiet());
+      if (setup_.descriptor.local || reader_) return;
+      reader_ = std::make_unique<Mirak::MirakReader<OpsOf<R>>>(quiet(), name_, OpsOf<R>{});
+      if (!reader_->initialize("test")) throw std::logic_error(reader_->initializeError());
    }
+   u32 seed() const { return Mem::loadShared(writer_->slotTable().header().hashSeed); }
    Key any() { return universe_[random_() % universe_.size()]; }
 
    void one() {
@@ -157,25 +168,31 @@ private:
       bool more = writer_->first(row, hint);
       for (u32 steps = random_() % 20; more && steps > 0; --steps) more = writer_->next(row.key(), row, hint);
       if (!more) return;
-      if (places_.size() < 32) places_.push_back({row.key(), hint});
-      places_[random_() % places_.size()] = {row.key(), hint};
+      Place const place{row.key(), hint, writer_->buckets()};
+      if (places_.size() < 32) places_.push_back(place);
+      places_[random_() % places_.size()] = place;
    }
    /// Whatever happened since, the walk goes on behind the key. A hint of another place must only do no harm.
    void resume() {
       if (places_.empty()) return;
-      auto [key, hint] = places_[random_() % places_.size()];
-      u32 const seed = Mem::loadShared(writer_->slotTable().header().hashSeed);
-      R row;
+      auto [key, hint, buckets] = places_[random_() % places_.size()];
       if (random_() % 8 == 0) {
+         R row;
          if (writer_->next(any(), row, hint)) {
             ASSERT_TRUE(content_.count(row.key()) && row.sound());
          }
          return;
       }
+      resume(*writer_, key, hint);
+      // The bucket in a reader's hint is that of the bucket count of then.
+      if (reader_) resume(*reader_, key, buckets == writer_->buckets() ? hint : Mirak::IterHint{});
+   }
+   template <class Table> void resume(Table const& table, Key key, Mirak::IterHint hint) {
+      R row;
       std::optional<Key> wanted;
       for (auto const& [other, generation] : content_)
-         if (before(key, other, seed) && (!wanted || before(other, *wanted, seed))) wanted = other;
-      ASSERT_EQ(writer_->next(key, row, hint), wanted.has_value()) << key.str();
+         if (before(key, other, seed()) && (!wanted || before(other, *wanted, seed()))) wanted = other;
+      ASSERT_EQ(table.next(key, row, hint), wanted.has_value()) << key.str();
       if (wanted) {
          ASSERT_EQ(row.key(), *wanted) << row.str() << " wanted " << wanted->str();
       }
@@ -185,7 +202,7 @@ private:
       auto const& header = writer_->slotTable().header();
       u64 const pad = random_();
       writer_->scratchpadIs(pad);
-      u32 const seed = Mem::loadShared(header.hashSeed), most = Mem::loadShared(header.mostSlots);
+      u32 const seed = this->seed(), most = Mem::loadShared(header.mostSlots);
       auto const kestor = writer_->kestorId();
       note();
       bool const sameObject = random_() % 2;
@@ -226,8 +243,14 @@ private:
    std::string name_;
    std::vector<Key> universe_;
    std::unique_ptr<WriterOf<R>> writer_;
+   std::unique_ptr<Mirak::MirakReader<OpsOf<R>>> reader_; ///< none beside private memory
    Content content_;
-   std::vector<std::pair<Key, Mirak::IterHint>> places_;
+   struct Place {
+      Key key;
+      Mirak::IterHint hint;
+      u32 buckets;
+   };
+   std::vector<Place> places_;
    bool growing_ = true;
    u32 generation_ = 0;
    Mirak::Writer::Counters total_;
@@ -270,6 +293,12 @@ protected:
       }
       if (GetParam().moveAlways) {
          EXPECT_GT(done.remaps, 0u);
+      }
+      if (!GetParam().descriptor.local) {
+         EXPECT_GT(model.readerCounters().nextSlowPath, 0u);
+      }
+      if (GetParam().keys >= 700 && !GetParam().descriptor.local) {
+         EXPECT_TRUE(model.readerCounters().slotResizes > 2 && model.readerCounters().buckets.resizes > 0);
       }
    }
 };

@@ -61,6 +61,7 @@ ordered_json summary(Inspection const& t) {
       j["valueType"] = printable(t.slotHeader->valueTypeName());
       j["rows"] = t.slotHeader->occupiedSlots;
       j["capacity"] = t.slotHeader->numSlots.value;
+      j["interrupted"] = t.interrupted();
    }
    j["writerAlive"] = t.writerAlive;
    j["writerPid"] = t.writerPid && t.writerAlive ? ordered_json(t.writerPid) : ordered_json();
@@ -137,9 +138,11 @@ void showText(Common const& common, Inspection const& t) {
       add("writer", t.writerPid ? fmt::format("alive, process {}", t.writerPid) : "alive", Style::good);
    else
       add("writer", "none");
-   if (t.inOperation() && !t.writerAlive && hasNumbers(t))
+   if (t.interrupted())
       add("note", "the last writer died inside an operation: the next one formats the table anew",
           Style::warning);
+   if (!t.ownerProblem.empty())
+      add("note", "the owner file is damaged: the next writer formats the table anew", Style::warning);
    if (t.marked)
       add("note", "corruption-detected: a reader found damage since the last start", Style::warning);
    if (hasNumbers(t)) {
@@ -184,7 +187,7 @@ Exit listTables(Common const& common, std::vector<std::string> const& patterns, 
       if (!wanted) continue;
       ++shown;
       if (namesOnly) {
-         common.out.line(name);
+         common.out.line(common.json ? jsonLine({{"table", name}}) : name);
          continue;
       }
       Inspection const t = inspect(name);
@@ -195,8 +198,8 @@ Exit listTables(Common const& common, std::vector<std::string> const& patterns, 
       bool const numbers = hasNumbers(t);
       columns.add({name, shortType(t), numbers ? std::to_string(t.slotHeader->occupiedSlots) : "-",
                    numbers ? std::to_string(t.slotHeader->numSlots.value) : "-", writerText(t),
-                   std::string(stateText(t.state))},
-                  styleOf(t.state));
+                   t.interrupted() ? "interrupted" : std::string(stateText(t.state))},
+                  t.interrupted() ? Style::warning : styleOf(t.state));
    }
    if (!common.json && !namesOnly && shown) columns.finish();
    for (std::string const& directory : found.skipped) say(directory + ": may not be read by this user");

@@ -140,8 +140,8 @@ Exit dumpTable(Common const& common, std::string const& name, DumpOptions const&
          return ++written != options.limit;
       });
    } catch (Failure& failure) {
-      writer.finish();
-      failure.text += fmt::format(" (behind {} sound rows)", walked);
+      if (failure.status == Exit::corrupt) writer.finish();
+      if (failure.status == Exit::corrupt) failure.text += fmt::format(" (behind {} sound rows)", walked);
       throw;
    }
    progress.clear();

@@ -130,10 +130,12 @@ Exit checkOne(Common const& common, std::string const& name) {
              {{"table", name}, {"sound", false}, {"problems", ordered_json::array({failure.text})}}));
       throw;
    }
-   Verdict const verdict = judge(*table);
-   Checked const& seen = verdict.seen;
+   Verdict verdict = judge(*table);
+   Checked const seen = verdict.seen;
    Inspection const after = inspect(name);
-   bool const interrupted = after.inOperation() && !after.writerAlive;
+   bool const interrupted = after.interrupted();
+   if (!after.ownerProblem.empty())
+      verdict.problems.push_back(after.ownerProblem + "; the next writer formats the table anew");
    Exit const status = !verdict.problems.empty() ? Exit::corrupt : interrupted ? Exit::incomplete : Exit::ok;
    std::string const died = "the last writer died inside an operation: the next one formats the table anew";
    if (common.json) {

@@ -226,6 +226,9 @@ Inspection look(Mem::NaoRootPath const& place) {
                                                      [](auto const& h) { return h.numBuckets.version; });
       Parcel::OwnerFile const ownerFile(handler, place, false);
       openFile(directory, Parcel::OwnerFile::FILENAME, t.owner);
+      bool const mayRead = !t.owner.present || t.owner.error == 0 || t.owner.error == ELOOP || t.owner.error == EINVAL;
+      if (mayRead && !ownerFile.validate(t.ownerProblem) && t.ownerProblem.empty())
+         t.ownerProblem = ownerFile.getFilename() + ": is no sound owner file";
       t.ownerText = t.owner.present ? ownerFile.headerToString() : "absent";
       FileFacts marker;
       openFile(directory, "corruption-detected", marker);

@@ -42,7 +42,8 @@ struct Inspection {
    bool writerAlive = false;
    std::uint32_t writerPid = 0; ///< 0 if not known
    std::string ownerText;
-   bool marked = false; ///< "corruption-detected" is there
+   std::string ownerProblem; ///< no trouble for readers, but the next writer formats such a table anew
+   bool marked = false;      ///< "corruption-detected" is there
    TypeFacts const* type = nullptr;
 
    State state = State::ok;
@@ -54,6 +55,8 @@ struct Inspection {
    bool inOperation() const {
       return slotHeader && slotHeader->runtimeFlags & Mirak::SlotTableHeader::inCriticalSection;
    }
+   /// The last writer died inside an operation: the rows can be read, the next writer formats the table anew.
+   bool interrupted() const { return state == State::ok && inOperation() && !writerAlive; }
 };
 
 /// Looks at the table of that name. A trouble that a writer at work may cause for a moment is looked at

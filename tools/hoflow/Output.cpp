@@ -25,7 +25,9 @@ Exit worse(Exit a, Exit b) {
 
 Output::Output() {
    char const* const noColor = std::getenv("NO_COLOR");
-   colour_ = isatty(STDOUT_FILENO) != 0 && !(noColor && *noColor);
+   char const* const terminal = std::getenv("TERM");
+   colour_ = isatty(STDOUT_FILENO) != 0 && !(noColor && *noColor) &&
+             !(terminal && std::string_view(terminal) == "dumb");
    struct stat status {};
    file_ = fstat(STDOUT_FILENO, &status) == 0 && S_ISREG(status.st_mode);
 }
@@ -57,11 +59,24 @@ void Output::flush() {
    buffer_.clear();
 }
 
-void say(std::string_view text) { fmt::print(stderr, "hoflow: {}\n", text); }
+namespace {
+
+/// Names of tables and bytes of damaged files may hold what a terminal takes for a command.
+std::string withoutControls(std::string text, bool lines) {
+   for (char& c : text)
+      if ((static_cast<unsigned char>(c) < ' ' && !(lines && c == '\n')) || c == 0x7f) c = '?';
+   return text;
+}
+
+} // namespace
+
+void say(std::string_view text) {
+   fmt::print(stderr, "hoflow: {}\n", withoutControls(std::string(text), true));
+}
 
 void say(Failure const& failure) {
    say(failure.text);
-   if (!failure.hint.empty()) fmt::print(stderr, "  {}\n", failure.hint);
+   if (!failure.hint.empty()) fmt::print(stderr, "  {}\n", withoutControls(failure.hint, true));
 }
 
 Progress::Progress(std::string_view what, std::uint64_t total, bool wanted)
@@ -125,7 +140,7 @@ void Columns::write(Row const& row, bool header) {
    std::string line;
    for (std::size_t i = 0; i < columns_.size(); ++i) {
       bool const last = i + 1 == columns_.size();
-      std::string const& word = row.words[i];
+      std::string const word = withoutControls(row.words[i], false);
       std::size_t const fill = widths_[i] > word.size() ? widths_[i] - word.size() : 0;
       if (columns_[i].right) line.append(fill, ' ');
       line += last && !header ? out_.styled(row.last, word) : word;

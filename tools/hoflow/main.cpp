@@ -10,7 +10,10 @@
 
 #include <CLI/CLI.hpp>
 #include <csignal>
+#include <filesystem>
 #include <sstream>
+#include <string_view>
+#include <unistd.h>
 
 namespace {
 
@@ -39,6 +42,7 @@ public:
             "hoflow") {
       app.fallthrough();
       app.require_subcommand(0, 1);
+      app.failure_message([this](CLI::App const*, CLI::Error const& e) { return complaint(e); });
       app.set_version_flag("--version", "hoflow " HOFLOW_VERSION);
       app.add_option("--root", args.root, "folder below which the tables lie")
           ->envname("HOFLOW_ROOT")
@@ -66,6 +70,16 @@ private:
       sub->footer("\nExamples:\n" + examples + "\n" + statuses);
       sub->final_callback([this, toRun] { chosen = toRun; });
       return sub;
+   }
+   /// What to say of a command line that can't be understood.
+   std::string complaint(CLI::Error const& e) const {
+      auto const rest = app.remaining();
+      if (e.get_exit_code() != static_cast<int>(CLI::ExitCodes::ExtrasError) ||
+          !app.get_subcommands().empty() || rest.empty() || rest[0][0] == '-')
+         return fmt::format("hoflow: {}\n  hoflow --help and hoflow COMMAND --help say more\n", e.what());
+      std::string commands;
+      for (auto const* const sub : app.get_subcommands(nullptr)) commands += " " + sub->get_name();
+      return fmt::format("hoflow: there is no command \"{}\"\n  commands are:{}\n", rest[0], commands);
    }
    void takesTables(CLI::App* sub) {
       sub->add_option("TABLE", args.words, "names, ends of names or patterns")->required()->type_name("");
@@ -136,7 +150,13 @@ private:
           ->join(',');
       dump->add_option("-n,--limit", args.dump.limit, "at most so many rows")
           ->type_name("ROWS")
-          ->check(CLI::PositiveNumber);
+          ->check(CLI::Validator(
+              [](std::string& text) {
+                 std::uint64_t rows = 0;
+                 bool const good = text[0] != '-' && CLI::detail::lexical_cast(text, rows) && rows > 0;
+                 return good ? std::string() : "\"" + text + "\": expected a number above 0";
+              },
+              ""));
       dump->add_flag("--no-header", args.dump.noHeader, "no line with the columns' names");
 
       auto* const count = command(
@@ -161,6 +181,15 @@ private:
    Run chosen = nullptr;
 };
 
+/// A writer refuses a root that is a link, as others may have laid it; so no table lies there.
+void refuseLinkedRoot() {
+   std::filesystem::path const root = Mem::RootPath::get();
+   std::error_code error;
+   if (std::filesystem::is_symlink(std::filesystem::symlink_status(root, error)))
+      throw Failure{Exit::cantOpen, root.string() + ": is a symbolic link; the root must be a folder itself",
+                    "--root " + std::filesystem::weakly_canonical(root, error).string() + " names it"};
+}
+
 int CommandLine::run(int argc, char** argv) {
    try {
       // The arrow of a key as traces print it would be taken for an option. The parser wants the last word
@@ -178,6 +207,7 @@ int CommandLine::run(int argc, char** argv) {
    try {
       try {
          if (app.count("--root") || !args.root.empty()) Mem::RootPath::set(args.root);
+         refuseLinkedRoot();
          status = chosen ? chosen(common, args) : overview(common);
       } catch (Failure const& failure) {
          out.flush(); // what was found before
@@ -197,11 +227,20 @@ int CommandLine::run(int argc, char** argv) {
    return static_cast<int>(status);
 }
 
+/// A mapped file lost what is behind the place that is read; nothing can be unwound from there.
+void onBusError(int) {
+   constexpr std::string_view text =
+       "hoflow: a file was cut short while it was read, or its file system is full: the output isn't whole\n";
+   [[maybe_unused]] auto const written = write(STDERR_FILENO, text.data(), text.size());
+   _exit(static_cast<int>(Exit::incomplete));
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
    // `hoflow dump TABLE | head` ends without a word, also where a parent ignores the signal.
    std::signal(SIGPIPE, SIG_DFL);
+   std::signal(SIGBUS, onBusError);
    // The tool says itself what is wrong with a table; the library's traces would say it again in other words.
    Lomi::Platform::defaultMaskIs(0);
    return CommandLine().run(argc, argv);

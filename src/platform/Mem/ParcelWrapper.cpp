@@ -47,8 +47,7 @@ char* mapFile(void* at, u64 bytes, int protection, int flags, int fd, u64 offset
 }
 
 char* reserveAddresses(void* wish) {
-   char* const base =
-       mapFile(wish, writerArea, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+   char* const base = reserveAligned(writerArea, wish);
    if (base) ::madvise(base, writerArea, MADV_DONTFORK);
    return base;
 }
@@ -118,9 +117,9 @@ bool ParcelWrapper::openForWriting() {
 char* ParcelWrapper::attachWriter(u64 size, void* address) {
    if (!openForWriting()) return nullptr;
    u64 const before = memSize();
-   if (!reserveBlocks(size)) return nullptr;
    base_ = reserveAddresses(address);
    area_ = base_ ? writerArea : 0;
+   if (!reserveBlocks(size, size)) return nullptr;
    if (!mapUpTo(roundUpToPage(size))) {
       cutBackTo(before);
       return nullptr;
@@ -146,19 +145,23 @@ char* ParcelWrapper::attachReader(u64 size, void* address) {
       return attached(base_ = sharedBase(getFilename()), size);
    }
 #endif
-   char* const base = mapFile(address, roundUpToPage(size), PROT_READ, MAP_SHARED, file_.get(), 0);
-   if (!base) return fail("map", size, errnoText());
    extent_ = roundUpToPage(size);
+   char* const place = extent_ >= hugePageSize ? reserveAligned(extent_, address) : nullptr;
+   char* const base = mapFile(place ? place : address, extent_, PROT_READ,
+                              MAP_SHARED | (place ? MAP_FIXED : 0), file_.get(), 0);
+   if (!base) return fail("map", size, errnoText());
    base_ = base;
    advise(0, extent_);
    return attached(base, size);
 }
 
-// [0, reserved_) has its blocks; asks for those up to `size`. On failure the file is as long as before.
-bool ParcelWrapper::reserveBlocks(u64 size) {
+// [0, reserved_) has its blocks; asks for those up to `size`, or for a few more where the owner will need
+// `coming` bytes soon. On failure the file is as long as before.
+bool ParcelWrapper::reserveBlocks(u64 size, u64 coming) {
    if (size <= reserved_) return true;
    u64 const before = memSize();
    u64 const from = reserved_ / pageSize_ * pageSize_;
+   size = makeHugePages(from, size, coming);
    auto const outcome = FileCalls::allocate(file_.get(), getFilename(), from, size - from);
    if (!outcome) {
       cutBackTo(before);
@@ -166,6 +169,21 @@ bool ParcelWrapper::reserveBlocks(u64 size) {
    }
    reserved_ = size;
    return true;
+}
+
+// Before [from, size) is asked for page by page: makes huge pages of those places that `coming` fills anyway.
+// An empty place then needs no copy, only one page to begin with. Returns `size`, or the end of the last huge
+// page if that is more.
+u64 ParcelWrapper::makeHugePages(u64 from, u64 size, u64 coming) {
+   if (!area_) return size;
+   for (u64 at = from / hugePageSize * hugePageSize; at < size && at + hugePageSize <= coming;
+        at += hugePageSize) {
+      if (!hugePages_.possible() || !mapUpTo(at + hugePageSize) ||
+          !FileCalls::allocate(file_.get(), getFilename(), std::max(from, at), pageSize_))
+         break;
+      if (hugePages_.make(base_ + at)) size = std::max(size, at + hugePageSize);
+   }
+   return size;
 }
 
 // Pieces within the old length aren't given back here: whether they had blocks before isn't known, and they
@@ -221,7 +239,7 @@ char* ParcelWrapper::resize(u64 size) {
 char* ParcelWrapper::resizeWriter(u64 size) {
    u64 const before = memSize();
    u64 const reserved = reserved_;
-   if (!reserveBlocks(size)) return nullptr;
+   if (!reserveBlocks(size, size)) return nullptr;
    u64 const extent = std::max(extent_, roundUpToPage(size));
 #ifdef HOFLOW_TEST_SEAM
    bool const mapped = moveAlways ? moveMapping(extent) : mapUpTo(extent);
@@ -246,12 +264,30 @@ char* ParcelWrapper::resizeReader(u64 size) {
    if (moveAlways) return moveMapping(extent) ? attached(base_, size) : nullptr;
 #endif
    if (extent != extent_) {
-      void* const moved = ::mremap(base_, extent_, extent, MREMAP_MAYMOVE);
-      if (moved == MAP_FAILED) return fail("remap", size, errnoText());
-      base_ = static_cast<char*>(moved);
+      char* const moved = moveReader(extent);
+      if (!moved) return fail("remap", size, errnoText());
+      base_ = moved;
       extent_ = extent;
    }
    return attached(base_, size);
+}
+
+// Stays where it is if it can. Otherwise, and when it becomes large, it goes to an aligned place, where the
+// writer's huge pages serve this mapping, too.
+char* ParcelWrapper::moveReader(u64 extent) {
+   bool const aligned = reinterpret_cast<std::uintptr_t>(base_) % hugePageSize == 0;
+   if (extent < extent_ || extent < hugePageSize || aligned) {
+      void* const same = ::mremap(base_, extent_, extent, 0);
+      if (same != MAP_FAILED) return base_;
+   }
+   char* const place = extent >= hugePageSize ? reserveAligned(extent, nullptr) : nullptr;
+   void* moved = place ? ::mremap(base_, extent_, extent, MREMAP_MAYMOVE | MREMAP_FIXED, place)
+                       : ::mremap(base_, extent_, extent, MREMAP_MAYMOVE);
+   if (moved != MAP_FAILED) return static_cast<char*>(moved);
+   int const error = errno;
+   if (place) ::munmap(place, extent);
+   errno = error;
+   return nullptr;
 }
 
 #ifdef HOFLOW_TEST_SEAM
@@ -276,13 +312,19 @@ bool ParcelWrapper::moveMapping(u64 extent) {
 }
 #endif
 
-bool ParcelWrapper::reserve(u64 size) {
-   if (local_) return localMemory_.reserve(size) || fail("reserve room in", size, localMemory_.lastError());
+bool ParcelWrapper::reserve(u64 size, u64 coming) {
+   if (local_) {
+      // Not in pieces: each would be another block beside the present one.
+      return localMemory_.reserve(std::max(size, coming)) ||
+             fail("reserve room in", size, localMemory_.lastError());
+   }
    if (!base_ || mode_ != Mode::writer)
       return fail("reserve room in", size, "it is not attached for writing");
    if (size > Local::maxMappingSize()) return fail("reserve room in", size, "the size is out of range");
    u64 const reserved = reserved_;
-   if (!reserveBlocks(size)) return false;
+   // A place that is nearly filled soon is made a huge page while it is empty: later it would be copied.
+   u64 const nearly = hugePageSize / 8 * 5;
+   if (!reserveBlocks(size, coming > size ? coming + hugePageSize - nearly : size)) return false;
    keepFromRelease(size);
    if (size > reserved && area_ && mapUpTo(roundUpToPage(size)))
       populate(reserved / pageSize_ * pageSize_, roundUpToPage(size));
@@ -290,7 +332,7 @@ bool ParcelWrapper::reserve(u64 size) {
 }
 
 void ParcelWrapper::detach() {
-   bool const ours = forks_ == Lomi::forkGeneration();
+   bool const ours = mode_ == Mode::reader || forks_ == Lomi::forkGeneration();
    if (local_) {
       localMemory_.detach();
    } else if (base_ && ours && !borrowed_) {
@@ -306,6 +348,7 @@ void ParcelWrapper::detach() {
    attached(nullptr, 0);
    file_.reset();
    extent_ = area_ = reserved_ = 0;
+   hugePages_.reset();
    releaseFrom_ = noRelease;
 }
 
@@ -323,6 +366,8 @@ u64 ParcelWrapper::blockBytes() const {
 
 void ParcelWrapper::releaseTailAfter(u64 keepBytes) {
    if (local_ || !base_ || mode_ != Mode::writer) return;
+   // A length that nobody could map is cut at once: no reader is there, and headers with it are refused.
+   cutBackTo(Local::maxMappingSize() - pageSize_);
    // Rows that are mapped as the table's own are never given back, whatever the caller says.
    releaseFrom_ = roundUpToPage(std::max(keepBytes, size_));
    releaseTop_ = memSize();

@@ -7,7 +7,9 @@
 // address space for the file, and the base stays where it is while the file grows; only where the kernel
 // refuses that reservation may a growth move it. A shrink leaves length, blocks and mapping alone;
 // releaseTailAfter gives the blocks back a moment later, when readers have seen the smaller count. The length
-// never falls.
+// never falls, except one beyond what anybody can map, which a start finds and cuts.
+//
+// From 2 MiB on the writer asks for huge pages, and a reader's mapping lies where they serve it, too.
 //
 // Reader. O_RDONLY, PROT_READ, no system call that changes anything. A resize follows the file and refuses to
 // map more than there is.
@@ -19,6 +21,7 @@
 // One thread per object. A forked child doesn't have the writer's mapping, and must not use the object.
 #pragma once
 
+#include "Mem/HugePages.h"
 #include "Mem/Local.h"
 #include "Mem/Paths.h"
 
@@ -49,7 +52,8 @@ public:
    char* resize(u64 size);
    /// Writer: does the slow part of a later resize to `size` now: blocks, and where the base can stay, pages.
    /// False with lastError() set if there is no room; the file's length is what it was then.
-   bool reserve(u64 size);
+   /// @param coming bytes that will be needed soon; of these it may take a part in advance, as huge pages
+   bool reserve(u64 size, u64 coming = 0);
    void detach();
 
    bool isAttached() const { return base_ != nullptr; }
@@ -90,8 +94,8 @@ public:
 
 #ifdef HOFLOW_TEST_SEAM
    static inline bool moveAlways = false; // each resize moves the base, and the old place is left unreadable
-   // Gives the base of a writer of this process, by the file's path. Readers then map nothing and read there: a race
-   // detector knows two accesses as one place only by their address.
+   // Gives the base of a writer of this process, by the file's path. Readers then map nothing and read there:
+   // a race detector knows two accesses as one place only by their address.
    static inline char* (*sharedBase)(std::string const& path) = nullptr;
 #endif
 
@@ -103,7 +107,9 @@ private:
    char* resizeWriter(u64 size);
    char* resizeReader(u64 size);
    bool openForWriting();
-   bool reserveBlocks(u64 size);
+   char* moveReader(u64 extent);
+   bool reserveBlocks(u64 size, u64 coming);
+   u64 makeHugePages(u64 from, u64 size, u64 coming);
    void cutBackTo(u64 length);
    void keepFromRelease(u64 size);
    bool mapUpTo(u64 extent);
@@ -124,6 +130,7 @@ private:
    u64 area_ = 0;     // address space held at base_, 0 if none is
    u64 reserved_ = 0; // blocks of [0, reserved_) are known to be there
    u64 releaseFrom_ = noRelease;
+   HugePages hugePages_;
    u64 releaseTop_ = 0; // the release goes downwards from here
    double releaseDue_ = 0;
    int dump_ = -1; // -1 unset, else bool

@@ -18,7 +18,8 @@
 namespace Mem {
 namespace {
 
-constexpr int directoryFlags = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
+// O_PATH: directories are only passed through, so the right to enter them is enough.
+constexpr int directoryFlags = O_PATH | O_DIRECTORY | O_CLOEXEC;
 
 struct Root {
    std::mutex mutex;

@@ -61,7 +61,7 @@ public:
    /// Makes every missing directory, mode 0755 less the umask. Throws Lomi::InvalidInitializeException naming
    /// the component that can't be made or isn't a directory.
    void makeDirectories() const;
-   /// The directory's descriptor (close on exec), empty with errno set if it can't be opened.
+   /// The directory's descriptor (O_PATH, close on exec), empty with errno set if it can't be opened.
    Descriptor openDirectory() const;
    /// The same for the root that the table lies below.
    Descriptor openRoot() const;

@@ -134,5 +134,10 @@ template <class Pair> inline Pair peekPair(Pair const& pair) {
 /// Asks the processor to bring a shared line close. No access in the protocol's sense: no value is used.
 /// Always inline: as a call it would be dropped, since it has no effect that the compiler knows of.
 [[gnu::always_inline]] inline void prefetchShared(void const* at) { __builtin_prefetch(at, 0, 3); }
+/// The same for a line that the writer is about to store to: it comes without the other processors' copies.
+/// The builtin would need a compiler flag for it; processors without the instruction do nothing.
+[[gnu::always_inline]] inline void prefetchSharedForStore(void const* at) {
+   asm volatile("prefetchw %0" : : "m"(*static_cast<char const*>(at)));
+}
 
 } // namespace Mem

@@ -43,6 +43,13 @@ Mem::Descriptor openForReading(Mem::NaoRootPath const& rootPath) {
    throw Lomi::RuntimeException(text);
 }
 
+// What a writer left that was killed while it wrote is no good to anybody.
+void removeTemporary(Mem::Descriptor const& directory, std::string const& path, std::string const& failure) {
+   if (::faccessat(directory.get(), temporaryName, F_OK, AT_SYMLINK_NOFOLLOW) != 0) return;
+   auto const outcome = Mem::FileCalls::unlink(directory.get(), temporaryName, path);
+   if (!outcome) throwFor(failure, outcome);
+}
+
 } // namespace
 
 KestorFile::KestorFile(Lomi::Platform::DebugHandler const& handler, Mem::NaoRootPath const& rootPath,
@@ -54,14 +61,27 @@ KestorFile::KestorFile(Lomi::Platform::DebugHandler const& handler, Mem::NaoRoot
 std::string KestorFile::getFilename() const { return rootPath_.str() + "/" + KESTOR_NAME; }
 
 KestorId KestorFile::read() const {
+   int error;
+   return read(error);
+}
+
+KestorId KestorFile::readOrThrow() const {
+   int error;
+   KestorId const id = read(error);
+   if (error != 0 && error != ENOENT) throwFor(fmt::format("cannot read {}", getFilename()), error);
+   return id;
+}
+
+KestorId KestorFile::read(int& error) const {
+   error = 0;
    if (local_) return {};
    auto const file = openForReading(rootPath_);
    Content content{};
    char extra = 0;
+   ssize_t const got = file ? ::pread(file.get(), &content, sizeof(content), 0) : -1;
+   if (got < 0) error = errno;
    // A byte behind the record makes the file foreign.
-   if (!file || ::pread(file.get(), &content, sizeof(content), 0) != sizeof(content) ||
-       ::pread(file.get(), &extra, 1, sizeof(content)) != 0)
-      return {};
+   if (got != sizeof(content) || ::pread(file.get(), &extra, 1, sizeof(content)) != 0) return {};
    if (std::memcmp(content.magic, "HOKESTOR", 8) != 0 || content.check != checkOf(content)) {
       LOMI_TRACE(handler_, 0, "KestorFile", "{} is malformed", getFilename());
       return {};
@@ -77,10 +97,7 @@ void KestorFile::write(KestorId id) {
    std::string const temporary = rootPath_.str() + "/" + temporaryName;
    std::string const failure = fmt::format("cannot write {}", getFilename());
    if (!directory) throwFor(failure, errno);
-   // What a killed writer left is no good to anybody.
-   if (::faccessat(directory.get(), temporaryName, F_OK, AT_SYMLINK_NOFOLLOW) == 0)
-      if (auto const gone = Mem::FileCalls::unlink(directory.get(), temporaryName, temporary); !gone)
-         throwFor(failure, gone);
+   removeTemporary(directory, temporary, failure);
    Mem::FileCalls::Outcome outcome;
    Mem::Descriptor const file(
        Mem::FileCalls::createExclusive(directory.get(), temporaryName, temporary, outcome));
@@ -125,6 +142,7 @@ void KestorFile::remove() {
    if (!directory) throwFor(failure, errno);
    auto const outcome = Mem::FileCalls::unlink(directory.get(), KESTOR_NAME, getFilename());
    if (!outcome) throwFor(failure, outcome);
+   removeTemporary(directory, rootPath_.str() + "/" + temporaryName, failure);
 }
 
 } // namespace Parcel

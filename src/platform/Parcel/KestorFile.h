@@ -23,6 +23,10 @@ public:
 
    /// The stored id, value 0 if the file is absent, unreadable or malformed.
    KestorId read() const;
+   /// The same for a writer, who formats a table that has no id: value 0 only if the file is absent or
+   /// malformed. Throws Lomi::RuntimeException naming the file if the system doesn't let it be read (no
+   /// right, no descriptor left).
+   KestorId readOrThrow() const;
    /// Makes the directory if need be. Throws Lomi::MemoryResourceException if there is no room, otherwise
    /// Lomi::RuntimeException, naming the file; the old id stays then.
    void write(KestorId id);
@@ -35,6 +39,8 @@ public:
    std::string getFilename() const;
 
 private:
+   KestorId read(int& error) const;
+
    Lomi::Platform::DebugHandler const& handler_;
    Mem::NaoRootPath rootPath_;
    bool local_;

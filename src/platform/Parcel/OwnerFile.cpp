@@ -98,10 +98,16 @@ void OwnerFile::lock() {
 // A writer may be at work on the record: a copy whose checksum fails is taken again before it counts as
 // damage.
 bool OwnerFile::read(Record& record, std::string& error) const {
-   Mem::Descriptor const directory = rootPath_.openDirectory();
-   Mem::Descriptor const file(
-       directory ? ::openat(directory.get(), FILENAME, O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK) : -1);
-   if (!file) {
+   // Under lock() the file is open already: a lack of descriptors must not look like damage.
+   int fd = locked_ ? locked_->fd() : -1;
+   Mem::Descriptor file;
+   if (fd < 0) {
+      if (Mem::Descriptor const directory = rootPath_.openDirectory())
+         file = Mem::Descriptor(
+             ::openat(directory.get(), FILENAME, O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
+      fd = file.get();
+   }
+   if (fd < 0) {
       error = fmt::format("{}: {}", getFilename(), std::strerror(errno));
       return false;
    }
@@ -111,7 +117,7 @@ bool OwnerFile::read(Record& record, std::string& error) const {
    };
    for (int attempt = 1;; ++attempt) {
       record = {};
-      ssize_t const got = ::pread(file.get(), &record, sizeof(record), 0);
+      ssize_t const got = ::pread(fd, &record, sizeof(record), 0);
       if (got < 0) return bad(std::strerror(errno));
       if (got != static_cast<ssize_t>(sizeof(record)))
          return bad(fmt::format("bad owner size:{} wanted:{}", got, sizeof(record)));

@@ -29,30 +29,27 @@
 //
 // Let W be a change that the walk before R2 didn't see, so that its sequence is above s = last.
 //  1. W comes before E. Then E finds tail != s and answers WAKE.
-//  2. W comes after E. Either E found tail != s for an earlier change, and WAKE was sent; or E marked the
-//  reader,
-//     and W, or a change between E and W, finds the mark and sends WAKE.
-//  3. E never comes, because the writer does not get back to its loop, or there is no writer, no socket, no
-//     permission. Then ARMED doesn't come, and the polling finds W in the count.
+//  2. W comes after E. Either E found tail != s for an earlier change, and WAKE was sent; or E marked
+//     the reader, and W, or a change between E and W, finds the mark and sends WAKE.
+//  3. E never comes, because the writer does not get back to its loop, or there is no writer, no
+//     socket, no permission. Then ARMED doesn't come, and the polling finds W in the count.
 //  4. The WAKE of 1 or 2 can't be sent (L), or the writer dies. Then the reader meets the end of the
-//  connection, after
-//     all that was sent before it, and R5 walks and polls.
-// In every case the reader walks after W. Three things carry the argument: the comparison in E (without it, 1
-// is lost), the mark that is set before ARMED goes out, and that a WAKE is never dropped without the
-// connection.
+//     connection, after all that was sent before it, and R5 walks and polls.
+// In every case the reader walks after W. Three things carry the argument: the comparison in E (without
+// it, 1 is lost), the mark that is set before the next change can be made, and that a WAKE is never
+// dropped without the connection.
 //
-// A reader that takes in changes by polling while its SLEEP is under way sends no second one: the answer to
-// the first comes, and the WAKE that follows it finds nothing new or something newer. A change of generation
-// without a new sequence wakes nobody, because nothing was announced. A re-format in the same process closes
-// all connections first.
+// A reader that takes in changes by polling while its SLEEP is under way sends no second one: the answer
+// to the first comes, and the WAKE that follows it finds nothing new or something newer. A change of
+// generation without a new sequence wakes nobody, because nothing was announced. A re-format in the same
+// process closes all connections first.
 //
-// model/wake.pml is this page as a Promela model; model/run-wake proves it and shows that it finds each of
-// the mistakes named above.
+// model/wake.pml is this page as a Promela model; model/run-wake proves it, and shows that it finds what
+// goes wrong without one of the three, without the polling, and with some other mistakes.
 //
 // What either side does about the other:
 //  - a reader that is stopped or slow: one WAKE lies in its buffer, it isn't marked any more, it costs
-//  nothing.
-//    Another message that doesn't fit closes its connection;
+//    nothing. Another message that doesn't fit closes its connection;
 //  - a reader that died: the loop sees the end of the connection; a WAKE before that finds it gone;
 //  - a writer that died or restarts: readers poll, and connect again with growing pauses (ReaderRuskSm.h);
 //  - anything that is not one of these messages in its place: the connection is closed and counted.

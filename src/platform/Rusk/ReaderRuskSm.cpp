@@ -246,11 +246,9 @@ void ReaderRuskSm::connect() {
 bool ReaderRuskSm::tryConnect() {
    Parcel::TunnetInfo const info = Parcel::OwnerFile(handler_, rootPath_, false).tunnetInfo();
    if (!TunnetNameIs(info.socketName).valid) return false;
-   Mem::Descriptor const root = rootPath_.openRoot();
-   if (!root) return false;
    socket_ = Socket::make();
    if (!socket_) return false;
-   if (int const error = connectIn(socket_, root, info.socketName)) {
+   if (int const error = connectInRoot(socket_, rootPath_, info.socketName)) {
       LOMI_TRACE(handler_, 5, "ReaderRuskSm", "{} to {}: {}", rootPath_.str(), info.socketName,
                  std::strerror(error));
       return false;

@@ -9,9 +9,8 @@
 // table but isn't let in, and while the writer doesn't get back to its loop. So a connection makes a follower
 // quick and quiet; changes arrive without one, too.
 //
-// A connection that is lost is looked for again, with pauses that double from 20 ms to a
-// second; each attempt reads the owner file anew. A writer that let go cleanly, or died, is found again in
-// that way.
+// A connection that is lost is looked for again, with pauses that double from 20 ms to a second; each attempt
+// reads the owner file anew. A writer that let go cleanly, or died, is found again in that way.
 //
 // All on one thread, as normal-priority tasks of its Lomi::TaskSchedulerRoot: the walk calls the client,
 // which must not happen in the middle of some other table's grow. What a walk throws goes out of the loop to

@@ -85,12 +85,16 @@ Socket Socket::accept(Socket const& listener) {
 
 namespace {
 
-// An address holds 107 bytes, and roots are longer than that: the way leads through the open directory.
+// An address holds 107 bytes, and roots may be longer: the way leads through the open directory.
 template <class Call>
-int withAddress(Socket const& socket, Mem::Descriptor const& directory, std::string const& name, Call call) {
+int withAddress(Socket const& socket, Mem::NaoRootPath const& table, std::string const& name, Call call) {
+   Mem::Descriptor const root = table.openRoot();
+   if (!root) return errno;
+   std::string path = fmt::format("/proc/self/fd/{}", root.get());
+   if (::access(path.c_str(), F_OK) != 0) path = table.root();
+   path.append(1, '/').append(name);
    sockaddr_un address{};
    address.sun_family = AF_UNIX;
-   std::string const path = fmt::format("/proc/self/fd/{}/{}", directory.get(), name);
    if (path.size() >= sizeof(address.sun_path)) return ENAMETOOLONG;
    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
    int result;
@@ -102,12 +106,12 @@ int withAddress(Socket const& socket, Mem::Descriptor const& directory, std::str
 
 } // namespace
 
-int connectIn(Socket const& socket, Mem::Descriptor const& directory, std::string const& name) {
-   return withAddress(socket, directory, name, ::connect);
+int connectInRoot(Socket const& socket, Mem::NaoRootPath const& table, std::string const& name) {
+   return withAddress(socket, table, name, ::connect);
 }
 
-int bindIn(Socket const& socket, Mem::Descriptor const& directory, std::string const& name) {
-   return withAddress(socket, directory, name, ::bind);
+int bindInRoot(Socket const& socket, Mem::NaoRootPath const& table, std::string const& name) {
+   return withAddress(socket, table, name, ::bind);
 }
 
 } // namespace Rusk

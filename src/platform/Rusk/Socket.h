@@ -40,8 +40,9 @@ private:
    std::unique_ptr<Handle> handle_;
 };
 
-/// Connects to, or binds to, a name in a directory that may have a path of any length. The errno, 0 if done.
-int connectIn(Socket const& socket, Mem::Descriptor const& directory, std::string const& name);
-int bindIn(Socket const& socket, Mem::Descriptor const& directory, std::string const& name);
+/// Connects to, or binds to, a name in the root that `table` lies below. The root's path may have any length
+/// where /proc is mounted, and about 90 bytes elsewhere. The errno, 0 if done.
+int connectInRoot(Socket const& socket, Mem::NaoRootPath const& table, std::string const& name);
+int bindInRoot(Socket const& socket, Mem::NaoRootPath const& table, std::string const& name);
 
 } // namespace Rusk

@@ -25,8 +25,8 @@ constexpr int backlog = 128;
 constexpr int acceptsInATurn = 16;
 constexpr double acceptsInASecond = 1000;
 constexpr double acceptsAtOnce = 256;
-constexpr u32 mostConnections = 256; // and no more than a quarter of the descriptors of this process
-constexpr u32 mostOfOneUser = 64;    // of users other than this process's and the superuser
+constexpr u32 mostConnections = 512; // and no more than a quarter of the descriptors of this process
+constexpr u32 mostOfOneUser = 128;   // of users other than this process's and the superuser
 constexpr std::size_t mostVisitors = 32;
 constexpr double pauseWithoutDescriptors = 0.25;
 constexpr double pauseInAFlood = 0.02;
@@ -95,12 +95,12 @@ bool TunnetAcceptSm::bindName() {
    for (u32 attempt = 0; attempt < mostNames; ++attempt) {
       name.number = nextNumber.fetch_add(1);
       std::string const text = name.text();
-      int error = bindIn(listener_, root_, text);
+      int error = bindInRoot(listener_, rootPath_, text);
       // Left by a dead process that had this number, if nobody answers. Someone may: containers have process
       // numbers of their own, and share a root.
       if (error == EADDRINUSE && stale(text)) {
          ::unlinkat(root_.get(), text.c_str(), 0);
-         error = bindIn(listener_, root_, text);
+         error = bindInRoot(listener_, rootPath_, text);
       }
       if (error == EADDRINUSE) continue;
       if (error == 0) {
@@ -131,7 +131,7 @@ bool TunnetAcceptSm::stale(std::string const& name) const {
    if (::fstatat(root_.get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISSOCK(status.st_mode))
       return false;
    Socket const probe = Socket::make();
-   return probe && connectIn(probe, root_, name) == ECONNREFUSED;
+   return probe && connectInRoot(probe, rootPath_, name) == ECONNREFUSED;
 }
 
 void TunnetAcceptSm::removeStale() {
@@ -185,8 +185,13 @@ void TunnetAcceptSm::listen() {
 void TunnetAcceptSm::pause(double seconds) {
    ++counters_.paused;
    resume_ = Lomi::TaskSchedulerRoot::root().timerTask(
-       seconds, [this] { listen(); }, Lomi::TaskPriority::critical);
+       seconds, [this] { resume(); }, Lomi::TaskPriority::critical);
    accept_.cancel();
+}
+
+void TunnetAcceptSm::resume() try { listen(); } catch (std::exception const& error) {
+   LOMI_TRACE(*handler_, 0, "TunnetAcceptSm", "not listening for a while: {}", error.what());
+   pause(pauseWithoutDescriptors);
 }
 
 void TunnetAcceptSm::onAcceptable() try {

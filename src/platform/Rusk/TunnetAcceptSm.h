@@ -75,6 +75,7 @@ private:
    bool stale(std::string const& name) const;
    void listen();
    void pause(double seconds);
+   void resume();
    void onAcceptable();
    void receiveVisitor(Socket socket);
    bool admitted(Credentials const& credentials);

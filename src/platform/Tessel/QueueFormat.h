@@ -41,8 +41,9 @@ struct HOFLOW_EXPORT QueueHeader {
    u32 kestor; ///< SYNC(queue-kestor): generation of the table's content; 0 while the queue is formatted
    u32 platform;
    u32 entryKind;
-   u32 hash; ///< of the constants above, kestor left out
-   u32 unused;
+   u32 hash;        ///< of the constants above, kestor left out
+   u32 stamp;       ///< another one at each format: a queue that was removed and made again may have the same
+                    ///< kestor
    u64 next;        ///< SYNC(queue-next): sequence of the next change
    u32 generation;  ///< SYNC(queue-generation): moves by one when the other table becomes current
    u32 slotsLength; ///< entries of tessel.slots

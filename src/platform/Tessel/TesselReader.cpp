@@ -42,8 +42,10 @@ template <class Slot> bool TesselReader<Slot>::attach(Parcel::KestorId kestor) {
       detach();
       return false;
    }
-   if (kestor != kestor_) {
+   u32 const stamp = Mem::loadShared(header().stamp);
+   if (kestor != kestor_ || stamp != stamp_) {
       kestor_ = kestor;
+      stamp_ = stamp;
       synced_ = false;
       last_ = 0;
    }

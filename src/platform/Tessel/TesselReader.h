@@ -93,6 +93,7 @@ private:
 
    SlotClient<Slot>& client_;
    Parcel::KestorId kestor_;
+   u32 stamp_ = 0;
    std::string lastError_;
    bool placed_ = false; ///< generation_, base_ and position_ hold
    bool synced_ = false; ///< last_ means something

@@ -84,7 +84,7 @@ public:
                 PruneMode pruneMode, std::function<void()> beforeFormat = {});
 
    /// Maps the files, creating them if need be; keeps them if they are all there, sound and of this
-   /// generation, else formats them. Before the next notify, reserve() the table's mostSlots.
+   /// generation, else formats them. Before the next notify, reserve() the table's capacity.
    /// @throws Lomi::InvalidInitializeException, Lomi::MemoryResourceException
    int attach(Parcel::KestorId kestor);
    void detach();
@@ -145,8 +145,6 @@ public:
    u64 baseSequence() const { return attached() ? Mem::loadShared(header().base[generation_ & 1]) : 0; }
    /// Position of the slot's current entry, noPosition if there is none or the slot is out of range.
    u32 tesselSlot(u32 slot) const;
-   /// Slots that have a place in tessel.slots.
-   u32 slotsLength() const { return slotsLength_; }
    u64 corralStart() const { return corralStart_; }
    u64 corralEnd() const { return corralEnd_; }
 
@@ -180,6 +178,7 @@ private:
    [[gnu::cold, gnu::noinline]] void makeRoom();
    void turn(bool drop);
    u32 carry(u64 floor, u64& newBase);
+   u32 findAlive(u32 from, u32 to, u32* alive) const;
    u64 newFloor(bool drop) const;
    u32 nextCapacity(u32 kept) const;
    bool inCorral(u64 sequence) const {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "Lomi/Exception.h"
+#include "Lomi/Util.h"
 #include "Tessel/TesselWriter.h"
 
 #include <algorithm>
@@ -10,6 +11,7 @@
 #include <cstring>
 #include <fmt/format.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace Tessel {
 
@@ -128,7 +130,9 @@ template <class Slot, class Position> void TesselWriter<Slot, Position>::format(
    Mem::storeShared(shared.version, QueueHeader::formatVersion);
    Mem::storeShared(shared.platform, QueueHeader::platformX86);
    Mem::storeShared(shared.entryKind, QueueHeader::slotEntries);
-   Mem::storeShared(shared.unused, u32{0});
+   u64 const now = Lomi::Rdtsc::now();
+   u32 const stamp = static_cast<u32>(now ^ now >> 32) ^ static_cast<u32>(::getpid()) << 16;
+   Mem::storeShared(shared.stamp, stamp);
    Mem::storeShared(shared.hash, shared.checksum());
    // SYNC(queue-kestor) store: the queue is complete.
    Mem::storeShared(shared.kestor, kestor.value());

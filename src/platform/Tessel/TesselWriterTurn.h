@@ -34,18 +34,21 @@ void TesselWriter<Slot, Position>::resizeFile(Mem::ParcelWrapper& wrapper, u64 s
 }
 
 template <class Slot, class Position> void TesselWriter<Slot, Position>::reserveMore(u32 slots) {
-   if (!local_ && slots > reservedSlots_) {
+   // After an adoption there may be entries of slots that the table doesn't have any more.
+   u32 const all = std::max(slots, slotsLength_);
+   if (!local_ && all > reservedSlots_) {
       LOMI_ASSERT(attached(), debugHandler(), "no open queue: {}", headerWrapper_.getFilename());
-      u64 const entries = std::max<u64>(entriesFor(slots), leastEntries);
+      u64 const entries = std::max<u64>(entriesFor(all), leastEntries);
       if (entries > Mem::Local::maxMappingSize() / sizeof(QueueEntry) - 2)
          throw Lomi::MemoryResourceException(
-             fmt::format("a queue for {} slots is too large for {}", slots, headerWrapper_.getFilename()));
-      for (auto& wrapper : tables_) resizeFile(wrapper, tableFileSize(static_cast<u32>(entries)), slots);
-      resizeFile(slotsWrapper_, u64{4} * slots, slots);
-      if (slots > slotsLength_) fillPositions(slotsLength_, slots);
-      reservedSlots_ = slots;
+             fmt::format("a queue for {} slots is too large for {}", all, headerWrapper_.getFilename()));
+      for (auto& wrapper : tables_) resizeFile(wrapper, tableFileSize(static_cast<u32>(entries)), all);
+      resizeFile(slotsWrapper_, u64{4} * all, all);
+      if (all > slotsLength_) fillPositions(slotsLength_, all);
+      reservedSlots_ = all;
    }
    presentSlots_ = slots;
+   updateChores();
 }
 
 /// No entries for the slots from `from` to `to` - 1, which are new.
@@ -74,16 +77,33 @@ template <class Slot, class Position> u64 TesselWriter<Slot, Position>::newFloor
    return floor;
 }
 
-/// A table that is at most a quarter full, as far as the room that was reserved for all slots goes: turns are
-/// rare then, and where few slots change, the queue stays in the processor's caches.
+/// As many free entries as there are kept ones, so that copying costs a change no more than one entry; a
+/// small queue gets three times as many, which still fit in the processor's caches.
 template <class Slot, class Position> u32 TesselWriter<Slot, Position>::nextCapacity(u32 kept) const {
+   constexpr u64 more = 16 * 1024;
    u64 const room = std::max<u64>(entriesFor(reservedSlots_), leastEntries);
-   return static_cast<u32>(std::min(room, std::max<u64>(leastEntries, u64{4} * kept + 2)));
+   u64 const wanted = u64{2} * kept + std::min(u64{2} * kept, more) + 2;
+   return static_cast<u32>(std::min(room, std::max<u64>(leastEntries, wanted)));
+}
+
+/// Notes which of the entries from `from` to `to` - 1 are alive, without a branch that depends on it: which
+/// ones is as good as random. Asks for their positions, which lie anywhere. @return how many
+template <class Slot, class Position>
+u32 TesselWriter<Slot, Position>::findAlive(u32 from, u32 to, u32* alive) const {
+   u32 found = 0;
+   for (u32 at = from; at < to; ++at) {
+      u32 const slot = Mem::loadShared(entries_[at].slot);
+      alive[found] = at;
+      found += slot != tombstoneSlot ? 1 : 0;
+      Mem::prefetchShared(&positions_[slot < slotsLength_ ? slot : 0]);
+   }
+   return found;
 }
 
 /// Copies what is alive and above `floor` into the other table, in order. @return how many entries that is
 template <class Slot, class Position> u32 TesselWriter<Slot, Position>::carry(u64 floor, u64& newBase) {
-   constexpr u32 ahead = 24; // entries; their positions lie anywhere
+   constexpr u32 block = 128; // as many positions are on their way at a time
+   u32 alive[block];
    QueueEntry* const out = table(generation_ + 1).entries();
    u32 const room = nextCapacity(noPosition);
    u64 const slice = hook_ ? static_cast<u64>(sliceSeconds * Lomi::Rdtsc::calibrationRate()) : 0;
@@ -91,31 +111,32 @@ template <class Slot, class Position> u32 TesselWriter<Slot, Position>::carry(u6
    newBase = next_;
    namedSlots_ = 0;
    u32 kept = 0;
-   for (u32 at = 0; at < used_; ++at) {
-      if (at % sliceEntries == sliceEntries - 1 && hook_ && Lomi::Rdtsc::now() >= due) {
+   for (u32 from = 0; from < used_; from += block) {
+      if (from % sliceEntries == 0 && hook_ && Lomi::Rdtsc::now() >= due) {
          hook_();
          due = Lomi::Rdtsc::now() + slice;
       }
-      if (at + ahead < used_)
-         if (u32 const soon = Mem::loadShared(entries_[at + ahead].slot); soon < slotsLength_)
-            Mem::prefetchShared(&positions_[soon]);
-      u32 const slot = Mem::loadShared(entries_[at].slot);
-      if (slot == tombstoneSlot) continue;
-      u64 const sequence = base_ + Mem::loadShared(entries_[at].relative);
-      if (sequence <= floor) {
-         // An entry of a compaction isn't its slot's current one; that may stand further behind.
-         if (slot < slotsLength_ && Mem::loadShared(positions_[slot]) == at)
-            Mem::storeShared(positions_[slot], static_cast<Position>(noPosition));
-         continue;
+      u32 const found = findAlive(from, std::min(used_, from + block), alive);
+      for (u32 n = 0; n < found; ++n) {
+         u32 const at = alive[n];
+         u32 const slot = Mem::loadShared(entries_[at].slot);
+         u64 const sequence = base_ + Mem::loadShared(entries_[at].relative);
+         if (sequence <= floor) {
+            // An entry of a compaction isn't its slot's current one; that may stand further behind.
+            if (slot < slotsLength_ && Mem::loadShared(positions_[slot]) == at)
+               Mem::storeShared(positions_[slot], static_cast<Position>(noPosition));
+            continue;
+         }
+         LOMI_ASSERT(kept < room, debugHandler(), "more than {} live entries in {}", room,
+                     headerWrapper_.getFilename());
+         if (kept == 0) newBase = sequence;
+         Mem::storeShared(out[kept].relative, static_cast<u32>(sequence - newBase));
+         Mem::storeShared(out[kept].slot, slot);
+         if (!inCorral(sequence) && slot < slotsLength_)
+            Mem::storeShared(positions_[slot], static_cast<Position>(kept));
+         namedSlots_ = std::max(namedSlots_, slot + 1);
+         ++kept;
       }
-      LOMI_ASSERT(kept < room, debugHandler(), "more than {} live entries in {}", room,
-                  headerWrapper_.getFilename());
-      if (kept == 0) newBase = sequence;
-      Mem::storeShared(out[kept].relative, static_cast<u32>(sequence - newBase));
-      Mem::storeShared(out[kept].slot, slot);
-      if (!inCorral(sequence)) Mem::storeShared(positions_[slot], static_cast<Position>(kept));
-      namedSlots_ = std::max(namedSlots_, slot + 1);
-      ++kept;
    }
    return kept;
 }

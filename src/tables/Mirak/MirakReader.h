@@ -122,6 +122,7 @@ private:
    [[gnu::cold, gnu::noinline]] bool follow() const;
    [[gnu::cold, gnu::noinline]] bool followAfterThrow() const;
    [[gnu::cold, gnu::noinline]] void retry() const;
+   bool sameFormat() const;
    void checkGeneration() const;
    void checkKestorFile() const;
    [[noreturn, gnu::cold, gnu::noinline]] void reformatted(Parcel::KestorId found) const;

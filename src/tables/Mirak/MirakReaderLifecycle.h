@@ -191,6 +191,14 @@ template <class Ops> void MirakReader<Ops>::checkGeneration() const {
    if (kestor != kestorId_ || Mem::loadShared(header->hashSeed) != ops_.keyOps.hashSeed) reformatted(kestor);
 }
 
+/// Whether the slot file's header is the one that was opened. REQUIRES: attached.
+template <class Ops> bool MirakReader<Ops>::sameFormat() const {
+   // SYNC(kestor) load: follows all loads that it vouches for.
+   auto const* header = slots_.header();
+   return Mem::loadShared(header->kestor) == kestorId_.value() &&
+          Mem::loadShared(header->hashSeed) == ops_.keyOps.hashSeed;
+}
+
 /// @throws Mirak::TableReformattedException when the kestor file is gone or says another generation
 template <class Ops> void MirakReader<Ops>::checkKestorFile() const {
    Parcel::KestorId const kestor = Parcel::KestorFile(debugHandler_, rootPath_, false).read();
@@ -205,7 +213,8 @@ template <class Ops> void MirakReader<Ops>::validateVersionAnchor() const {
    Mem::VersionAnchor const& anchor = slots_.anchor();
    LOMI_ASSERT(anchor.offset != Mem::anchorUnset, debugHandler_,
                "should not be called on a default-constructed VersionAnchor");
-   if (anchor.offset != Mem::anchorGone && slots_.anchorHolds(anchor)) return;
+   // A table that was formatted anew begins its words again: the same one may stand for another row.
+   if (anchor.offset != Mem::anchorGone && slots_.anchorHolds(anchor) && sameFormat()) return;
    throw Mem::VersionMismatchException("");
 }
 

@@ -181,8 +181,6 @@ private:
    bool attach(Parcel::KestorId kestor);
    bool attachAndValidate(bool reformat, Parcel::OwnerFile& ownerFile, Parcel::TunnetInfo const& tunnetInfo);
    void beforeFormat();
-   void reserveQueue();
-   static Parcel::KestorId newKestorId();
    bool standsInFiles() const;
 
    // Constant after construction.

@@ -53,6 +53,7 @@ template <class Ops> void MirakWriter<Ops>::doMaybeShrinkSlots(u32 threshold) {
    LOMI_TRACE(debugHandler_, 5, "MirakWriter", "threshold:{} shrinkThreshold:{}{}", newNumSlots, threshold,
               threshold > newNumSlots ? " SUPER SHRINK!" : "");
    Deadline deadline(criticalTaskCheck_);
+   map_.forgetCuts();
    purgeFreeSlots(newNumSlots, deadline);
    if constexpr (Ops::hasChangeQueue) queue_.tesselWriter.markShrinkStart();
    u32 moved = 0;

@@ -17,7 +17,6 @@
 #include "Mirak/MirakWriter.h"
 #include "Mirak/Validator.h"
 
-#include <atomic>
 #include <unistd.h>
 
 namespace Mirak {
@@ -66,16 +65,6 @@ template <class Ops> bool MirakWriter<Ops>::initialize(std::string const&) {
    return true;
 }
 
-/// Low half: who made the table. High half: a number of its own for each table of the process. Never 0,
-/// "none".
-template <class Ops> Parcel::KestorId MirakWriter<Ops>::newKestorId() {
-   static std::atomic<u16> counter{0};
-   for (;;) {
-      Parcel::KestorId const id(static_cast<u16>(getpid()), counter.fetch_add(1));
-      if (id.value() != 0) return id;
-   }
-}
-
 /// Whether a file has the present id already, although it is meant to be a new one.
 template <class Ops> bool MirakWriter<Ops>::standsInFiles() const {
    auto stands = [&](char const* file) { return Util::storedKestor(rootPath_, file) == kestorId_.value(); };
@@ -96,11 +85,11 @@ template <class Ops> void MirakWriter<Ops>::attach() {
    } else {
       writerLock_.emplace(Mem::WriterLock::acquireWriterLock(debugHandler_, rootPath_, ownerFile, false));
       if constexpr (Ops::hasChangeQueue) tunnetInfo = queue_.ruskSm.tunnetInfo();
-      kestorId_ = kestorFile.read();
+      kestorId_ = kestorFile.readOrThrow();
       // A process with the number of the last one would make its id again (in a container each has the same),
       // and adopt what a crash half way through a format left.
       if (kestorId_.value() == 0) {
-         do kestorId_ = newKestorId();
+         do kestorId_ = Util::newKestorId();
          while (standsInFiles());
       }
    }
@@ -155,7 +144,7 @@ bool MirakWriter<Ops>::attachAndValidate(bool reformat, Parcel::OwnerFile& owner
       attach(kestorId_); // the stored generation differs now, so every file formats itself
       if (!validate(kestorId_, error, false)) throw Lomi::InvalidInitializeException("failed validation");
    }
-   reserveQueue();
+   queue_.reserve(slots_.capacity());
    if (localMem_) return true;
    ownerFile.tunnetInfoIs(tunnetInfo);
    bool const valid = ownerFile.validate(error);
@@ -187,14 +176,6 @@ template <class Ops> void MirakWriter<Ops>::beforeFormat() {
    kestorRemoved_ = true;
    // SYNC(kestor) store: 0 is no generation. The slot file, kept a moment ago, will be formatted after all.
    if (slotsKept_) Mem::storeShared(slots_.header().kestor, u32{0});
-}
-
-/// Room for every change of a slot that the table has or the queue names.
-template <class Ops> void MirakWriter<Ops>::reserveQueue() {
-   if constexpr (Ops::hasChangeQueue) {
-      queue_.reserve(std::max(slots_.capacity(), queue_.tesselWriter.slotsLength()));
-      queue_.cutTo(slots_.capacity());
-   }
 }
 
 template <class Ops> bool MirakWriter<Ops>::validate() {

@@ -63,8 +63,8 @@ template <class Ops> void MirakWriter<Ops>::releaseDue() {
 /// Makes sure, before the first store of an insert, that the index can grow after it, and that the change can
 /// be announced: a row that is linked must not be left behind by an exception.
 template <class Ops> void MirakWriter<Ops>::prepareInsert() {
-   if (members() + 1 > map_.growThreshold()) [[unlikely]]
-      map_.reserveGrow();
+   if (u32 const rows = members() + 1; map_.wantsPreparation(rows)) [[unlikely]]
+      map_.prepareGrow(rows);
    if constexpr (Ops::hasChangeQueue) {
       queue_.prepare(slots_.preparedSlots());
       if (slots_.full() && !slots_.fixedSize()) [[unlikely]]
@@ -131,6 +131,7 @@ typename MirakWriter<Ops>::Value const* MirakWriter<Ops>::write(Value const& val
    Mem::storeShared(slot.versionFlags, (word + 4) | SlotFlags::occupied);
    // SYNC(chain-link) store: publishes the row; a reader that follows this link sees all of the above.
    publishLink(*place.prev, index); // 8
+   map_.inserted(place.bucket, place.prev, Lomi::Util::reverse(place.hash), index);
    LOMI_TRACE(debugHandler_, 9, "MirakWriter", "new {} bucket:{} slot:{} next:{}", keyText(key), place.bucket,
               index, Mem::loadPair(slot.link).next);
    if (members() > map_.growThreshold()) [[unlikely]]
@@ -155,7 +156,9 @@ template <class Ops> bool MirakWriter<Ops>::remove(Key const& key, Value& remove
    u32 const index = slots_.indexOf(slot);
    Mem::loadShared(&removed, slot.value, sizeof(Value));
    // SYNC(chain-link) store: out of the chain. A reader on the slot still follows the slot's own link.
-   publishLink(*place.prev, Mem::loadPair(slot.link).next);
+   u32 const next = Mem::loadPair(slot.link).next;
+   publishLink(*place.prev, next);
+   map_.removed(place.bucket, place.prev, index, next);
    u32 const shrinkThreshold = slots_.dealloc(index);
    queue_.notify(index);
    LOMI_TRACE(debugHandler_, 9, "MirakWriter", "{} bucket:{} slot:{}", keyText(Ops::key(removed)),
@@ -279,6 +282,8 @@ template <class Ops> void MirakWriter<Ops>::directCommit() {
    directSlot_ = noSlot;                    // 5
    if (directNew_) {                        // 6
       publishLink(*directPrevLink_, index); // SYNC(chain-link) store: publishes the row
+      u32 const rhash = Mem::loadShared(slot.rhash);
+      map_.inserted(map_.bucketOf(Lomi::Util::reverse(rhash)), directPrevLink_, rhash, index);
       directNew_ = false;
    }
    if (members() > map_.growThreshold()) [[unlikely]]

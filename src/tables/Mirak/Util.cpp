@@ -25,13 +25,15 @@ std::atomic<bool> strict{false};
 void writeCorruptionFile(Lomi::Platform::DebugHandler const& handler, std::string const& directory,
                          std::string const& error) {
    std::string const path = directory + "/" + corruptionFileName;
-   int const fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644);
-   if (fd < 0) return;
+   // O_NONBLOCK: opening a pipe of that name must not wait, nor may the text go into one.
+   Mem::Descriptor const file(
+       open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0644));
+   struct stat status;
+   if (!file || fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) return;
    std::string const text = error + "\n";
    // A marker that is cut short still marks; there is nobody to tell.
-   if (write(fd, text.data(), text.size()) < 0)
+   if (write(file.get(), text.data(), text.size()) < 0)
       LOMI_TRACE(handler, 3, "Util", "cannot write {}: {}", path, std::strerror(errno));
-   close(fd);
 }
 
 void removeFile(Mem::NaoRootPath const& rootPath, char const* fileName) {
@@ -56,6 +58,14 @@ void validateFile(Lomi::Platform::DebugHandler const& handler, std::string const
    if (failure.empty()) return;
    LOMI_TRACE(handler, 0, "Util", "{}", failure);
    throw Lomi::CorruptionDetectedException(failure);
+}
+
+Parcel::KestorId newKestorId() {
+   static std::atomic<Mem::u16> counter{0};
+   for (;;) {
+      Parcel::KestorId const id(static_cast<Mem::u16>(getpid()), counter.fetch_add(1));
+      if (id.value() != 0) return id;
+   }
 }
 
 u32 storedKestor(Mem::NaoRootPath const& rootPath, char const* fileName) {

@@ -5,6 +5,7 @@
 #include "Lomi/Trace.h"
 #include "Mem/Paths.h"
 #include "Mem/SharedWords.h"
+#include "Parcel/KestorId.h"
 
 #include <string>
 
@@ -26,6 +27,9 @@ void removeFile(Mem::NaoRootPath const& rootPath, char const* fileName);
 /// @throws Lomi::CorruptionDetectedException unless the file is a regular one of at least `size` bytes
 void validateFile(Lomi::Platform::DebugHandler const& handler, std::string const& fileName, u64 size);
 
+/// An id for a table that has none. Low half: who makes the table. High half: a number of its own for each
+/// table of the process, of whatever type. Never 0, "none".
+Parcel::KestorId newKestorId();
 /// The generation that stands in the slot or bucket file of that name, 0 if there is none to read.
 u32 storedKestor(Mem::NaoRootPath const& rootPath, char const* fileName);
 

@@ -45,7 +45,7 @@ struct HOFLOW_EXPORT BucketTableHeader {
 static_assert(sizeof(BucketTableHeader) == 24 && offsetof(BucketTableHeader, numBuckets) == 16,
               "offsets are part of the file format");
 
-inline constexpr u32 maxBuckets = 1u << 30; ///< twice that is no longer a 32-bit count
+inline constexpr u32 maxBuckets = 1u << 28; ///< a file of twice as many is too long to be mapped
 
 /// Bytes of a bucket file with `buckets` entries.
 constexpr u64 bucketFileSize(u32 buckets) { return sizeof(BucketTableHeader) + u64{8} * buckets; }

@@ -10,6 +10,7 @@
 #include "Mem/ParcelWrapper.h"
 #include "MirakCore/BucketTable.h"
 
+#include <algorithm>
 #include <functional>
 #include <string>
 
@@ -43,6 +44,14 @@ public:
    /// Makes sure that a resize to `newNumBuckets` will not run out of space. @throws
    /// Lomi::MemoryResourceException
    void reserve(u32 newNumBuckets);
+   /// Does a part of reserve(coming) beforehand: at least up to `entries`. @return false if there is no
+   /// space, or no use
+   bool reserveAhead(u32 entries, u32 coming) {
+      constexpr u32 atOnce = 8192; // entries: 64 KiB, a few microseconds
+      if (coming > maxBuckets) return false;
+      u32 const to = std::min(coming, (entries + atOnce - 1) / atOnce * atOnce);
+      return wrapper_.reserve(bucketFileSize(to), bucketFileSize(coming));
+   }
    bool validate(Parcel::KestorId kestor, std::string& error) const;
    void validateFile() const;
    /// Removes the file. @throws Lomi::RuntimeException if it can't be removed
@@ -57,6 +66,7 @@ public:
    Link const& operator[](u32 index) const { return const_cast<BucketWriter&>(*this)[index]; }
    /// The entries without a range check, for loops whose bound is numBuckets().
    Link* entries() { return reinterpret_cast<Link*>(header_ + 1); }
+   Link const* entries() const { return reinterpret_cast<Link const*>(header_ + 1); }
    u32 numBuckets() const { return numBuckets_; }
    u32 bucketFactor() const { return bucketFactor_; } ///< log2 of numBuckets()
    BucketTableHeader& header() { return *header_; }

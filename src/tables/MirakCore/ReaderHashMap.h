@@ -35,6 +35,7 @@
 #include "Mirak/KeyText.h"
 #include "Mirak/SlotReader.h"
 #include "MirakCore/BucketReader.h"
+#include "MirakCore/LookAhead.h"
 #include "MirakCore/ReaderErrors.h"
 
 #include <cstring>
@@ -116,10 +117,6 @@ private:
    bool belongs(u32 hash, u32 bucket) const;
    u32 checkKey(Walk walk, Key const& key, u32 bucket) const;
    static ReaderErrors::KeyBytes bytesOf(Key const& key) { return {&key, sizeof key}; }
-
-   static void prefetchSlot(Slot const& slot);
-   Slot const& prefetchBehind(SlotLink const& link) const;
-   void lookAhead(u32 bucket) const;
 
    Lomi::Platform::DebugHandler const& debugHandler_;
    BucketReader<SlotLink> buckets_;

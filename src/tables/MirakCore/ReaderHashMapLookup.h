@@ -58,7 +58,7 @@ template <ReaderErrors::Walk walk, class Judge>
       // (2)
       u32 const index = place.link.next;
       Slot const& slot = slots[index];
-      prefetchSlot(slot);
+      LookAhead<Slot>::prefetchRest(slot);
       Step step = Step::pass;
       auto const read = table.readSlot(slot, front, value + SlotTable::frontBytes, [&](u32 rhash) {
          step = judge(rhash, slotKey);
@@ -154,14 +154,6 @@ template <class Owner> inline void ReaderHashMap<Owner>::verifyNextBucket(u32 bu
    if (mask != 0 && next == (bitReversePermute(bucket, bits - 1) & mask >> 1)) return;
    if (next == (bitReversePermute(bucket, bits + 1) & (mask << 1 | 1))) return;
    ReaderErrors::badNextBucket(bucket, next, buckets_.numBuckets());
-}
-
-/// A slot straddles lines: asks for those behind the first, which the next load takes anyway.
-template <class Owner>
-[[gnu::always_inline]] inline void ReaderHashMap<Owner>::prefetchSlot(Slot const& slot) {
-   auto const* at = reinterpret_cast<char const*>(&slot);
-   for (std::size_t line = 64; line < sizeof slot; line += 64) Mem::prefetchShared(at + line);
-   Mem::prefetchShared(at + sizeof slot - 1);
 }
 
 } // namespace MirakCore

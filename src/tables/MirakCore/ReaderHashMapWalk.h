@@ -6,22 +6,12 @@
 // is the one that its key has, and above the last row's, and the chain goes on to none but the successor of
 // its bucket, never back to bucket 0. So rows ascend within a chain, and chains advance.
 //
-// Speed. Neighbours in the order are strangers in memory: each row costs a bucket's head and a slot
-// somewhere. A large table is therefore looked at in advance (lookAhead), some buckets ahead in walk order,
-// to have the misses of many rows under way at once. Those looks decide nothing.
+// Speed: LookAhead.h.
 #pragma once
 
 #include "MirakCore/ReaderHashMap.h"
 
 namespace MirakCore {
-
-namespace LookAhead {
-inline constexpr u32 fromSlots = 16384; ///< smaller tables lie in the near caches anyway
-inline constexpr u32 fromBuckets = 64;  ///< fewer have no buckets so far ahead
-inline constexpr u32 heads = 32;        ///< buckets ahead: ask for the head
-inline constexpr u32 slots = 20;        ///< the head is there: ask for the first slot
-inline constexpr u32 successors = 10;   ///< the slot is there: ask for the second
-} // namespace LookAhead
 
 /// The bucket that the end link of `bucket`'s chain names, checked.
 template <class Owner> inline u32 ReaderHashMap<Owner>::successor(u32 bucket, u32 endLink) const {
@@ -41,10 +31,11 @@ template <class Owner>
       return false;
    }
    SlotTable const& table = reader_->slots_;
+   LookAhead<Slot> const ahead(table.slots().base, table.slots().count);
    u32 bucketCount = 0;
    for (;;) { // a restart goes on from the bucket that was reached
       Place head(buckets_[bucket]);
-      lookAhead(bucket);
+      ahead.from(buckets_.entries(), buckets_.bits(), bucket);
       // (1) Step over empty buckets.
       while (head.ends()) {
          if (head.link.next == Mirak::noSlot) {
@@ -56,7 +47,7 @@ template <class Owner>
             ReaderErrors::bucketCycle(bucketCount, numBuckets);
          bucket = successor(bucket, head.link.next);
          head = Place(buckets_[bucket]);
-         lookAhead(bucket);
+         ahead.from(buckets_.entries(), buckets_.bits(), bucket);
       }
       // (2) Read the row, then ask whether the head still stands.
       u32 const index = head.link.next;
@@ -73,7 +64,7 @@ template <class Owner>
       hint = {read.word, index, bucket};
       LOMI_TRACE(debugHandler_, 9, "ReaderHashMap", "{} found at bucket {}, saving {}", Mirak::keyText(found),
                  bucket, hint);
-      prefetchBehind(table.slots().base[index].link);
+      ahead.prefetchBehind(table.slots().base[index].link);
       return true;
    }
 }
@@ -137,7 +128,7 @@ template <class Owner>
               Mirak::keyText(key), Mirak::keyText(found), hint, IterHint{read.word, index, hint.bucket});
    hint.version = read.word;
    hint.slot = index;
-   prefetchBehind(table.slots().base[index].link);
+   LookAhead<Slot>(table.slots().base, table.slots().count).prefetchBehind(table.slots().base[index].link);
    return Fast::found;
 }
 
@@ -182,36 +173,6 @@ inline bool ReaderHashMap<Owner>::goOnAfter(Walk walk, Key const& key, u32 bucke
    else
       LOMI_TRACE(debugHandler_, 9, "ReaderHashMap", "{} next bucket {}", Mirak::keyText(key), next);
    return first(next, value, hint);
-}
-
-/// Asks for the slot that `link` names. An end of chain asks for slot 0 instead: without a branch, since
-/// nobody could predict it. @return the slot
-template <class Owner>
-[[gnu::always_inline]] inline auto ReaderHashMap<Owner>::prefetchBehind(SlotLink const& link) const
-    -> Slot const& {
-   auto const& slots = reader_->slots_.slots();
-   u32 const next = Mem::peekPair(link).next;
-   Slot const& slot = slots.base[next & (u32{0} - u32{next < slots.count})];
-   Mem::prefetchShared(&slot);
-   prefetchSlot(slot);
-   return slot;
-}
-
-/// Has the buckets that the walk will reach soon on their way into the cache.
-template <class Owner> [[gnu::always_inline]] inline void ReaderHashMap<Owner>::lookAhead(u32 bucket) const {
-   if (reader_->slots_.slots().count < LookAhead::fromSlots || buckets_.numBuckets() < LookAhead::fromBuckets)
-      return;
-   auto const* heads = buckets_.entries();
-   // Walk order counts in reversed bits: the place of a bucket is its number reversed.
-   u32 const place = Lomi::Util::reverse(bucket);
-   u32 const shift = 32 - buckets_.bits();
-   auto const headAhead = [&](u32 steps) -> SlotLink const& {
-      return heads[Lomi::Util::reverse(place + (steps << shift))];
-   };
-   Mem::prefetchShared(&headAhead(LookAhead::heads));
-   prefetchBehind(headAhead(LookAhead::slots));
-   Slot const& slot = prefetchBehind(headAhead(LookAhead::successors));
-   prefetchBehind(slot.link);
 }
 
 } // namespace MirakCore

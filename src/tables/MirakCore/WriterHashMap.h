@@ -10,29 +10,20 @@
 // Any breach that a step meets is thrown as Lomi::CorruptionDetectedException; nothing is repaired here, and
 // no loop trusts the links for its end: each counts against the capacity.
 //
-// Growing from n to 2n, and what a crash leaves (numBuckets is the commit point):
-//   pass 1   entry b + n := the link that leads to the first row of chain b which hashes to b + n.
-//            Invisible: the table is simply the old one.
-//   publish  numBuckets := 2n. Uncut chains still end in their old successor, which no chain of 2n may: the
-//            walk of the next start fails on it.
-//   pass 2   the link before that row := end of chain, next bucket b + n. Readers of either count find
-//            every row throughout: by the old entry until the cut, and after it they see an end that the
-//            new count explains.
-// Shrinking mirrors it: chains are joined first, then the count falls, then the file.
+// Growing and shrinking: WriterHashMapResize.h.
 #pragma once
 
 #include "Lomi/Exception.h"
 #include "Lomi/Util.h"
 #include "Mem/VersionAnchor.h"
 #include "Mirak/Counters.h"
-#include "Mirak/Deadline.h"
 #include "Mirak/IterHint.h"
 #include "Mirak/KeyText.h"
 #include "Mirak/SlotWriter.h"
 #include "MirakCore/BucketWriter.h"
+#include "MirakCore/LookAhead.h"
 
 #include <memory>
-#include <new>
 #include <tuple>
 
 namespace Mirak {
@@ -42,7 +33,6 @@ template <class Ops, class Writer> class Validator;
 
 namespace MirakCore {
 
-using Mirak::Deadline;
 using Mirak::endsChain;
 using Mirak::IterHint;
 using Mirak::nextBucketOf;
@@ -71,10 +61,11 @@ public:
    BucketWriter<SlotLink> const& buckets() const { return buckets_; }
    u32 growThreshold() const { return growThreshold_; }
    u32 shrinkThreshold() const { return shrinkThreshold_; }
-   /// A full load is one row per bucket, an empty one a quarter.
+   /// A full load is one row per bucket, an empty one a quarter. Called whenever the count has changed.
    void updateThresholds() {
       growThreshold_ = buckets_.numBuckets();
       shrinkThreshold_ = buckets_.numBuckets() / 4;
+      forgetCuts();
    }
    void validatorIs(Validator* validator) { validator_ = validator; }
    u32 bucketOf(u32 hash) const { return hash & (buckets_.numBuckets() - 1); }
@@ -100,15 +91,38 @@ public:
    /// @throws Lomi::CorruptionDetectedException unless the walk goes from `bucket` to `next`
    void verifyNextBucket(u32 bucket, u32 next) const;
 
-   /// Provides all that growBuckets() will need, before anything is changed.
-   /// @throws Lomi::MemoryResourceException
-   void reserveGrow();
-   /// Doubles the bucket table. Memory and space are there: reserveGrow() came first.
+   /// What an insert must ask for before its first store: true when `rows` rows need prepareGrow().
+   bool wantsPreparation(u32 rows) const { return rows > prepareAt_; }
+   /// Provides what growBuckets() will need, before anything is changed: all of it if `rows` rows make the
+   /// table grow, else a piece, so that the insert that grows it doesn't have to do all of it.
+   /// @throws Lomi::MemoryResourceException if all of it is needed and can't be had
+   [[gnu::noinline]] void prepareGrow(u32 rows);
+   /// A row was linked into the chain of `bucket` behind `prev`.
+   void inserted(u32 bucket, SlotLink const* prev, u32 rhash, u32 index) {
+      if (bucket >= cutsTo_ || cuts_[bucket].behind != slotBefore(bucket, prev)) return;
+      (rhash & growBit() ? cuts_[bucket].next : cuts_[bucket].behind) = index;
+   }
+   /// A row was taken from between `prev` and `next` in the chain of `bucket`.
+   void removed(u32 bucket, SlotLink const* prev, u32 index, u32 next) {
+      if (bucket >= cutsTo_) return;
+      if (Cut& cut = cuts_[bucket]; cut.behind == index)
+         cut.behind = slotBefore(bucket, prev);
+      else if (cut.next == index)
+         cut.next = next;
+   }
+   /// Must be called before rows change their slots: cuts are remembered by slot.
+   void forgetCuts() {
+      cutsTo_ = 0;
+      prepareAt_ = growThreshold_ - growThreshold_ / 8;
+   }
+   /// Doubles the bucket table. Memory and space are there: prepareGrow() came first.
    void growBuckets(bool criticalTaskCheck);
    /// Halves the bucket table, down to 2.
    void shrinkBuckets(bool criticalTaskCheck);
 
 private:
+   class Deadline;
+
    [[gnu::always_inline]] inline bool seek(Key const& key, u32 bucket, SlotLink** prev, SlotLink** curr,
                                            u32 hash, char const* corruptKey);
 
@@ -118,11 +132,21 @@ private:
       anchor_ = slots_.anchorOf(slot);
       Mem::loadShared(&value, slot.value, sizeof(Value));
    }
+   LookAhead<Slot> lookAhead() const { return {&slots_.slot(0), slots_.capacity()}; }
    void atEndOfTable(u32 bucket) const;
    bool nextSlow(Key const& key, Value& value, IterHint& hint) const;
    void checkRhash(u32 index, u32 rhash, u32 hash, bool slowPath) const;
    void mark(u32 index) const;
-   SlotLink* cutPoint(u32 bucket, u32 bit, u32& visited);
+   /// Of the reversed hash: rows with this bit leave their bucket when it is cut in two; they stand behind
+   /// the others.
+   u32 growBit() const { return 0x80000000u >> buckets_.bucketFactor(); }
+   /// The slot whose link that is, noSlot for the head of `bucket`.
+   u32 slotBefore(u32 bucket, SlotLink const* link) const {
+      return link == &buckets_.entries()[bucket] ? noSlot
+                                                 : slots_.indexOf(*slotOf(const_cast<SlotLink*>(link)));
+   }
+   bool makeRoomForCuts();
+   void findCuts(u32 end, u32& visited);
    SlotLink* lastLink(u32 bucket, u32& visited);
    void checkVisited(u32 visited) const;
 
@@ -136,8 +160,21 @@ private:
    Mirak::Writer::Counters& counters_;
    Validator* validator_ =
        nullptr; ///< only while a validation runs: the walk then checks and marks each slot
-   std::unique_ptr<SlotLink*[]> cuts_; ///< growBuckets: where each chain is cut; allocated before the insert
-   u32 cutsFor_ = 0;
+   /// Where a growth cuts a chain in two: behind which slot (noSlot: the bucket's head), and what follows
+   /// there.
+   struct Cut {
+      u32 behind;
+      u32 next;
+   };
+   // The cuts of the next growth. Known for the first cutsTo_ buckets, and kept right from then on by
+   // inserted() and removed(). Private: to the files and to a crash, nothing of it has happened.
+   std::unique_ptr<Cut[]> cuts_;
+   u32 cutsFor_ = 0; ///< buckets that cuts_ has room for
+   u32 cutsTo_ = 0;
+   u32 prepareAt_ = 0;                     ///< rows up to which nothing is to be prepared
+   static constexpr u32 cutsAtOnce = 256;  ///< buckets; ten microseconds or so
+   static constexpr u32 stride = 64;       ///< buckets of a growth between two looks at the clock
+   static constexpr u32 bucketsAhead = 12; ///< buckets that a pass over all chains looks ahead
 };
 
 template <class... Args> [[noreturn, gnu::cold]] void corrupt(char const* format, Args const&... args) {
@@ -208,7 +245,9 @@ template <class Ops> void WriterHashMap<Ops>::mark(u32 index) const {
 }
 
 template <class Ops> bool WriterHashMap<Ops>::first(u32 bucket, Value& value, IterHint& hint) const {
+   auto const ahead = lookAhead();
    u32 next = Mem::loadPair(buckets_[bucket]).next;
+   ahead.from(buckets_.entries(), buckets_.bucketFactor(), bucket);
    for (u32 count = 1; endsChain(next); ++count) {
       if (next == noSlot) {
          atEndOfTable(bucket);
@@ -220,6 +259,7 @@ template <class Ops> bool WriterHashMap<Ops>::first(u32 bucket, Value& value, It
       verifyNextBucket(bucket, nextBucketOf(next));
       bucket = nextBucketOf(next);
       next = Mem::loadPair(buckets_[bucket]).next;
+      ahead.from(buckets_.entries(), buckets_.bucketFactor(), bucket);
    }
    Slot const& slot = slots_.slot(next);
    u32 const word = Mem::loadShared(slot.versionFlags);
@@ -231,6 +271,7 @@ template <class Ops> bool WriterHashMap<Ops>::first(u32 bucket, Value& value, It
       corrupt("corrupt key detected, slotId: {}", next);
    if (validator_) checkRhash(next, Mem::loadShared(slot.rhash), hash, false);
    mark(next);
+   ahead.prefetchBehind(slot.link);
    hint = {word, next, bucket};
    return true;
 }
@@ -240,9 +281,7 @@ template <class Ops> bool WriterHashMap<Ops>::next(Key const& after, Value& valu
    if (hint.slot >= slots_.capacity() || hint.bucket >= buckets_.numBuckets())
       return nextSlow(key, value, hint);
    Slot const& from = slots_.slot(hint.slot);
-   // A slot that was cut off and came back counts from the beginning again: the word alone proves nothing.
-   if (Mem::loadShared(from.versionFlags) != hint.version || !(keyOf(from) == key))
-      return nextSlow(key, value, hint);
+   if (Mem::loadShared(from.versionFlags) != hint.version) return nextSlow(key, value, hint);
    u32 const index = Mem::loadPair(from.link).next;
    // Whatever the fast path finds wrong may be the hint's fault; the slow path then decides. Marking and the
    // walk of the following buckets stay outside: what they throw is final.
@@ -264,6 +303,7 @@ template <class Ops> bool WriterHashMap<Ops>::next(Key const& after, Value& valu
          if (bucketOf(hash) != hint.bucket) corrupt("corrupt key detected, slotId: {}", index);
          if (validator_) checkRhash(index, Mem::loadShared(slot.rhash), hash, false);
          take(slot, value);
+         lookAhead().prefetchBehind(slot.link);
          hint.version = word;
          hint.slot = index;
       }
@@ -313,101 +353,6 @@ template <class Ops> bool WriterHashMap<Ops>::nextSlow(Key const& key, Value& va
    return first(nextBucketOf(index), value, hint);
 }
 
-template <class Ops> void WriterHashMap<Ops>::checkVisited(u32 visited) const {
-   if (visited > slots_.capacity()) [[unlikely]]
-      corrupt("hash chain cycle detected, slotCount:{} capacity:{}", visited, slots_.capacity());
-}
-
-/// The link before the first row of `bucket` whose reversed hash has `bit`, or the chain's last link.
-template <class Ops> SlotLink* WriterHashMap<Ops>::cutPoint(u32 bucket, u32 bit, u32& visited) {
-   SlotLink* link = &buckets_.entries()[bucket];
-   for (u32 index = Mem::loadPair(*link).next; !endsChain(index); index = Mem::loadPair(*link).next) {
-      checkVisited(++visited);
-      Slot& slot = slots_.slot(index);
-      if (Mem::loadShared(slot.rhash) & bit) break;
-      link = &slot.link;
-   }
-   return link;
-}
-
-template <class Ops> SlotLink* WriterHashMap<Ops>::lastLink(u32 bucket, u32& visited) {
-   SlotLink* link = &buckets_.entries()[bucket];
-   for (u32 index = Mem::loadPair(*link).next; !endsChain(index); index = Mem::loadPair(*link).next) {
-      checkVisited(++visited);
-      link = &slots_.slot(index).link;
-   }
-   return link;
-}
-
-template <class Ops> void WriterHashMap<Ops>::reserveGrow() {
-   u32 const count = buckets_.numBuckets();
-   buckets_.reserve(count * 2);
-   if (cutsFor_ >= count) return;
-   cuts_.reset(new (std::nothrow) SlotLink*[count]);
-   cutsFor_ = cuts_ ? count : 0;
-   if (!cuts_)
-      throw Lomi::MemoryResourceException(fmt::format("no memory to grow {} from {} to {} buckets",
-                                                      buckets_.wrapper().getFilename(), count, count * 2));
-}
-
-template <class Ops> void WriterHashMap<Ops>::growBuckets(bool criticalTaskCheck) {
-   u32 const n = buckets_.numBuckets();
-   LOMI_TRACE(debugHandler_, 2, "WriterHashMap", "growing from: {} to: {}", n, n * 2);
-   Deadline deadline(criticalTaskCheck);
-   reserveGrow();
-   buckets_.resize(2 * n);
-   SlotLink* const entries = buckets_.entries();
-   // The rows that move to b + n are those with this bit of the reversed hash; they stand behind the others.
-   u32 const bit = 0x80000000u >> std::countr_zero(n);
-   u32 visited = 0;
-   for (u32 b = 0; b < n; ++b) {
-      // Heads are in sequence, the rows behind them anywhere: bring the next ones in while this one is
-      // walked.
-      constexpr u32 ahead = 12;
-      if (b + ahead < n) {
-         u32 const index = Mem::loadPair(entries[b + ahead]).next;
-         if (index < slots_.capacity()) Mem::prefetchShared(&slots_.slot(index));
-      }
-      cuts_[b] = cutPoint(b, bit, visited);
-      Mirak::publishLink(entries[b + n], Mem::loadPair(*cuts_[b]).next);
-      deadline.check();
-   }
-   // SYNC(num-buckets) store: the entries up to 2n are complete.
-   auto& count = buckets_.header().numBuckets;
-   Mem::publishPair(count, Mem::VersionedRef<u32>{Mem::loadPair(count).version + 1, 2 * n});
-   for (u32 b = 0; b < n; ++b) {
-      // SYNC(chain-link) store: cuts the chain in two; both parts keep their slots and their order.
-      Mirak::publishLink(*cuts_[b], chainEnd(b + n));
-      deadline.check();
-   }
-   counters_.lastBucketGrow = deadline.elapsed();
-   counters_.longestBucketGrow = std::max(counters_.longestBucketGrow, counters_.lastBucketGrow);
-   ++counters_.bucketGrows;
-   updateThresholds();
-}
-
-template <class Ops> void WriterHashMap<Ops>::shrinkBuckets(bool criticalTaskCheck) {
-   u32 const n = buckets_.numBuckets();
-   u32 const half = n / 2;
-   Deadline deadline(criticalTaskCheck);
-   u32 visited = 0;
-   for (u32 b = 0; b < half; ++b) {
-      SlotLink* const last = lastLink(b, visited);
-      // SYNC(chain-link) store: the upper chain is joined behind the lower one, and its end names the bucket
-      // that follows in the smaller table, too.
-      Mirak::publishLink(*last, Mem::loadPair(buckets_.entries()[b + half]).next);
-      deadline.check();
-   }
-   // SYNC(num-buckets) store: readers stop using the upper half before it goes.
-   auto& count = buckets_.header().numBuckets;
-   Mem::publishPair(count, Mem::VersionedRef<u32>{Mem::loadPair(count).version + 1, half});
-   buckets_.resize(half);
-   counters_.lastBucketShrink = deadline.elapsed();
-   counters_.longestBucketShrink = std::max(counters_.longestBucketShrink, counters_.lastBucketShrink);
-   ++counters_.bucketShrinks;
-   LOMI_TRACE(debugHandler_, 2, "WriterHashMap", "shrunk from:{} to:{} shrinkBuckets_:{} time:{}", n, half,
-              true, counters_.lastBucketShrink);
-   updateThresholds();
-}
-
 } // namespace MirakCore
+
+#include "MirakCore/WriterHashMapResize.h"

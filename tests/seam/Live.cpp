@@ -32,10 +32,24 @@ static void check(bool good, char const* what) {
    if (!good) throw std::runtime_error(std::string(what) + ": " + std::strerror(errno));
 }
 
-Live::Live(std::string directory, Image before, Events const& events)
+static void checkStore(int fd, Event const& event) {
+   auto const offset = static_cast<off_t>(event.offset);
+   if (offset + static_cast<off_t>(event.length) > ::lseek(fd, 0, SEEK_END))
+      throw std::logic_error(event.text() + ": beyond the end of the file");
+   if (::lseek(fd, offset, SEEK_DATA) != offset) throw std::logic_error(event.text() + ": into a hole");
+}
+
+/// Room that nobody has written to yet looks like a hole; one byte in each page makes it data.
+static void makeVisible(int fd, off_t from, off_t to) {
+   for (off_t at = from / 4096 * 4096; at < to; at += 4096)
+      if (::lseek(fd, at, SEEK_DATA) != at) check(::pwrite(fd, "", 1, at) == 1, "pwrite");
+}
+
+Live::Live(std::string directory, Image before, Events const& events, bool strict)
    : directory_(std::move(directory))
    , before_(std::move(before))
-   , events_(events) {
+   , events_(events)
+   , strict_(strict) {
    fs::remove_all(directory_ + ".kept");
    fs::create_directories(directory_ + ".kept");
    before_.store(directory_);
@@ -82,7 +96,7 @@ Live::File* Live::open(std::string const& name, bool make) {
 void Live::applyTo(std::size_t at) {
    for (; applied_ < at; ++applied_) {
       Event const& event = events_[applied_];
-      if (File* const file = target_[applied_]; file) {
+      if (File* const file = target_[applied_]; file && !strict_) {
          file->touched = true;
          std::memcpy(file->map + event.offset, event.bytes.data(), event.length);
       } else {
@@ -112,10 +126,12 @@ void Live::apply(Event const& event) {
    auto const offset = static_cast<off_t>(event.offset), length = static_cast<off_t>(event.length);
    switch (event.kind) {
    case Kind::store:
+      if (strict_) checkStore(file.fd, event);
       std::memcpy(file.map + offset, event.bytes.data(), event.length);
       return;
    case Kind::allocate:
       check(::fallocate(file.fd, 0, offset, length) == 0, "fallocate");
+      if (strict_) makeVisible(file.fd, offset, offset + length);
       lengthsChanged_ = true;
       return;
    case Kind::punch:
