@@ -173,8 +173,8 @@ Rule ruleAt(Scenario<R> const& scenario, Recording<R> const& recording, Image co
    Rule rule{.kestor = kestorOf(image), .published = {kestorOf(recording.before), kestorOf(image)}};
    rule.keeps =
        scenario.name == "restart, adopt" || scenario.name == "detach" || scenario.name == "scratchpad";
-   // Who follows a table learns of another generation by that alone.
-   if (rule.kestor == kestorOf(recording.before)) rule.before = &recording.before;
+   // Who follows a table learns of another generation, or of files made again, by that alone.
+   if (rule.kestor == kestorOf(recording.before) && image.has("slots")) rule.before = &recording.before;
    auto const& contents = recording.contents;
    if (!scenario.restarts) {
       for (std::size_t i = recording.lowest(at); i <= recording.highest(at); ++i)
