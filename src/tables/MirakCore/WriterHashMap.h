@@ -282,7 +282,10 @@ template <class Ops> bool WriterHashMap<Ops>::next(Key const& after, Value& valu
    if (hint.slot >= slots_.capacity() || hint.bucket >= buckets_.numBuckets())
       return nextSlow(key, value, hint);
    Slot const& from = slots_.slot(hint.slot);
-   if (Mem::loadShared(from.versionFlags) != hint.version) return nextSlow(key, value, hint);
+   // A slot that was cut off and came back counts from the beginning again: the word alone doesn't prove that
+   // this is the caller's row.
+   if (Mem::loadShared(from.versionFlags) != hint.version || !(keyOf(from) == key))
+      return nextSlow(key, value, hint);
    u32 const index = Mem::loadPair(from.link).next;
    // Whatever the fast path finds wrong may be the hint's fault; the slow path then decides. Marking and the
    // walk of the following buckets stay outside: what they throw is final.
