@@ -169,7 +169,7 @@ TEST(MutationOfCompaction, SlotCountFallsBeforeTheRowsAreMoved) {
            [](Events& events, Image const&) { move(events, storeAt(events, "slots", numSlots), 1); });
 }
 TEST(MutationOfStart, GenerationStoredLast) {
-   auto const start = startOn("re-format", [](Bench<S>& b) {
+   auto const start = startOn<S>("re-format", [](Bench<S>& b) {
       b.poke("slots", offsetof(Mirak::SlotTableHeader, runtimeFlags), "\1");
    });
    Key::seeded = true;

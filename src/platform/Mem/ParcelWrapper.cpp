@@ -310,8 +310,12 @@ bool ParcelWrapper::moveMapping(u64 extent) {
 }
 #endif
 
-bool ParcelWrapper::reserve(u64 size) {
-   if (local_) return localMemory_.reserve(size) || fail("reserve room in", size, localMemory_.lastError());
+bool ParcelWrapper::reserve(u64 size, u64 coming) {
+   if (local_) {
+      // Not in pieces: each would be another block beside the present one.
+      return localMemory_.reserve(std::max(size, coming)) ||
+             fail("reserve room in", size, localMemory_.lastError());
+   }
    if (!base_ || mode_ != Mode::writer)
       return fail("reserve room in", size, "it is not attached for writing");
    if (size > Local::maxMappingSize()) return fail("reserve room in", size, "the size is out of range");

@@ -53,7 +53,8 @@ public:
    char* resize(u64 size);
    /// Writer: does the slow part of a later resize to `size` now: blocks, and where the base can stay, pages.
    /// False with lastError() set if there is no room; the file's length is what it was then.
-   bool reserve(u64 size);
+   /// @param coming what will be asked for piece by piece; private memory is taken at once
+   bool reserve(u64 size, u64 coming = 0);
    void detach();
 
    bool isAttached() const { return base_ != nullptr; }

@@ -145,8 +145,6 @@ public:
    u64 baseSequence() const { return attached() ? Mem::loadShared(header().base[generation_ & 1]) : 0; }
    /// Position of the slot's current entry, noPosition if there is none or the slot is out of range.
    u32 tesselSlot(u32 slot) const;
-   /// Slots that have a place in tessel.slots.
-   u32 slotsLength() const { return slotsLength_; }
    u64 corralStart() const { return corralStart_; }
    u64 corralEnd() const { return corralEnd_; }
 

@@ -181,7 +181,6 @@ private:
    bool attach(Parcel::KestorId kestor);
    bool attachAndValidate(bool reformat, Parcel::OwnerFile& ownerFile, Parcel::TunnetInfo const& tunnetInfo);
    void beforeFormat();
-   void reserveQueue();
    bool standsInFiles() const;
 
    // Constant after construction.

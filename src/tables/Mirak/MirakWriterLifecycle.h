@@ -144,7 +144,7 @@ bool MirakWriter<Ops>::attachAndValidate(bool reformat, Parcel::OwnerFile& owner
       attach(kestorId_); // the stored generation differs now, so every file formats itself
       if (!validate(kestorId_, error, false)) throw Lomi::InvalidInitializeException("failed validation");
    }
-   reserveQueue();
+   queue_.reserve(slots_.capacity());
    if (localMem_) return true;
    ownerFile.tunnetInfoIs(tunnetInfo);
    bool const valid = ownerFile.validate(error);
@@ -176,14 +176,6 @@ template <class Ops> void MirakWriter<Ops>::beforeFormat() {
    kestorRemoved_ = true;
    // SYNC(kestor) store: 0 is no generation. The slot file, kept a moment ago, will be formatted after all.
    if (slotsKept_) Mem::storeShared(slots_.header().kestor, u32{0});
-}
-
-/// Room for every change of a slot that the table has or the queue names.
-template <class Ops> void MirakWriter<Ops>::reserveQueue() {
-   if constexpr (Ops::hasChangeQueue) {
-      queue_.reserve(std::max(slots_.capacity(), queue_.tesselWriter.slotsLength()));
-      queue_.cutTo(slots_.capacity());
-   }
 }
 
 template <class Ops> bool MirakWriter<Ops>::validate() {

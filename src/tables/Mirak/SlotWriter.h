@@ -338,7 +338,7 @@ template <class Ops> void SlotWriterTable<Ops>::prepareGrow() {
    u32 const end = std::min(to, prepared_ + preparedBytes / Table::slotSize);
    u64 const size = Table::headerSize + u64{end} * Table::slotSize;
    prepareAt_ = noSlot;
-   if (to > Mem::Local::maxMappingSize() / Table::slotSize || !wrapper_.reserve(size) ||
+   if (to > Mem::Local::maxMappingSize() / Table::slotSize || !wrapper_.reserve(size, bytesFor(to)) ||
        wrapper_.writableSize() < size)
       return;
    formatFreeSlots(prepared_, end, to);
@@ -431,8 +431,9 @@ template <class Ops> void SlotWriterTable<Ops>::refresh(u32 capacity) {
    slots_ = reinterpret_cast<Slot*>(base() + Table::headerSize);
    capacity_ = capacity;
    prepared_ = capacity;
-   // A small table grows at once in less time than this would save.
-   bool const worthIt = !fixedSize_ && u64{capacity} * Table::slotSize >= 16 * preparedBytes;
+   // A small table grows at once in less time than this would save, and private memory must be had whole.
+   bool const worthIt =
+       !fixedSize_ && rootPath_.shared() && u64{capacity} * Table::slotSize >= 16 * preparedBytes;
    prepareAt_ = worthIt ? capacity - capacity / 16 : noSlot;
    updateShrinkThreshold();
 }

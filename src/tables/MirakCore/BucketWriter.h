@@ -50,7 +50,7 @@ public:
       constexpr u32 atOnce = 8192; // entries: 64 KiB, a few microseconds
       if (coming > maxBuckets) return false;
       u32 const to = std::min(coming, (entries + atOnce - 1) / atOnce * atOnce);
-      return wrapper_.reserve(bucketFileSize(to));
+      return wrapper_.reserve(bucketFileSize(to), bucketFileSize(coming));
    }
    bool validate(Parcel::KestorId kestor, std::string& error) const;
    void validateFile() const;
