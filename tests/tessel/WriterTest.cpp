@@ -254,13 +254,13 @@ TEST(TesselWriter, CallsNothing) {
 TEST(TesselWriter, LongTurnsRunTheHook) {
    constexpr u32 slots = 1'000'000;
    Queue queue(handler(), tablePath("hook"), false, Tessel::PruneMode::keep);
-   queue.attach({1, 1});
-   queue.reserve(slots);
    u64 calls = 0, wrong = 0;
    queue.longOperationHookIs([&] {
       ++calls;
       wrong += queue.tail() < slots;
    });
+   queue.attach({1, 1});
+   queue.reserve(slots);
    Dice dice(1);
    for (u32 slot = 0; slot < slots; ++slot) queue.notify(slot * 7919ull % slots);
    u64 const turns = queue.turns();

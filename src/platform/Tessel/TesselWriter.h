@@ -95,8 +95,8 @@ public:
 
    /// Who follows; null for nobody. Not owned. Stays over detach and attach.
    void followersIs(Followers* followers) { followers_ = followers; }
-   /// Called every few milliseconds within a turn. It may call everything here that is const, and nothing
-   /// else.
+   /// Called every few milliseconds within a turn. To be set before attach(). It may call everything here
+   /// that is const, and nothing else.
    void longOperationHookIs(std::function<void()> hook) { hook_ = std::move(hook); }
 
    /// Makes room for changes of the slots below `slots`, for good: after a growth, before a row in a new slot
@@ -222,6 +222,7 @@ private:
    u32 namedSlots_ = 0; ///< no entry that lay in the table at the last turn or trim names a slot from here on
    u32 turnedAt_ = 0;   ///< count after the last turn
    u32 patience_ = 0;
+   u64 slice_ = 0; ///< ticks of the processor between two calls of the hook
    u64 turns_ = 0;
 };
 

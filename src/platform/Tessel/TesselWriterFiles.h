@@ -37,6 +37,8 @@ TesselWriter<Slot, Position>::TesselWriter(Lomi::Platform::DebugHandler const& h
 template <class Slot, class Position> int TesselWriter<Slot, Position>::attach(Parcel::KestorId kestor) {
    detach();
    if (local_) return queueNew;
+   // The rate is learned at its first use, and that takes a moment: not inside a turn.
+   if (hook_) slice_ = static_cast<u64>(sliceSeconds * Lomi::Rdtsc::calibrationRate());
    Found const found{
        headerWrapper_.memSize(), {tables_[0].memSize(), tables_[1].memSize()}, slotsWrapper_.memSize()};
    auto open = [](Mem::ParcelWrapper& wrapper, u64 size) {

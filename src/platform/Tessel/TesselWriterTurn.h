@@ -106,15 +106,14 @@ template <class Slot, class Position> u32 TesselWriter<Slot, Position>::carry(u6
    u32 alive[block];
    QueueEntry* const out = table(generation_ + 1).entries();
    u32 const room = nextCapacity(noPosition);
-   u64 const slice = hook_ ? static_cast<u64>(sliceSeconds * Lomi::Rdtsc::calibrationRate()) : 0;
-   u64 due = hook_ ? Lomi::Rdtsc::now() + slice : 0;
+   u64 due = hook_ ? Lomi::Rdtsc::now() + slice_ : 0;
    newBase = next_;
    namedSlots_ = 0;
    u32 kept = 0;
    for (u32 from = 0; from < used_; from += block) {
       if (from % sliceEntries == 0 && hook_ && Lomi::Rdtsc::now() >= due) {
          hook_();
-         due = Lomi::Rdtsc::now() + slice;
+         due = Lomi::Rdtsc::now() + slice_;
       }
       u32 const found = findAlive(from, std::min(used_, from + block), alive);
       for (u32 n = 0; n < found; ++n) {
