@@ -2,9 +2,9 @@
 // The seven tables: for each record its policy type, its writer and its reader. The templates are
 // instantiated once, in the Tables*.cpp beside this, so a user's source compiles quickly.
 //
-//   FlowTracking::HoIpFlowCounterOps::Writer writer(handler, "flowtracking/default/...",
-//   Mirak::MapDescriptor(100)); FlowTracking::HoIpFlowCounterOps::Reader reader(handler,
-//   "flowtracking/default/...");
+//   char const* const table = "flowtracking/default/...";
+//   FlowTracking::HoIpFlowCounterOps::Writer writer(handler, table, Mirak::MapDescriptor(100));
+//   FlowTracking::HoIpFlowCounterOps::Reader reader(handler, table);
 #pragma once
 
 #include "FlowTracking/HoFlowConfig.h"

@@ -122,8 +122,6 @@ public:
    void shrinkBuckets(bool criticalTaskCheck);
 
 private:
-   class Deadline;
-
    [[gnu::always_inline]] inline bool seek(Key const& key, u32 bucket, SlotLink** prev, SlotLink** curr,
                                            u32 hash, char const* corruptKey);
 

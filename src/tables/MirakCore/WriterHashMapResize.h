@@ -16,37 +16,12 @@
 // growing insert itself then touches each chain at one place.
 #pragma once
 
-#include "Lomi/TaskSchedulerRoot.h"
+#include "Mirak/Deadline.h"
 #include "MirakCore/WriterHashMap.h"
 
 #include <new>
 
 namespace MirakCore {
-
-/// Lets the process's critical tasks run every 10 ms inside a long operation, and times it.
-template <class Ops> class WriterHashMap<Ops>::Deadline {
-public:
-   explicit Deadline(bool enabled)
-      : enabled_(enabled)
-      , begin_(Lomi::time()) {
-      renew();
-   }
-   /// Called after each bucket whose chain is walked: nothing bounds the chains of the next ones.
-   void check() {
-      if (!enabled_ || Lomi::Rdtsc::now() < at_) return;
-      Lomi::TaskSchedulerRoot::root().runCriticalPriorityTasks();
-      renew();
-   }
-   double elapsed() const { return Lomi::time() - begin_; }
-
-private:
-   void renew() {
-      if (enabled_) at_ = Lomi::Rdtsc::now() + static_cast<u64>(0.01 * Lomi::Rdtsc::calibrationRate());
-   }
-   bool const enabled_;
-   double const begin_;
-   u64 at_ = 0;
-};
 
 template <class Ops> void WriterHashMap<Ops>::checkVisited(u32 visited) const {
    if (visited > slots_.capacity()) [[unlikely]]
@@ -105,7 +80,7 @@ template <class Ops> void WriterHashMap<Ops>::prepareGrow(u32 rows) {
 template <class Ops> void WriterHashMap<Ops>::growBuckets(bool criticalTaskCheck) {
    u32 const n = buckets_.numBuckets();
    LOMI_TRACE(debugHandler_, 2, "WriterHashMap", "growing from: {} to: {}", n, n * 2);
-   Deadline deadline(criticalTaskCheck);
+   Mirak::Deadline deadline(criticalTaskCheck);
    prepareGrow(n + 1);
    u32 visited = 0;
    while (cutsTo_ < n) { // as a rule all are known by now
@@ -161,7 +136,7 @@ template <class Ops> SlotLink* WriterHashMap<Ops>::lastLink(u32 bucket, u32& vis
 template <class Ops> void WriterHashMap<Ops>::shrinkBuckets(bool criticalTaskCheck) {
    u32 const n = buckets_.numBuckets();
    u32 const half = n / 2;
-   Deadline deadline(criticalTaskCheck);
+   Mirak::Deadline deadline(criticalTaskCheck);
    u32 visited = 0;
    for (u32 b = 0; b < half; ++b) {
       if (b + bucketsAhead < half)
