@@ -31,11 +31,19 @@ int main(int argc, char**) {
    bucketBase = table.hashMap().buckets().wrapper().base();
    Mem::ParcelWrapper::sharedBase = baseOf;
    std::thread reading([&] { read(shared, 1, tides); });
+   std::atomic<int> highTides{0};
    std::thread ending([&] {
-      while (shared.walks < 200 && shared.complaint.count == 0) Test::pause(0.01);
+      auto const wait = [&](auto const& until) {
+         while (!until() && shared.complaint.count == 0) Test::pause(0.01);
+      };
+      // Resizes are there to be followed, and a whole walk follows them.
+      wait([&] { return highTides >= 3; });
+      Test::u64 const enough = std::max<Test::u64>(200, shared.walks + 2);
+      wait([&] { return shared.walks >= enough; });
       shared.stop = true;
    });
    write(table, shared, 1, tides, [&] {
+      ++highTides;
       if (!race) return;
       bool found = false;
       R const* const row = table.lookup(stayingKey(3), found, nullptr);
