@@ -3,7 +3,9 @@
 // and fields. Every key that dump prints is typed back into get, so printing and parsing can't drift apart.
 #include "Support.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace ToolTest {
 namespace {
@@ -305,6 +307,9 @@ TEST_F(Rows, HelpTeaches) {
 }
 
 TEST_F(Rows, ColourOnlyOnATerminal) {
+   int const terminal = ::posix_openpt(O_RDWR | O_NOCTTY);
+   if (terminal < 0) GTEST_SKIP() << "no pseudo terminals here";
+   ::close(terminal);
    auto const colour = [](Result const& result) { return result.out.find("\033[") != std::string::npos; };
    EXPECT_TRUE(colour(run({"list"}, {.terminal = true})));
    EXPECT_FALSE(colour(run({"list"}, {.environment = {"NO_COLOR=1"}, .terminal = true})));
