@@ -170,5 +170,7 @@ TEST(Followers, EndWithTheLastValueOfEverySlot) {
    EXPECT_GT(board.placements, static_cast<u64>(followers));
    EXPECT_GT(board.wakes, static_cast<u64>(followers));
    EXPECT_EQ(rusk.droppedPeers(), 0u);
+   std::string error;
+   EXPECT_TRUE(queue.validate(generation, slots, error)) << error;
    ::munmap(&board, sizeof(Board));
 }
