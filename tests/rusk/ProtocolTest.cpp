@@ -90,22 +90,9 @@ TEST(Protocol, NothingElseIsAMessage) {
 
 TEST(Protocol, PassedDescriptorsAreNotTaken) {
    Pair pair;
-   std::string bytes = position(2, 5);
-   iovec part{bytes.data(), bytes.size()};
-   alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
-   msghdr header{};
-   header.msg_iov = &part;
-   header.msg_iovlen = 1;
-   header.msg_control = control;
-   header.msg_controllen = sizeof(control);
-   cmsghdr* const rights = CMSG_FIRSTHDR(&header);
-   rights->cmsg_level = SOL_SOCKET;
-   rights->cmsg_type = SCM_RIGHTS;
-   rights->cmsg_len = CMSG_LEN(sizeof(int));
    int pipe[2];
    ASSERT_EQ(::pipe2(pipe, O_CLOEXEC | O_NONBLOCK), 0);
-   std::memcpy(CMSG_DATA(rights), &pipe[1], sizeof(int));
-   ASSERT_GT(::sendmsg(pair.ends[1], &header, 0), 0);
+   ASSERT_GT(sendWithDescriptor(pair.ends[1], position(2, 5), pipe[1]), 0);
    ::close(pipe[1]);
    EXPECT_EQ(Rusk::receive(pair.ends[0], pair.message), Received::descriptors);
    char byte;

@@ -139,22 +139,8 @@ TEST(Strangers, PassDescriptors) {
    SharedMemory shared;
    Writer writer(scratch, *shared);
    Raw const raw(writer);
-   std::string bytes = hello(writer.rusk.tableId());
-   iovec part{bytes.data(), bytes.size()};
-   alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
-   msghdr header{};
-   header.msg_iov = &part;
-   header.msg_iovlen = 1;
-   header.msg_control = control;
-   header.msg_controllen = sizeof(control);
-   cmsghdr* const rights = CMSG_FIRSTHDR(&header);
-   rights->cmsg_level = SOL_SOCKET;
-   rights->cmsg_type = SCM_RIGHTS;
-   rights->cmsg_len = CMSG_LEN(sizeof(int));
-   int const fd = raw.fd();
-   std::memcpy(CMSG_DATA(rights), &fd, sizeof(fd));
    auto const before = openDescriptors();
-   if (::sendmsg(raw.fd(), &header, MSG_NOSIGNAL) < 0) {
+   if (sendWithDescriptor(raw.fd(), hello(writer.rusk.tableId()), raw.fd()) < 0) {
       EXPECT_EQ(errno, EPERM) << "kernels that know the option refuse for us";
       return;
    }

@@ -11,6 +11,7 @@
 #include "Rusk/WriterRuskSm.h"
 
 #include <gtest/gtest.h>
+#include <string>
 
 #include <atomic>
 #include <cstring>
@@ -47,6 +48,23 @@ template <class Done> bool driveUntil(Done done) {
       if (::epoll_wait(epoll, &event, 1, 20) == 1) loop().dispatch();
    ::close(epoll);
    return done();
+}
+
+/// Sends `bytes` with a descriptor passed along. @return what sendmsg says
+inline ssize_t sendWithDescriptor(int socket, std::string bytes, int descriptor) {
+   iovec part{bytes.data(), bytes.size()};
+   alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
+   msghdr header{};
+   header.msg_iov = &part;
+   header.msg_iovlen = 1;
+   header.msg_control = control;
+   header.msg_controllen = sizeof(control);
+   cmsghdr* const rights = CMSG_FIRSTHDR(&header);
+   rights->cmsg_level = SOL_SOCKET;
+   rights->cmsg_type = SCM_RIGHTS;
+   rights->cmsg_len = CMSG_LEN(sizeof(int));
+   std::memcpy(CMSG_DATA(rights), &descriptor, sizeof(int));
+   return ::sendmsg(socket, &header, MSG_NOSIGNAL);
 }
 
 struct Shared {
