@@ -70,7 +70,10 @@ TEST_F(Processes, AWriterThatComesDiesAndComesBack) {
    auto const changes = reader.backChanges();
    spoil();
    writer.ask('i');
+   EXPECT_EQ(reader.get(1), 0u) << "before the sentry has looked";
+   EXPECT_EQ(traces.count("corruption detected"), 0u) << "that is no damage";
    ASSERT_TRUE(runUntil([&] { return reader.mounted() && reader.kestorId() != kestor; }));
+   EXPECT_FALSE(fs::exists(fileOf(table, "corruption-detected")));
    EXPECT_EQ(reader.heard(), (Log{"not quiesced", "status 0", "quiesced", "status 1"}));
    EXPECT_GT(reader.backChanges(), changes);
    EXPECT_EQ(reader.get(1), 0u);

@@ -23,7 +23,12 @@ ReaderSentry::ReaderSentry(Lomi::Platform::DebugHandler const& handler, NaoRootP
    : handler_(handler)
    , rootPath_(rootPath)
    , notifiee_(notifiee)
-   , watch_(handler, rootPath, [this](bool polled) { fromLoop(polled ? eventPoll : eventFiles, polled); }) {}
+   , watch_(handler, rootPath, [this](bool polled) {
+      if (polled)
+         process(eventPoll, Reason::polled);
+      else
+         process(eventFiles, Reason::told);
+   }) {}
 
 ReaderSentry::~ReaderSentry() = default;
 
@@ -39,10 +44,13 @@ void ReaderSentry::event(std::string const& name, bool) {
    if (!notifiee_) return;
    LOMI_TRACE(handler_, 5, "ReaderSentry", "{} {} event:{}", rootPath_.str(), notifiee_->modeStr(), name);
    if (name == eventCorruption) damageReported();
-   if ((name == eventInit || name == eventTryAttach) && !inCall()) return process(name, false);
+   if ((name == eventInit || name == eventTryAttach) && !inCall()) return process(name, Reason::asked);
    deferredEvent_ = name;
-   if (!deferred_.active())
-      deferred_ = Lomi::TaskSchedulerRoot::root().deferredTask([this] { fromLoop(deferredEvent_, false); });
+   if (deferred_.active()) return;
+   deferred_ = Lomi::TaskSchedulerRoot::root().deferredTask([this] {
+      std::string const latest = deferredEvent_; // more events may come while this one is at work
+      process(latest, Reason::told);
+   });
 }
 
 /// The collection has met damage in what it stands on, or in what it just tries to attach.
@@ -54,17 +62,7 @@ void ReaderSentry::damageReported() {
    damageReported_ = true;
 }
 
-void ReaderSentry::fromLoop(std::string const& event, bool polled) {
-   try {
-      process(event, polled);
-   } catch (Lomi::Exception const& e) {
-      // Of an attached collection it is its client's.
-      if (!notifiee_ || notifiee_->readerFullyAttached()) throw;
-      LOMI_TRACE(handler_, 0, "ReaderSentry", "cannot attach {}: {}", rootPath_.str(), e.what());
-   }
-}
-
-void ReaderSentry::process(std::string const& event, bool polled) {
+void ReaderSentry::process(std::string const& event, Reason reason) {
    if (!notifiee_ || inCall()) return;
    Call const call(*this);
    for (int looks = 0; looks < mostLooks; ++looks) {
@@ -77,7 +75,7 @@ void ReaderSentry::process(std::string const& event, bool polled) {
       }
       attached_.reset();
       damageReported_ = false;
-      if (!mayAttach(now, polled) || !attach(event, now)) return;
+      if (!mayAttach(now, reason) || !attach(event, reason, now)) return;
    }
    this->event(eventFiles, false);
 }
@@ -97,7 +95,7 @@ bool ReaderSentry::leave(TableState const& now) {
    return true;
 }
 
-bool ReaderSentry::mayAttach(TableState const& now, bool polled) {
+bool ReaderSentry::mayAttach(TableState const& now, Reason reason) {
    if (damaged_) {
       bool const markerGone = damaged_->damageMarked && !now.damageMarked;
       if (now.samePublication(*damaged_) && !markerGone) {
@@ -108,7 +106,7 @@ bool ReaderSentry::mayAttach(TableState const& now, bool polled) {
    }
    if (!now.published()) return false;
    if (refused_ != now) pollsBetween_ = 1;
-   if (!polled || refused_ != now) return true;
+   if (reason != Reason::polled || refused_ != now) return true;
    // What the system refused (memory, a right, a descriptor) may be had later.
    if (pollsToNext_ > 0 && --pollsToNext_ > 0) return false;
    pollsBetween_ = std::min(pollsBetween_ * 2, mostPollsBetween);
@@ -116,10 +114,15 @@ bool ReaderSentry::mayAttach(TableState const& now, bool polled) {
 }
 
 /// @return whether to look once more, because the table changed in between
-bool ReaderSentry::attach(std::string const& event, TableState const& now) {
+bool ReaderSentry::attach(std::string const& event, Reason reason, TableState const& now) {
    refused_ = now;
    pollsToNext_ = pollsBetween_;
-   notifiee_->attach(event);
+   try {
+      notifiee_->attach(event);
+   } catch (Lomi::Exception const& e) {
+      if (reason == Reason::asked || !notifiee_ || notifiee_->readerFullyAttached()) throw;
+      LOMI_TRACE(handler_, 0, "ReaderSentry", "cannot attach {}: {}", rootPath_.str(), e.what());
+   }
    if (!notifiee_ || !notifiee_->readerFullyAttached()) return false;
    refused_.reset();
    attached_ = now;

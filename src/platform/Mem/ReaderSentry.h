@@ -59,12 +59,12 @@ public:
    void close() override;
 
 private:
-   void fromLoop(std::string const& event, bool polled);
-   void process(std::string const& event, bool polled);
+   enum class Reason { told, polled, asked };
+   void process(std::string const& event, Reason reason);
    void damageReported();
    bool leave(TableState const& now);
-   bool mayAttach(TableState const& now, bool polled);
-   bool attach(std::string const& event, TableState const& now);
+   bool mayAttach(TableState const& now, Reason reason);
+   bool attach(std::string const& event, Reason reason, TableState const& now);
    TableState look();
 
    Lomi::Platform::DebugHandler const& handler_;

@@ -210,6 +210,45 @@ template <class Ops> void MirakMap<Ops>::directCommit() {
    }
 }
 
+// --- forwards with a word more ---
+
+template <class Ops> bool MirakMap<Ops>::quiesced() const {
+   // The type is the descriptor's: a strict placeholder must not be asked for its own.
+   LOMI_TRACE(*debugHandler, 5, "MirakMap", "{} type:{}", rootPath().str(), modeStr());
+   return back().quiesced();
+}
+
+template <class Ops> u64 MirakMap<Ops>::clientQuiesced(std::string const& readerName) const {
+   LOMI_TRACE(*debugHandler, 5, "MirakMap", "{} readerName:{}", rootPath().str(), readerName);
+   return back().clientQuiesced(readerName);
+}
+
+template <class Ops> Reader::Counters MirakMap<Ops>::readerCounters() const {
+   return mirakMapUpdateReaderCounters(traced(__func__).readerCounters());
+}
+
+template <class Ops> Writer::Counters MirakMap<Ops>::writerCounters() const {
+   return mirakMapUpdateWriterCounters(traced(__func__).writerCounters());
+}
+
+template <class Ops> std::string MirakMap<Ops>::owner() const { return ownerOf(traced(__func__).rootPath()); }
+
+template <class Ops> void MirakMap<Ops>::notifyingIs(bool value) const {
+   LOMI_TRACE(*debugHandler, 5, "MirakMap", "{} notifying:{}", name, value);
+   LOMI_ASSERT(!initialized_ || notify.notifyLive, *debugHandler,
+               "not allowed at this time, initialized:{} keyNotifications:{}", initialized_,
+               notify.notifyLive);
+   notifying_ = value;
+   if (back_) back_->notifyingIs(value);
+   if (value && mounter_) mounter_->event(eventNotifEnabled_, false);
+}
+
+template <class Ops> void MirakMap<Ops>::yieldTimeIs(double const& seconds) const {
+   LOMI_TRACE(*debugHandler, 5, "MirakMap", "{} yieldTime:{}", name, seconds);
+   yieldTime_ = seconds;
+   if (back_) back_->yieldTimeIs(seconds);
+}
+
 } // namespace Mirak
 
 #include "Mirak/MirakMapMount.h"

@@ -342,19 +342,22 @@ template <class Ops> void MirakMap<Ops>::flushComplete(BackEnd const& flushed) {
 
 template <class Ops> void MirakMap<Ops>::controlDetach() {
    if (detaching_) return; // the client, in a callback of the one that is at work
-   struct AtWork {
-      bool& flag;
-      explicit AtWork(bool& detaching)
-         : flag(detaching) {
-         flag = true;
+   // The mount ends, whatever the client throws when it is told.
+   struct End {
+      MirakMap& map;
+      explicit End(MirakMap& collection)
+         : map(collection) {
+         map.detaching_ = true;
       }
-      ~AtWork() { flag = false; }
-   } const atWork(detaching_);
+      ~End() {
+         map.dropMounter();
+         map.initialized_ = false;
+         ++map.mountsEnded_;
+         map.detaching_ = false;
+      }
+   } const end(*this);
    if (mounter_) mounter_->close(); // so that no callback attaches again
    detach(true);
-   dropMounter();
-   initialized_ = false;
-   ++mountsEnded_;
 }
 
 template <class Ops> void MirakMap<Ops>::cleanupAndDetach() {
@@ -362,45 +365,6 @@ template <class Ops> void MirakMap<Ops>::cleanupAndDetach() {
    LOMI_ASSERT(initialized_, *debugHandler, "{} trying to cleanup uninitialized mirak.", rootPath().str());
    cleanup();
    controlDetach();
-}
-
-// --- forwards with a word more ---
-
-template <class Ops> bool MirakMap<Ops>::quiesced() const {
-   // The type is the descriptor's: a strict placeholder must not be asked for its own.
-   LOMI_TRACE(*debugHandler, 5, "MirakMap", "{} type:{}", rootPath().str(), modeStr());
-   return back().quiesced();
-}
-
-template <class Ops> u64 MirakMap<Ops>::clientQuiesced(std::string const& readerName) const {
-   LOMI_TRACE(*debugHandler, 5, "MirakMap", "{} readerName:{}", rootPath().str(), readerName);
-   return back().clientQuiesced(readerName);
-}
-
-template <class Ops> Reader::Counters MirakMap<Ops>::readerCounters() const {
-   return mirakMapUpdateReaderCounters(traced(__func__).readerCounters());
-}
-
-template <class Ops> Writer::Counters MirakMap<Ops>::writerCounters() const {
-   return mirakMapUpdateWriterCounters(traced(__func__).writerCounters());
-}
-
-template <class Ops> std::string MirakMap<Ops>::owner() const { return ownerOf(traced(__func__).rootPath()); }
-
-template <class Ops> void MirakMap<Ops>::notifyingIs(bool value) const {
-   LOMI_TRACE(*debugHandler, 5, "MirakMap", "{} notifying:{}", name, value);
-   LOMI_ASSERT(!initialized_ || notify.notifyLive, *debugHandler,
-               "not allowed at this time, initialized:{} keyNotifications:{}", initialized_,
-               notify.notifyLive);
-   notifying_ = value;
-   if (back_) back_->notifyingIs(value);
-   if (value && mounter_) mounter_->event(eventNotifEnabled_, false);
-}
-
-template <class Ops> void MirakMap<Ops>::yieldTimeIs(double const& seconds) const {
-   LOMI_TRACE(*debugHandler, 5, "MirakMap", "{} yieldTime:{}", name, seconds);
-   yieldTime_ = seconds;
-   if (back_) back_->yieldTimeIs(seconds);
 }
 
 } // namespace Mirak
