@@ -4,6 +4,7 @@
 
 #include "Lomi/DeleteLater.h"
 #include "Zeb/NotifieeList.h"
+#include "Zeb/ZebType.h"
 
 #include <memory>
 #include <new>
@@ -19,6 +20,8 @@ void PtrInterface::hasNotificationActiveIs(bool active) { active_ = active; }
 void PtrInterface::zeroReferencesIs(bool zero) {
    if (auto const list = notifieeList(); zero && active_ && list.list) list.list->visitZeroReferences();
 }
+
+ZebType PtrInterface::fwkType() const { return {}; }
 
 PtrInterface::~PtrInterface() = default;
 

@@ -24,6 +24,7 @@
 namespace Zeb {
 
 struct NotifieeListPtr;
+class ZebType;
 
 /// Number of an attribute of a type. Those of values begin at 2, those of entities at 258.
 using AttributeId = std::uint32_t;
@@ -73,6 +74,8 @@ public:
    virtual void hasNotificationActiveIs(bool active);
    /// The last reference went. Tells the notifiees.
    virtual void zeroReferencesIs(bool zero);
+   /// Its type in the registry (Zeb/ZebType.h); none unless overridden.
+   virtual ZebType fwkType() const;
    virtual ~PtrInterface();
 
    bool hasNotificationActive() const { return active_; }
