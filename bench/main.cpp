@@ -116,29 +116,37 @@ int run(Options const& options, std::string const& command) {
    for (auto const& each : all) traits.push_back(each->traits());
 
    Figures figures;
-   for (KeyFamily const family : setting.families) {
-      for (u64 const rows : setting.rows) {
-         Workload const load(family, rows, setting.seed);
-         bool const largest = rows == *std::max_element(setting.rows.begin(), setting.rows.end());
-         bool const firstFamily = family == setting.families.front();
-         if (options.single) runSingle(all, load, setting, figures);
-         // One family is enough where memory and cores are asked, not the hash.
-         if (options.busy && firstFamily && setting.otherCore >= 0) runBusy(all, load, setting, figures);
-         if (options.growth && firstFamily && largest) runGrowth(all, load, setting, figures);
-         if (options.restart && firstFamily && largest) runRestart(load, setting, figures);
-      }
+   // A part's tables come as soon as it is done: the whole run takes long.
+   auto const show = [&](std::vector<std::string> const& operations, char const* title) {
+      figures.print(std::cout, traits, operations, title);
+      std::cout.flush();
+      if (!options.json.empty())
+         figures.writeJson(options.json, here, traits, command, loadBefore, loadAverage());
+   };
+   if (options.single) {
+      for (KeyFamily const family : setting.families)
+         for (u64 const rows : setting.rows)
+            runSingle(all, Workload(family, rows, setting.seed), setting, figures);
+      show(singleOperations, "one thread, ns an operation");
    }
-   figures.print(std::cout, traits, singleOperations, "one thread, ns an operation");
-   figures.print(
-       std::cout, traits, busyOperations,
-       "reader beside an idle and a busy writer, ns an operation (processes where possible, else threads)");
-   figures.print(std::cout, traits, otherFigures,
-                 "growing from nothing: longest single insert, and memory a row");
-   figures.print(std::cout, traits, restartFigures, "after a restart, ms for the whole table");
-   if (options.busy && setting.otherCore < 0)
+   // One family is enough where memory and cores are asked, not the hash.
+   KeyFamily const family = setting.families.front();
+   if (options.growth || options.restart) {
+      Workload const largest(family, *std::max_element(setting.rows.begin(), setting.rows.end()),
+                             setting.seed);
+      if (options.growth) runGrowth(all, largest, setting, figures);
+      if (options.restart) runRestart(largest, setting, figures);
+      show(otherFigures, "growing from nothing: longest single insert, and memory a row");
+      show(restartFigures, "after a restart, ms for the whole table");
+   }
+   if (options.busy && setting.otherCore < 0) {
       fmt::print("No second core: nothing measured beside a busy writer.\n");
-   if (!options.json.empty())
-      figures.writeJson(options.json, here, traits, command, loadBefore, loadAverage());
+   } else if (options.busy) {
+      for (u64 const rows : setting.rows)
+         runBusy(all, Workload(family, rows, setting.seed), setting, figures);
+      show(busyOperations, "reader beside an idle and a busy writer, ns an operation (processes where "
+                           "possible, else threads)");
+   }
    return 0;
 }
 
