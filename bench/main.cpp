@@ -23,20 +23,20 @@ struct Options {
    bool quick = false;
    bool smoke = false;
    bool unoptimised = false;
-   bool single = true, busy = true, growth = true, restart = true;
+   bool single = true, busy = true, growth = true, restart = true, layers = true;
 };
 
 void parse(int argc, char** argv, Options& options) {
    CLI::App app{"Flow tables beside their peers: ns an operation on the same rows"};
    allowedCores(options.setting.core, options.setting.otherCore);
-   std::string parts = "single,busy,growth,restart";
+   std::string parts = "single,busy,growth,restart,layers";
    app.add_option("--rows", options.setting.rows, "table sizes")
        ->delimiter(',')
        ->check(CLI::Range(100, 4'000'000));
    app.add_option("--keys", options.keys, "network, random or both")
        ->check(CLI::IsMember({"network", "random", "both"}));
    app.add_option("--only", options.setting.only, "contenders by name")->delimiter(',');
-   app.add_option("--parts", parts, "of single,busy,growth,restart");
+   app.add_option("--parts", parts, "of single,busy,growth,restart,layers");
    app.add_option("--repetitions", options.setting.repetitions,
                   "at 10^6 rows; small sizes get 2 and 4 times as many");
    app.add_option("--seed", options.setting.seed, "of the orders");
@@ -58,6 +58,7 @@ void parse(int argc, char** argv, Options& options) {
    options.busy = wanted("busy");
    options.growth = wanted("growth");
    options.restart = wanted("restart");
+   options.layers = wanted("layers");
    if (options.keys == "network") options.setting.families = {KeyFamily::network};
    if (options.keys == "random") options.setting.families = {KeyFamily::random};
    if (options.quick) options.setting.repetitions = 1, options.setting.busySeconds = 0.5;
@@ -117,11 +118,15 @@ int run(Options const& options, std::string const& command) {
 
    Figures figures;
    // A part's tables come as soon as it is done: the whole run takes long.
-   auto const show = [&](std::vector<std::string> const& operations, char const* title) {
-      figures.print(std::cout, traits, operations, title);
+   auto const showOf = [&](std::vector<Traits> const& lines, std::vector<std::string> const& operations,
+                           char const* title) {
+      figures.print(std::cout, lines, operations, title);
       std::cout.flush();
       if (!options.json.empty())
          figures.writeJson(options.json, here, traits, command, loadBefore, loadAverage());
+   };
+   auto const show = [&](std::vector<std::string> const& operations, char const* title) {
+      showOf(traits, operations, title);
    };
    if (options.single) {
       for (KeyFamily const family : setting.families)
@@ -138,6 +143,11 @@ int run(Options const& options, std::string const& command) {
       if (options.restart) runRestart(largest, setting, figures);
       show(otherFigures, "growing from nothing: longest single insert, and memory a row");
       show(restartFigures, "after a restart, ms for the whole table");
+   }
+   if (options.layers) {
+      for (u64 const rows : setting.rows) runLayers(Workload(family, rows, setting.seed), setting, figures);
+      showOf(layers, layerOperations,
+             "calls through the layers before a table, ns a call; ratios to the bare back end");
    }
    if (options.busy && setting.otherCore < 0) {
       fmt::print("No second core: nothing measured beside a busy writer.\n");
