@@ -5,6 +5,7 @@
 // Exit status: 0 measured and every result was right; 1 a contender gave a wrong result; 2 usage, an
 // unoptimised build, or no memory for the tables.
 #include "core/Runs.h"
+#include "follow/Follow.h"
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
@@ -23,20 +24,20 @@ struct Options {
    bool quick = false;
    bool smoke = false;
    bool unoptimised = false;
-   bool single = true, busy = true, growth = true, restart = true, layers = true;
+   bool single = true, busy = true, growth = true, restart = true, layers = true, follow = true;
 };
 
 void parse(int argc, char** argv, Options& options) {
    CLI::App app{"Flow tables beside their peers: ns an operation on the same rows"};
    allowedCores(options.setting.core, options.setting.otherCore);
-   std::string parts = "single,busy,growth,restart,layers";
+   std::string parts = "single,busy,growth,restart,layers,follow";
    app.add_option("--rows", options.setting.rows, "table sizes")
        ->delimiter(',')
        ->check(CLI::Range(100, 4'000'000));
    app.add_option("--keys", options.keys, "network, random or both")
        ->check(CLI::IsMember({"network", "random", "both"}));
    app.add_option("--only", options.setting.only, "contenders by name")->delimiter(',');
-   app.add_option("--parts", parts, "of single,busy,growth,restart,layers");
+   app.add_option("--parts", parts, "of single,busy,growth,restart,layers,follow");
    app.add_option("--repetitions", options.setting.repetitions,
                   "at 10^6 rows; small sizes get 2 and 4 times as many");
    app.add_option("--seed", options.setting.seed, "of the orders");
@@ -59,13 +60,19 @@ void parse(int argc, char** argv, Options& options) {
    options.growth = wanted("growth");
    options.restart = wanted("restart");
    options.layers = wanted("layers");
+   options.follow = wanted("follow");
    if (options.keys == "network") options.setting.families = {KeyFamily::network};
    if (options.keys == "random") options.setting.families = {KeyFamily::random};
-   if (options.quick) options.setting.repetitions = 1, options.setting.busySeconds = 0.5;
+   if (options.quick) {
+      options.setting.repetitions = 1;
+      options.setting.busySeconds = 0.5;
+      options.setting.wakes = 500;
+   }
    if (options.smoke) {
       options.setting.rows = {1000};
       options.setting.repetitions = 1;
       options.setting.busySeconds = 0.1;
+      options.setting.wakes = 20;
    }
 }
 
@@ -118,15 +125,11 @@ int run(Options const& options, std::string const& command) {
 
    Figures figures;
    // A part's tables come as soon as it is done: the whole run takes long.
-   auto const showOf = [&](std::vector<Traits> const& lines, std::vector<std::string> const& operations,
-                           char const* title) {
-      figures.print(std::cout, lines, operations, title);
+   auto const show = [&](std::vector<std::string> const& operations, char const* title) {
+      figures.print(std::cout, traits, operations, title);
       std::cout.flush();
       if (!options.json.empty())
          figures.writeJson(options.json, here, traits, command, loadBefore, loadAverage());
-   };
-   auto const show = [&](std::vector<std::string> const& operations, char const* title) {
-      showOf(traits, operations, title);
    };
    if (options.single) {
       for (KeyFamily const family : setting.families)
@@ -135,28 +138,35 @@ int run(Options const& options, std::string const& command) {
       show(singleOperations, "one thread, ns an operation");
    }
    // One family is enough where memory and cores are asked, not the hash.
-   KeyFamily const family = setting.families.front();
+   auto const workload = [&](u64 rows) { return Workload(setting.families.front(), rows, setting.seed); };
+   u64 const largest = *std::max_element(setting.rows.begin(), setting.rows.end());
    if (options.growth || options.restart) {
-      Workload const largest(family, *std::max_element(setting.rows.begin(), setting.rows.end()),
-                             setting.seed);
-      if (options.growth) runGrowth(all, largest, setting, figures);
-      if (options.restart) runRestart(largest, setting, figures);
+      Workload const load = workload(largest);
+      if (options.growth) runGrowth(all, load, setting, figures);
+      if (options.restart) runRestart(load, setting, figures);
       show(otherFigures, "growing from nothing: longest single insert, and memory a row");
       show(restartFigures, "after a restart, ms for the whole table");
    }
    if (options.layers) {
-      for (u64 const rows : setting.rows) runLayers(Workload(family, rows, setting.seed), setting, figures);
-      showOf(layers, layerOperations,
-             "calls through the layers before a table, ns a call; ratios to the bare back end");
+      for (u64 const rows : setting.rows) runLayers(workload(rows), setting, figures);
+      figures.print(std::cout, layers, layerOperations,
+                    "calls through the layers before a table, ns a call; ratios to the bare back end");
    }
-   if (options.busy && setting.otherCore < 0) {
-      fmt::print("No second core: nothing measured beside a busy writer.\n");
-   } else if (options.busy) {
-      for (u64 const rows : setting.rows)
-         runBusy(all, Workload(family, rows, setting.seed), setting, figures);
+   if (options.follow) {
+      runWake(workload(*std::min_element(setting.rows.begin(), setting.rows.end())), setting, figures);
+      for (u64 const rows : setting.rows) runChanges(workload(rows), setting, figures);
+      runPauses(workload(largest), setting, figures);
+      printFollow(std::cout, figures);
+   }
+   if (options.busy && setting.otherCore >= 0) {
+      for (u64 const rows : setting.rows) runBusy(all, workload(rows), setting, figures);
       show(busyOperations, "reader beside an idle and a busy writer, ns an operation (processes where "
                            "possible, else threads)");
    }
+   if ((options.busy || options.follow) && setting.otherCore < 0)
+      fmt::print("No second core: nothing measured of a reader or follower beside its writer.\n");
+   if (!options.json.empty())
+      figures.writeJson(options.json, here, traits, command, loadBefore, loadAverage());
    return 0;
 }
 

@@ -16,13 +16,13 @@ void runRestart(Workload const& load, Setting const& setting, Figures& figures) 
    Folder const folder;
    Place const place{folder.path(), load.rows, setting.core};
    {
-      auto const writer = openWriter(place, false);
+      auto const writer = openWriter(place);
       for (Row const& row : load.inserts) writer->write(tableRow(row), true);
       writer->detach(false);
    }
    for (int time = 0; time < std::max(3, setting.repetitions); ++time) {
       auto start = Clock::now();
-      auto const writer = openWriter(place, false);
+      auto const writer = openWriter(place);
       key.operation = "adopt ms";
       figures.add(key, nsSince(start, 1) / 1e6);
       if (writer->members() != load.rows) wrong("hoflow", "a restart lost rows");

@@ -13,7 +13,7 @@ template <unsigned N> constexpr int family = N == 4 ? AF_INET : AF_INET6;
 template <unsigned N> std::optional<Address<N>> Address<N>::fromText(std::string_view text) {
    char buffer[INET6_ADDRSTRLEN];
    if (text.size() >= sizeof(buffer)) return std::nullopt;
-   std::memcpy(buffer, text.data(), text.size());
+   text.copy(buffer, text.size());
    buffer[text.size()] = 0;
    Bytes bytes;
    if (std::strlen(buffer) != text.size() || inet_pton(family<N>, buffer, bytes.data()) != 1)

@@ -77,7 +77,7 @@ public:
    std::size_t offset() const { return at_; }
    /// What lies before `end`, a place in the same string. Good as long as an iterator or the string lives.
    std::string_view upTo(IteratorConst const& end) const {
-      return shared_ ? std::string_view(*shared_).substr(at_, end.at_ - at_) : std::string_view();
+      return shared_ ? std::string_view(*shared_).substr(at_, end.at_ - at_) : std::string_view("");
    }
 
 private:
