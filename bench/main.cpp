@@ -5,6 +5,7 @@
 // Exit status: 0 measured and every result was right; 1 a contender gave a wrong result; 2 usage, an
 // unoptimised build, or no memory for the tables.
 #include "core/Runs.h"
+#include "follow/Follow.h"
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
@@ -23,20 +24,20 @@ struct Options {
    bool quick = false;
    bool smoke = false;
    bool unoptimised = false;
-   bool single = true, busy = true, growth = true, restart = true;
+   bool single = true, busy = true, growth = true, restart = true, follow = true;
 };
 
 void parse(int argc, char** argv, Options& options) {
    CLI::App app{"Flow tables beside their peers: ns an operation on the same rows"};
    allowedCores(options.setting.core, options.setting.otherCore);
-   std::string parts = "single,busy,growth,restart";
+   std::string parts = "single,busy,growth,restart,follow";
    app.add_option("--rows", options.setting.rows, "table sizes")
        ->delimiter(',')
        ->check(CLI::Range(100, 4'000'000));
    app.add_option("--keys", options.keys, "network, random or both")
        ->check(CLI::IsMember({"network", "random", "both"}));
    app.add_option("--only", options.setting.only, "contenders by name")->delimiter(',');
-   app.add_option("--parts", parts, "of single,busy,growth,restart");
+   app.add_option("--parts", parts, "of single,busy,growth,restart,follow");
    app.add_option("--repetitions", options.setting.repetitions,
                   "at 10^6 rows; small sizes get 2 and 4 times as many");
    app.add_option("--seed", options.setting.seed, "of the orders");
@@ -58,13 +59,19 @@ void parse(int argc, char** argv, Options& options) {
    options.busy = wanted("busy");
    options.growth = wanted("growth");
    options.restart = wanted("restart");
+   options.follow = wanted("follow");
    if (options.keys == "network") options.setting.families = {KeyFamily::network};
    if (options.keys == "random") options.setting.families = {KeyFamily::random};
-   if (options.quick) options.setting.repetitions = 1, options.setting.busySeconds = 0.5;
+   if (options.quick) {
+      options.setting.repetitions = 1;
+      options.setting.busySeconds = 0.5;
+      options.setting.wakes = 500;
+   }
    if (options.smoke) {
       options.setting.rows = {1000};
       options.setting.repetitions = 1;
       options.setting.busySeconds = 0.1;
+      options.setting.wakes = 20;
    }
 }
 
@@ -116,27 +123,42 @@ int run(Options const& options, std::string const& command) {
    for (auto const& each : all) traits.push_back(each->traits());
 
    Figures figures;
-   for (KeyFamily const family : setting.families) {
-      for (u64 const rows : setting.rows) {
-         Workload const load(family, rows, setting.seed);
-         bool const largest = rows == *std::max_element(setting.rows.begin(), setting.rows.end());
-         bool const firstFamily = family == setting.families.front();
-         if (options.single) runSingle(all, load, setting, figures);
-         // One family is enough where memory and cores are asked, not the hash.
-         if (options.busy && firstFamily && setting.otherCore >= 0) runBusy(all, load, setting, figures);
-         if (options.growth && firstFamily && largest) runGrowth(all, load, setting, figures);
-         if (options.restart && firstFamily && largest) runRestart(load, setting, figures);
-      }
+   // A part's tables come as soon as it is done: the whole run takes long.
+   auto const show = [&](std::vector<std::string> const& operations, char const* title) {
+      figures.print(std::cout, traits, operations, title);
+      std::cout.flush();
+      if (!options.json.empty())
+         figures.writeJson(options.json, here, traits, command, loadBefore, loadAverage());
+   };
+   if (options.single) {
+      for (KeyFamily const family : setting.families)
+         for (u64 const rows : setting.rows)
+            runSingle(all, Workload(family, rows, setting.seed), setting, figures);
+      show(singleOperations, "one thread, ns an operation");
    }
-   figures.print(std::cout, traits, singleOperations, "one thread, ns an operation");
-   figures.print(
-       std::cout, traits, busyOperations,
-       "reader beside an idle and a busy writer, ns an operation (processes where possible, else threads)");
-   figures.print(std::cout, traits, otherFigures,
-                 "growing from nothing: longest single insert, and memory a row");
-   figures.print(std::cout, traits, restartFigures, "after a restart, ms for the whole table");
-   if (options.busy && setting.otherCore < 0)
-      fmt::print("No second core: nothing measured beside a busy writer.\n");
+   // One family is enough where memory and cores are asked, not the hash.
+   auto const workload = [&](u64 rows) { return Workload(setting.families.front(), rows, setting.seed); };
+   u64 const largest = *std::max_element(setting.rows.begin(), setting.rows.end());
+   if (options.growth || options.restart) {
+      Workload const load = workload(largest);
+      if (options.growth) runGrowth(all, load, setting, figures);
+      if (options.restart) runRestart(load, setting, figures);
+      show(otherFigures, "growing from nothing: longest single insert, and memory a row");
+      show(restartFigures, "after a restart, ms for the whole table");
+   }
+   if (options.follow) {
+      runWake(workload(*std::min_element(setting.rows.begin(), setting.rows.end())), setting, figures);
+      for (u64 const rows : setting.rows) runChanges(workload(rows), setting, figures);
+      runPauses(workload(largest), setting, figures);
+      printFollow(std::cout, figures);
+   }
+   if (options.busy && setting.otherCore >= 0) {
+      for (u64 const rows : setting.rows) runBusy(all, workload(rows), setting, figures);
+      show(busyOperations, "reader beside an idle and a busy writer, ns an operation (processes where "
+                           "possible, else threads)");
+   }
+   if ((options.busy || options.follow) && setting.otherCore < 0)
+      fmt::print("No second core: nothing measured of a reader or follower beside its writer.\n");
    if (!options.json.empty())
       figures.writeJson(options.json, here, traits, command, loadBefore, loadAverage());
    return 0;

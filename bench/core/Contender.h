@@ -240,6 +240,7 @@ private:
 // One a file of peers/; those that this build has are listed by contenders().
 std::unique_ptr<Contender> makeBareLimit();
 std::unique_ptr<Contender> makeHoflow();
+std::unique_ptr<Contender> makeHoflowFixed();
 std::unique_ptr<Contender> makeRteHash();
 std::unique_ptr<Contender> makeLmdb();
 std::unique_ptr<Contender> makeLmdbBatched();

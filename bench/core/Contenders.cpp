@@ -9,6 +9,7 @@ std::vector<std::unique_ptr<Contender>> contenders() {
    std::vector<std::unique_ptr<Contender>> all;
    all.push_back(makeBareLimit());
    all.push_back(makeHoflow());
+   all.push_back(makeHoflowFixed());
 #ifdef BENCH_PEERS
    all.push_back(makeRteHash());
    all.push_back(makeLfht());

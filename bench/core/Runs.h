@@ -15,6 +15,7 @@ struct Setting {
    int core = 0;
    int otherCore = 1;
    double busySeconds = 2; // how long one two-sided measurement lasts at least
+   u64 wakes = 2000;       // changes of one measurement of the wake-up
    bool progress = true;
 };
 

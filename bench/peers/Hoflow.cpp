@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // Our own table: Mirak::MirakWriter and Mirak::MirakReader on shared files in /dev/shm, at their defaults,
 // through the back end interface. It starts with its smallest size and grows inside `write`; removal shrinks
-// the index and, where the table type does that, the slots. Reads go through a reader's own read-only mapping
+// index and slots. The second contender has all its slots from the start and keeps them, as most peers do;
+// its index grows and shrinks all the same. Reads go through a reader's own read-only mapping
 // of the same files, as in another process; the writer's own lookups are not measured.
 //
 // Misleading: descriptor size is the number of rows, so that the slots double up to it and never grow by
@@ -13,15 +14,17 @@
 namespace Bench {
 namespace {
 
-class Hoflow {
+constexpr Traits growing{
+    "hoflow", true, true, true, false, "MirakWriter and MirakReader on files in /dev/shm, no change queue"};
+constexpr Traits fixed{"hoflow (fixed)", false, true, true, false, "all slots made at the start"};
+
+template <bool fixedSize> class Hoflow {
 public:
-   static constexpr Traits traits{
-       "hoflow", true,  true,
-       true,     false, "MirakWriter and MirakReader on files in /dev/shm, no change queue"};
+   static constexpr Traits traits = fixedSize ? fixed : growing;
 
    explicit Hoflow(Place const& place)
       : directory_(place.directory)
-      , table_(openWriter(place)) {}
+      , table_(openWriter(place, fixedSize)) {}
    ~Hoflow() { table_->detach(false); }
    Hoflow(Hoflow const&) = delete;
 
@@ -65,6 +68,7 @@ private:
 
 } // namespace
 
-std::unique_ptr<Contender> makeHoflow() { return std::make_unique<Adapted<Hoflow>>(); }
+std::unique_ptr<Contender> makeHoflow() { return std::make_unique<Adapted<Hoflow<false>>>(); }
+std::unique_ptr<Contender> makeHoflowFixed() { return std::make_unique<Adapted<Hoflow<true>>>(); }
 
 } // namespace Bench

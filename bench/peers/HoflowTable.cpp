@@ -17,10 +17,11 @@ Lomi::Platform::DebugHandler const& handler() {
 
 } // namespace
 
-std::unique_ptr<Table> openWriter(Place const& place) {
+std::unique_ptr<Table> openWriter(Place const& place, bool fixedSize) {
    Mem::RootPath::set(place.directory);
-   auto table = std::make_unique<Mirak::MirakWriter<TableOps>>(
-       handler(), path, Mirak::MapDescriptor(static_cast<Mirak::u32>(place.rows)));
+   Mirak::MapDescriptor descriptor(static_cast<Mirak::u32>(place.rows));
+   descriptor.fixedSize = fixedSize;
+   auto table = std::make_unique<Mirak::MirakWriter<TableOps>>(handler(), path, descriptor);
    if (!table->initialize("bench")) wrong("hoflow", "the writer can't open its table");
    return table;
 }

@@ -30,7 +30,7 @@ inline TableOps::Value const& tableRow(Row const& row) {
 inline TableOps::Value& tableRow(Row& row) { return reinterpret_cast<TableOps::Value&>(row); }
 
 /// A writer on the table under `place`, open. Throws when it can't be opened.
-std::unique_ptr<Table> openWriter(Place const& place);
+std::unique_ptr<Table> openWriter(Place const& place, bool fixedSize = false);
 /// A reader of the same, mapped read-only.
 std::unique_ptr<Table> openReader(Place const& place);
 

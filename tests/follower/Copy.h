@@ -25,11 +25,13 @@ public:
 
    /// @return false while there is no table
    bool attach() {
-      if (!reader_.initialize("test") || !queue_.attach(reader_.kestorId())) return false;
+      if (!attachUnwoken()) return false;
       rusk_.maybeConnect();
       rusk_.processingIs(true);
       return true;
    }
+   /// Without the wake-up: the owner calls walk() when it likes.
+   bool attachUnwoken() { return reader_.initialize("test") && queue_.attach(reader_.kestorId()); }
    void detach() {
       rusk_.detach();
       queue_.detach();

@@ -2,34 +2,41 @@
 // The stress test's writer and reader as two threads of one process, on one and the same mapping: every
 // access of one side that could race with the other's has the same address on both. With the argument "race"
 // the writer also changes a row past Mem/SharedWords.h, as a careless writer would: a race detector must say
-// so, or it sees nothing at all here.
+// so, or it sees nothing at all here. With the argument "queue" the other side follows the change queue.
 //
 // Direct mode is left out: its caller fills a place with plain stores that a late reader may still be
 // copying, and that reader throws its copy away.
+#include "Copy.h"
 #include "TestRoot.h"
 #include "Workload.h"
 
+#include <fstream>
+#include <string_view>
 #include <thread>
 
 using namespace Test::Workload;
+using Test::u32;
+using Test::u64;
 
 namespace {
 
-// A writer's bases stay where they are: it holds the address space for all of its growth.
-char *slotBase = nullptr, *bucketBase = nullptr;
-char* baseOf(std::string const& path) { return path.ends_with("/slots") ? slotBase : bucketBase; }
+// Where the writer has mapped a file. Its bases stay where they are: it holds the address space for all of
+// its growth.
+char* baseOf(std::string const& path) {
+   std::ifstream maps("/proc/self/maps");
+   for (std::string line; std::getline(maps, line);)
+      if (line.ends_with(" " + path) && line.find(" rw-s ") != std::string::npos)
+         return reinterpret_cast<char*>(std::stoull(line, nullptr, 16));
+   return nullptr;
+}
 
-} // namespace
-
-int main(int argc, char**) {
-   constexpr Test::u32 tides = 1000;
-   bool const race = argc > 1;
-   Test::testRoot();
+int readBesideWriter(bool race) {
+   constexpr u32 tides = 1000;
    Shared shared;
    Table table;
-   slotBase = table.slotTable().wrapper().base();
-   bucketBase = table.hashMap().buckets().wrapper().base();
-   Mem::ParcelWrapper::sharedBase = baseOf;
+   std::string const slots = table.slotTable().wrapper().getFilename();
+   std::string const buckets = table.hashMap().buckets().wrapper().getFilename();
+   char* const bases[] = {baseOf(slots), baseOf(buckets)};
    std::thread reading([&] { read(shared, 1, tides); });
    std::atomic<int> highTides{0};
    std::thread ending([&] {
@@ -38,7 +45,7 @@ int main(int argc, char**) {
       };
       // Resizes are there to be followed, and a whole walk follows them.
       wait([&] { return highTides >= 3; });
-      Test::u64 const enough = std::max<Test::u64>(200, shared.walks + 2);
+      u64 const enough = std::max<u64>(200, shared.walks + 2);
       wait([&] { return shared.walks >= enough; });
       shared.stop = true;
    });
@@ -47,14 +54,58 @@ int main(int argc, char**) {
       if (!race) return;
       bool found = false;
       R const* const row = table.lookup(stayingKey(3), found, nullptr);
-      *const_cast<Test::u32 volatile*>(&row->words[1]) = row->words[1];
+      *const_cast<u32 volatile*>(&row->words[1]) = row->words[1];
    });
    reading.join();
    ending.join();
-   if (slotBase != table.slotTable().wrapper().base() ||
-       bucketBase != table.hashMap().buckets().wrapper().base())
+   if (bases[0] != baseOf(slots) || bases[1] != baseOf(buckets))
       shared.complaint.say("a base moved: the reader looked elsewhere");
    fmt::print("{} walks, {} bucket resizes followed. {}\n", shared.walks.load(), shared.bucketResizes.load(),
               shared.complaint.text);
    return shared.complaint.count != 0 || shared.bucketResizes == 0;
+}
+
+int followBesideWriter() {
+   using Followed = Test::Row<7, true>;
+   Mirak::MirakWriter<Test::OpsOf<Followed>> writer(Test::quiet(), "followed", Mirak::MapDescriptor(500));
+   writer.initialize("test");
+   std::atomic<bool> done{false};
+   std::atomic<u64> walks{0}, moved{0};
+   std::string difference = "the follower did not begin";
+   std::thread following([&] {
+      Test::Copy<Followed> copy("followed");
+      while (!copy.attachUnwoken()) Test::pause(0.001);
+      for (bool last = false; !last; ++walks) {
+         last = done;
+         while (copy.walk() == Rusk::Walked::more) {
+         }
+         moved = copy.moved;
+      }
+      difference = copy.difference();
+   });
+   // The rows that stay are others each time, so that compactions have to move them.
+   u32 generation = 0;
+   Followed removed;
+   auto const key = [](u32 i) { return Test::Key{i * 0x9e3779b1u, i}; };
+   for (u32 tide = 0; tide < 40 || moved == 0; ++tide) {
+      for (u32 i = 0; i < 600; ++i) writer.write(Followed::make(key(i), ++generation), true);
+      u32 const from = tide % 2 ? 0 : 580;
+      for (u32 i = 0; i < 600; ++i)
+         if (i - from >= 20) writer.remove(key(i), removed);
+   }
+   done = true;
+   following.join();
+   auto const counters = writer.writerCounters();
+   fmt::print("{} walks, {} turns, {} moves, {} met by the follower. {}\n", walks.load(), counters.queueTurns,
+              counters.slotsMoved, moved.load(), difference);
+   return !difference.empty() || counters.queueTurns == 0;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+   std::string_view const mode = argc > 1 ? argv[1] : "";
+   Test::testRoot();
+   Mem::ParcelWrapper::sharedBase = baseOf;
+   return mode == "queue" ? followBesideWriter() : readBesideWriter(mode == "race");
 }

@@ -9,6 +9,7 @@
 #include <random>
 
 #include <sys/mount.h>
+#include <sys/resource.h>
 
 namespace Test {
 namespace {
@@ -396,6 +397,42 @@ TEST_F(FullFileSystem, BucketsCantGrow) {
    }
    EXPECT_EQ(writer->capacity(), 256u);
    refusedAndThenFormatted<R>(std::move(writer), content);
+}
+
+// The signal that the kernel sends to whoever writes beyond it would end an agent.
+TEST(WriterDeath, ALimitOnFileSizesIsAnError) {
+   auto const fill = [] {
+      rlimit const limit{65536, 65536};
+      setrlimit(RLIMIT_FSIZE, &limit);
+      auto writer = open<R>("limited", Mirak::MapDescriptor(100000));
+      try {
+         for (u32 i = 0; i < 100000; ++i) writer->write(R::make({i, i}, 1), true);
+      } catch (Lomi::MemoryResourceException const& e) {
+         fmt::print(stderr, "{}", e.what());
+         _exit(7);
+      }
+   };
+   EXPECT_EXIT(fill(), testing::ExitedWithCode(7), "failed to resize .* File too large");
+}
+
+// A stray store in this process made a chain lead back. A walk must not go on for ever.
+TEST(Operations, AWalkEndsOnLinksThatLeadBack) {
+   auto writer = open<R>("loop", localOf(100));
+   for (u32 i = 0; i < 3; ++i) writer->write(R::make({i * 0x100u, i}, 1), true);
+   R row;
+   Mirak::IterHint hint;
+   u32 walked = 0, last = 0;
+   for (bool more = writer->first(row, hint); more && ++walked < 3; more = writer->next(row.key(), row, hint))
+      last = hint.slot;
+   ASSERT_EQ(walked, 3u);
+   publishLink(writer->slotTable().slot(hint.slot).link, last);
+   u32 steps = 0;
+   auto const walk = [&] {
+      for (bool more = writer->first(row, hint); more && ++steps < 100;)
+         more = writer->next(row.key(), row, hint);
+   };
+   EXPECT_THROW(walk(), Lomi::CorruptionDetectedException);
+   EXPECT_EQ(steps, 3u);
 }
 
 } // namespace

@@ -21,6 +21,13 @@ extern HOFLOW_EXPORT Zeb::Module const _FlowTable_b9c42498_zebModule;
 extern HOFLOW_EXPORT Zeb::Module const _TrafficDirection_9bb1a0a1_zebModule;
 extern HOFLOW_EXPORT Zeb::Module const _FlowTrackingCairnTypes_28a9bdff_zebModule;
 
+namespace FlowTracking {
+class HoFlowConfig;
+class HoFlowStatus;
+class HoFlowCounter;
+class HosStateCounter;
+} // namespace FlowTracking
+
 namespace Zeb {
 
 template <> inline constexpr ZebType typeOf<FlowTracking::IpFlowKey>{&_FlowTable_b9c42498_zebModule, 0};
@@ -50,5 +57,13 @@ template <>
 inline constexpr ZebType typeOf<FlowTracking::HoIpFlowCounter>{&_HoFlowStatus_b4e443f4_zebModule, 6};
 template <>
 inline constexpr ZebType typeOf<FlowTracking::HoIp6FlowCounter>{&_HoFlowStatus_b4e443f4_zebModule, 7};
+
+// The entities.
+template <> inline constexpr ZebType typeOf<FlowTracking::HoFlowConfig>{&_HoFlowConfig_d7c62409_zebModule, 2};
+template <> inline constexpr ZebType typeOf<FlowTracking::HoFlowStatus>{&_HoFlowStatus_b4e443f4_zebModule, 2};
+template <>
+inline constexpr ZebType typeOf<FlowTracking::HosStateCounter>{&_HoFlowStatus_b4e443f4_zebModule, 5};
+template <>
+inline constexpr ZebType typeOf<FlowTracking::HoFlowCounter>{&_HoFlowStatus_b4e443f4_zebModule, 8};
 
 } // namespace Zeb

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -56,6 +57,13 @@ Outcome checkRegular(int fd) {
    return S_ISREG(status.st_mode) ? Outcome{} : Outcome{EINVAL};
 }
 
+// Beyond the process's limit on file sizes the kernel would send a signal that ends the process.
+Outcome withinLimit(u64 end) {
+   struct rlimit limit {};
+   if (::getrlimit(RLIMIT_FSIZE, &limit) != 0 || end <= limit.rlim_cur) return {};
+   return {EFBIG};
+}
+
 // O_NONBLOCK: opening a pipe must not wait. It means nothing for regular files.
 constexpr int writerFlags = O_RDWR | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK;
 
@@ -95,6 +103,7 @@ Outcome makeDirectory(int parent, char const* name, [[maybe_unused]] std::string
 }
 
 Outcome allocate(int fd, [[maybe_unused]] std::string const& path, u64 offset, u64 length) {
+   if (Outcome const allowed = withinLimit(offset + length); !allowed) return allowed;
    ANNOUNCE(.kind = Seam::FileCall::Kind::allocate, .path = path, .offset = offset, .length = length);
    return inPieces(fd, 0, offset, length);
 }
@@ -110,6 +119,7 @@ Outcome punch(int fd, [[maybe_unused]] std::string const& path, u64 offset, u64 
 }
 
 Outcome write(int fd, [[maybe_unused]] std::string const& path, u64 offset, void const* bytes, u64 length) {
+   if (Outcome const allowed = withinLimit(offset + length); !allowed) return allowed;
    ANNOUNCE(.kind = Seam::FileCall::Kind::write, .path = path, .offset = offset, .length = length,
             .bytes = bytes);
    auto const* from = static_cast<char const*>(bytes);

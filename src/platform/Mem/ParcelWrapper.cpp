@@ -322,8 +322,17 @@ bool ParcelWrapper::reserve(u64 size, u64 coming) {
    u64 const reserved = reserved_;
    if (!reserveBlocks(size)) return false;
    keepFromRelease(size);
-   if (size > reserved && area_ && mapUpTo(roundUpToPage(size)))
-      populate(reserved / pageSize_ * pageSize_, roundUpToPage(size));
+   u64 const extent = roundUpToPage(size);
+   if (!area_) return extent <= extent_ || addressesFor(extent);
+   if (size > reserved && mapUpTo(extent)) populate(reserved / pageSize_ * pageSize_, extent);
+   return true;
+}
+
+// The mapping will move when it grows, and can't move now: somebody holds pointers into it.
+bool ParcelWrapper::addressesFor(u64 extent) {
+   void* const place = ::mmap(nullptr, extent, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+   if (place == MAP_FAILED) return fail("find addresses for", extent, errnoText());
+   ::munmap(place, extent);
    return true;
 }
 

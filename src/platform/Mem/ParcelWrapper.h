@@ -110,6 +110,7 @@ private:
    bool openForWriting();
    char* moveReader(u64 extent);
    bool reserveBlocks(u64 size);
+   bool addressesFor(u64 extent);
    void cutBackTo(u64 length);
    void keepFromRelease(u64 size);
    bool mapUpTo(u64 extent);

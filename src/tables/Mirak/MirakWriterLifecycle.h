@@ -192,22 +192,19 @@ bool MirakWriter<Ops>::validate(Parcel::KestorId kestor, std::string& error, boo
       return false;
    }
    bool sound = false;
-   {
+   auto const caught = [&](char const* text) {
+      LOMI_TRACE(debugHandler_, 0, "MirakWriter", "caught: {}", text);
+      error = text;
+   };
+   try {
       Validator<Ops, MirakWriter> validator(debugHandler_, *this);
-      map_.validatorIs(&validator);
-      auto caught = [&](char const* text) {
-         LOMI_TRACE(debugHandler_, 0, "MirakWriter", "caught: {}", text);
-         error = text;
-      };
-      try {
-         sound = validator.doValidate(kestor);
-         error = validator.error();
-      } catch (Lomi::CorruptionDetectedException const& e) {
-         caught(e.what());
-      } catch (Lomi::MemoryResourceException const& e) {
-         caught(e.what());
-      }
-      map_.validatorIs(nullptr);
+      typename HashMap::Marking const marking(map_, validator);
+      sound = validator.doValidate(kestor);
+      error = validator.error();
+   } catch (Lomi::CorruptionDetectedException const& e) {
+      caught(e.what());
+   } catch (Lomi::MemoryResourceException const& e) {
+      caught(e.what());
    }
    if (!sound)
       LOMI_TRACE(debugHandler_, 0, "MirakWriter", "Mirak {} validation failed: {}", rootPath_.str(), error);

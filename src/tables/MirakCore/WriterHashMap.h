@@ -67,7 +67,20 @@ public:
       shrinkThreshold_ = buckets_.numBuckets() / 4;
       forgetCuts();
    }
-   void validatorIs(Validator* validator) { validator_ = validator; }
+   /// While one exists, walks check each row fully and mark it in the validator.
+   class Marking {
+   public:
+      Marking(WriterHashMap& map, Validator& validator)
+         : map_(map) {
+         map_.validator_ = &validator;
+      }
+      ~Marking() { map_.validator_ = nullptr; }
+      Marking(Marking const&) = delete;
+      Marking& operator=(Marking const&) = delete;
+
+   private:
+      WriterHashMap& map_;
+   };
    u32 bucketOf(u32 hash) const { return hash & (buckets_.numBuckets() - 1); }
 
    /// Finds a key's place in its chain; changes nothing.
@@ -303,7 +316,13 @@ template <class Ops> bool WriterHashMap<Ops>::next(Key const& after, Value& valu
          if (!(word & SlotFlags::occupied)) corrupt("slotId: {} not marked as occupied", index);
          u32 const hash = ops_.hash(keyOf(slot));
          if (bucketOf(hash) != hint.bucket) corrupt("corrupt key detected, slotId: {}", index);
-         if (validator_) checkRhash(index, Mem::loadShared(slot.rhash), hash, false);
+         u32 const rhash = Mem::loadShared(slot.rhash);
+         u32 const before = Mem::loadShared(from.rhash);
+         // Links that lead back would be walked for ever. The slow path counts its steps; a validator knows
+         // the rows that it has seen.
+         if (!validator_ && (rhash < before || (rhash == before && !(key < keyOf(slot))))) [[unlikely]]
+            return nextSlow(key, value, hint);
+         if (validator_) checkRhash(index, rhash, hash, false);
          take(slot, value);
          lookAhead().prefetchBehind(slot.link);
          hint.version = word;
