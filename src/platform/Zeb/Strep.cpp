@@ -45,8 +45,11 @@ void rethrowFromDeserializeAttr(RangeException const& exception, char const* att
 
 String valueToStrep(Seconds seconds) {
    if (std::isnan(seconds)) return "nan"; // whatever its sign and its other bits
-   char text[32];
-   auto const end = std::to_chars(text, text + sizeof text, seconds);
+   double const size = std::abs(seconds);
+   bool const withoutExponent = size == 0 || (size >= 1e-6 && size < 1e18);
+   char text[40];
+   auto const end = std::to_chars(text, text + sizeof text, seconds,
+                                  withoutExponent ? std::chars_format::fixed : std::chars_format::scientific);
    return std::string_view(text, end.ptr);
 }
 

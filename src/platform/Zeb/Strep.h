@@ -33,8 +33,8 @@ namespace Zeb {
 // --- printing of numbers, times and texts ---
 
 template <std::unsigned_integral N> String valueToStrep(N number) { return std::to_string(number); }
-/// The shortest decimal number that reads back as the same time; "inf", "-inf", and "nan" for each that is no
-/// number.
+/// The fewest digits that read back as the same time, with an exponent only for what is very large or very
+/// small; "inf", "-inf", and "nan" for each that is no number.
 HOFLOW_EXPORT String valueToStrep(Seconds seconds);
 /// 'text', with \ before quotes and backslashes, and \x and two hexadecimal digits for what is no printable
 /// ASCII.
