@@ -165,8 +165,7 @@ public:
 
 private:
    static constexpr u32 sliceEntries = 4096; // of a turn, between two looks at the clock
-   static constexpr double sliceSeconds =
-       0.005; // the table's own slices last 10 ms, and a turn may come at their end
+   static constexpr double sliceSeconds = 0.004; // a turn may come at the end of a slice of the table's own
 
    struct Found;
    bool adopt(Parcel::KestorId kestor, Found const& found);

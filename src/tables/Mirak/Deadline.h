@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// The clock of a long operation on one table: lets the process's critical tasks run every 10 ms in the middle
-// of it, and says how long it took. Those tasks must leave the table alone.
+// The clock of a long operation on one table: lets the process's critical tasks run in the middle of it, and
+// says how long it took. Those tasks must leave the table alone. They shall not wait for more than 10 ms; a
+// step of the loop, or the first slice of a queue's turn, may come at the end of what is measured here.
 #pragma once
 
 #include "Lomi/TaskSchedulerRoot.h"
@@ -27,8 +28,9 @@ public:
 
 private:
    void renew() {
-      if (enabled_) at_ = Lomi::Rdtsc::now() + static_cast<Mem::u64>(0.01 * Lomi::Rdtsc::calibrationRate());
+      if (enabled_) at_ = Lomi::Rdtsc::now() + static_cast<Mem::u64>(seconds * Lomi::Rdtsc::calibrationRate());
    }
+   static constexpr double seconds = 0.005;
    bool const enabled_;
    double const begin_;
    Mem::u64 at_ = 0;

@@ -24,6 +24,7 @@
 #include "Mem/VersionMismatchException.h"
 #include "Mem/WriterLock.h"
 #include "Mirak/Deadline.h"
+#include "Mirak/FreeLinks.h"
 #include "Mirak/MirakInterface.h"
 #include "Mirak/SlotWriter.h"
 #include "Mirak/Util.h"
@@ -167,7 +168,9 @@ private:
    [[gnu::cold, gnu::noinline]] void growBuckets();
    [[gnu::cold, gnu::noinline]] void shrinkBuckets();
    [[gnu::cold, gnu::noinline]] void doMaybeShrinkSlots(u32 threshold);
-   void purgeFreeSlots(u32 numSlots, Deadline& deadline);
+   static constexpr u32 approached = 128; ///< slots of which a compaction fetches the chains at a time
+   void approach(u32 from, u32 end) const;
+   void purgeFreeSlots(u32 numSlots, FreeLinks<Slot>& links, Deadline& deadline);
    void move(u32 fromSlotId, u32 toSlotId, SlotLink& prev);
    [[gnu::cold, gnu::noinline]] void refuseBusy(char const* what, std::string const& subject) const;
    [[gnu::cold, gnu::noinline]] void refuseUnbalanced(char const* what, std::string const& subject) const;

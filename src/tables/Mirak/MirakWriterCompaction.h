@@ -54,10 +54,13 @@ template <class Ops> void MirakWriter<Ops>::doMaybeShrinkSlots(u32 threshold) {
               threshold > newNumSlots ? " SUPER SHRINK!" : "");
    Deadline deadline(criticalTaskCheck_);
    map_.forgetCuts();
-   purgeFreeSlots(newNumSlots, deadline);
+   FreeLinks<Slot> links(&slots_.slot(0), capacity, deadline);
+   purgeFreeSlots(newNumSlots, links, deadline);
    if constexpr (Ops::hasChangeQueue) queue_.tesselWriter.markShrinkStart();
    u32 moved = 0;
+   links.startAt(Mem::loadShared(slots_.header().freeSlots), newNumSlots, true);
    for (u32 from = newNumSlots; from < capacity; ++from, deadline.check()) {
+      if ((from - newNumSlots) % approached == 0) approach(from, std::min(capacity, from + approached));
       Slot& slot = slots_.slot(from);
       if (!(Mem::loadShared(slot.versionFlags) & SlotFlags::occupied)) {
          LOMI_TRACE(debugHandler_, 9, "MirakWriter", "skipping not occupied slot:{}", from);
@@ -68,6 +71,7 @@ template <class Ops> void MirakWriter<Ops>::doMaybeShrinkSlots(u32 threshold) {
       LOMI_ASSERT(place.found, debugHandler_, "fromSlot:{} key not found", from);
       LOMI_ASSERT(place.prev && place.curr == &slot.link, debugHandler_, "fromSlot:{} not referenced", from);
       move(from, Mem::loadShared(slots_.header().freeSlots), *place.prev);
+      links.advance();
       ++moved;
    }
    if constexpr (Ops::hasChangeQueue) queue_.tesselWriter.markShrinkEnd();
@@ -84,8 +88,25 @@ template <class Ops> void MirakWriter<Ops>::doMaybeShrinkSlots(u32 threshold) {
    counters_.slotsMoved += moved;
 }
 
+/// Asks for all that leads to the rows in the slots from `from` to `end` - 1, which will move: their chains'
+/// heads, and the first two slots of each.
+template <class Ops> void MirakWriter<Ops>::approach(u32 from, u32 end) const {
+   SlotLink const* heads[approached];
+   u32 rows = 0;
+   for (u32 index = from; index < end; ++index) {
+      Slot const& slot = slots_.slot(index);
+      heads[rows] = &map_.buckets()[map_.bucketOf(Lomi::Util::reverse(Mem::loadShared(slot.rhash)))];
+      rows += Mem::loadShared(slot.versionFlags) & SlotFlags::occupied ? 1 : 0;
+   }
+   MirakCore::LookAhead<Slot> const ahead(&slots_.slot(0), slots_.capacity());
+   for (u32 n = 0; n < rows; ++n) Mem::prefetchShared(heads[n]);
+   for (u32 n = 0; n < rows; ++n) ahead.prefetchBehind(*heads[n]);
+   for (u32 n = 0; n < rows; ++n) ahead.prefetchBehind(ahead.behind(*heads[n]).link);
+}
+
 /// Takes the slots from `numSlots` on off the free list; the others stay in their order.
-template <class Ops> void MirakWriter<Ops>::purgeFreeSlots(u32 numSlots, Deadline& deadline) {
+template <class Ops>
+void MirakWriter<Ops>::purgeFreeSlots(u32 numSlots, FreeLinks<Slot>& links, Deadline& deadline) {
    u32 const stored = Mem::loadPair(slots_.header().numSlots).value;
    LOMI_ASSERT(numSlots < slots_.capacity(), debugHandler_, "bad threshold: {} numSlots:{}", numSlots,
                slots_.capacity());
@@ -93,18 +114,23 @@ template <class Ops> void MirakWriter<Ops>::purgeFreeSlots(u32 numSlots, Deadlin
    LOMI_ASSERT(index != noSlot, debugHandler_, "{}", "free-list is empty");
    u32 const occupied = slots_.occupiedSlots();
    u32 free = 0;
+   links.startAt(index, numSlots, false);
    // The bound ends a list that runs in a circle.
    for (u32 prev = noSlot; index != noSlot && free <= stored; ++free, deadline.check()) {
-      Slot& slot = slots_.slot(index);
-      u32 const next = Mem::loadPair(slot.link).next;
+      if (index >= slots_.capacity()) [[unlikely]]
+         slots_.slot(index); // throws
+      u32 const next = links.next(index);
+      links.advance();
       if (index < numSlots) {
          prev = index;
       } else {
          LOMI_TRACE(debugHandler_, 7, "MirakWriter", "removing slot id {} from free-list", index);
-         if (prev != noSlot)
+         if (prev != noSlot) {
             publishLink(slots_.slot(prev).link, next); // SYNC(chain-link) store
-         else
+            links.nextIs(prev, next);
+         } else {
             Mem::storeShared(slots_.header().freeSlots, next);
+         }
       }
       index = next;
    }
