@@ -8,9 +8,10 @@
 // each other.
 #include "Capture.h"
 #include "Lomi/Exception.h"
+#include "Lomi/TaskSchedulerRoot.h"
 #include "Mem/Paths.h"
 #include "Report.h"
-#include "TableStore.h"
+#include "Tables.h"
 #include "Track.h"
 
 #include <CLI/CLI.hpp>
@@ -62,7 +63,9 @@ packet. IPv4 and IPv6 flows go into two tables
    flowtracking/TYPE/hwOffload/counter/NAME/hoIpFlowCounter
    flowtracking/TYPE/hwOffload/counter/NAME/hoIp6FlowCounter
 below the root. Other programs may read them at any time, also while they are
-written; `hoflow dump TABLE` shows the rows.)";
+written; `hoflow dump TABLE` shows the rows. How many flows there are is kept in
+   flowtracking/TYPE/hwOffload/counter/status/hosStateIpCounter
+   flowtracking/TYPE/hwOffload/counter/status/hosStateIp6Counter)";
 
 constexpr char const* epilogue =
     R"(What is counted:
@@ -180,16 +183,11 @@ void explain(Tracker::Capture const& capture, Tracker::Figures const& figures) {
                "; start it again with the same capture to count the rest");
 }
 
-struct Tables {
-   Tracker::Ip4Store ip4;
-   Tracker::Ip6Store ip6;
-};
-
-/// Opens both tables, and says if one comes back without the rows that it had.
-std::unique_ptr<Tables> openTables(Tracker::Figures const& figures) {
-   std::unique_ptr<Tables> tables;
+/// Opens the tables, and says if one comes back without the rows that it had.
+std::unique_ptr<Tracker::Tables> openTables(Options const& options, Tracker::Figures const& figures) {
+   std::unique_ptr<Tracker::Tables> tables;
    try {
-      tables.reset(new Tables{Tracker::Ip4Store(figures.ip4.table), Tracker::Ip6Store(figures.ip6.table)});
+      tables = std::make_unique<Tracker::Tables>(options.type, options.name);
    } catch (Lomi::MemoryResourceException const&) {
       throw;
    } catch (Lomi::Exception const& e) {
@@ -201,8 +199,10 @@ std::unique_ptr<Tables> openTables(Tracker::Figures const& figures) {
       if (!why.empty())
          complain(table + ": what is there can't be taken over (" + why + "); emptied, to be counted anew");
    };
-   explainLoss(figures.ip4.table, tables->ip4.lost());
-   explainLoss(figures.ip6.table, tables->ip6.lost());
+   explainLoss(figures.ip4.table, tables->lost4());
+   explainLoss(figures.ip6.table, tables->lost6());
+   if (!tables->statesRefused().empty())
+      complain("the counts by state are not kept: " + tables->statesRefused());
    return tables;
 }
 
@@ -231,20 +231,25 @@ int run(Options const& options) {
    Tracker::Figures figures;
    figures.capture = options.capture;
    figures.root = Mem::RootPath::get();
-   std::string const mount = "flowtracking/" + options.type + "/hwOffload/counter/" + options.name;
+   std::string const mount = FlowTracking::HoFlowCounter::mountPath(options.type, options.name);
    figures.ip4.table = mount + "/hoIpFlowCounter";
    figures.ip6.table = mount + "/hoIp6FlowCounter";
-   std::unique_ptr<Tables> const tables = capture.linkLayer() ? openTables(figures) : nullptr;
+   auto const tables = capture.linkLayer() ? openTables(options, figures) : nullptr;
 
    auto const start = std::chrono::steady_clock::now();
    if (tables) {
       Tracker::ProgressBar bar("counting");
       Pace const pace(options.pace);
       Tracker::track(capture, tables->ip4, tables->ip6, figures, [&](std::uint64_t packets) {
+         if (packets % 4096 == 0) {
+            tables->countStates();
+            Lomi::TaskSchedulerRoot::root().dispatch(); // the tables' sentries
+         }
          if (packets % 4096 == 0 || options.pace > 0) bar.show(capture.progress(), packets);
          pace.hold(packets);
          return !stopped;
       });
+      tables->countStates();
    } else {
       skip(capture, figures);
    }

@@ -26,6 +26,8 @@ extern std::vector<std::string> const singleOperations; // hit miss insert overw
 extern std::vector<std::string> const busyOperations;
 extern std::vector<std::string> const otherFigures;   // longest insert, bytes a row
 extern std::vector<std::string> const restartFigures; // adopt and attach, ms
+extern std::vector<std::string> const layerOperations;
+extern std::vector<Traits> const layers; // in the place of contenders
 
 /// One thread: every operation of every contender, contenders taking turns within each repetition.
 void runSingle(Contenders& all, Workload const& load, Setting const& setting, Figures& figures);
@@ -38,5 +40,8 @@ void runGrowth(Contenders& all, Workload const& load, Setting const& setting, Fi
 
 /// Our own table only: adopting and validating its files after a restart, and a reader's first attach.
 void runRestart(Workload const& load, Setting const& setting, Figures& figures);
+
+/// Our own table only: the same calls to the back end, the front object and the entity.
+void runLayers(Workload const& load, Setting const& setting, Figures& figures);
 
 } // namespace Bench

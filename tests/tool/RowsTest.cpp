@@ -193,7 +193,13 @@ TEST_F(Rows, BadWordsAreNamed) {
        {with("proto=tpc"), "expects a protocol"},
        {with("vlan=-1"), "vlanId expects a number from 0 to 65535"},
        {with("colour=red"), "no field \"colour\""},
-       {with("packets=5"), "no field \"packets\""},
+       {with("packets=5"), "lacks dstAddr"},
+       {{"get", counterName, "colour=red"}, "they have: vrfId vlanId srcAddr"},
+       {{"get", counterName, "vlan=42", "packets>x"}, "\"packets>x\": packets expects a number"},
+       {{"get", counterName}, "takes a key or tests"},
+       {{"dump", counterName, "direction=up"}, "unspecified, ingress, egress"},
+       {{"dump", counterName, "--strep", "-j"}, "exclude each other"},
+       {{"schema", "HoIpFlowCount"}, "FlowTracking::HoIpFlowCounter"},
        {with("hello"), "\"hello\" says nothing about a key"},
        {with("{\"dstAddr\":"), "expected a JSON object"},
        {{"dump", counterName, "-w", "packets>x"}, "\"packets>x\": packets expects a number"},
@@ -237,6 +243,21 @@ TEST_F(Rows, Filters) {
    EXPECT_EQ(run({"dump", counterName, "-w", "packets=0"}).status, 1);
    EXPECT_EQ(run({"dump", counter6Name, "-w", "src=2001:db8::/127"}).status, 0);
    EXPECT_EQ(run({"dump", counter6Name, "-w", "src=2001:db8::/128"}).status, 1);
+   // The same tests as plain words, and for get.
+   std::vector<std::string> const tests{"srcPort=1000", "packets>2990", "src=10.0.0.0/8", "proto=tcp"};
+   auto dump = std::vector<std::string>{"dump", "-j", counterName}, get = dump;
+   get[0] = "get";
+   dump.insert(dump.end(), tests.begin(), tests.end());
+   get.insert(get.end(), tests.begin(), tests.end());
+   EXPECT_EQ(run(dump).objects().size(), 5u);
+   EXPECT_EQ(run(get).out, run(dump).out);
+   EXPECT_EQ(run({"get", counterName, "sport=999"}).status, 1);
+   std::vector<std::string> const key{"get", counterName, "tcp", "10.1.0.1:1000", "10.2.0.1:443", "-j"};
+   auto passing = key, failing = key;
+   passing.push_back("packets<3");
+   failing.insert(failing.end(), {"-w", "packets>=3"});
+   EXPECT_EQ(run(passing).out, run(key).out);
+   EXPECT_EQ(run(failing).status, 1);
 }
 
 TEST_F(Rows, Columns) {
@@ -298,7 +319,8 @@ TEST_F(Rows, HelpTeaches) {
    EXPECT_EQ(alone.status, 0);
    EXPECT_NE(alone.out.find(counterName), std::string::npos);
    EXPECT_EQ(hoflow({}, {.environment = {"HOFLOW_ROOT=/nowhere"}}).status, 0);
-   for (char const* command : {"list", "show", "header", "get", "dump", "count", "check", "stat"}) {
+   for (char const* command :
+        {"list", "show", "header", "get", "dump", "load", "count", "check", "stat", "types", "schema"}) {
       auto const help = run({command, "--help"});
       EXPECT_EQ(help.status, 0);
       EXPECT_NE(help.out.find(std::string("  hoflow ") + command), std::string::npos) << help.out;

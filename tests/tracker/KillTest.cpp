@@ -12,7 +12,7 @@
 #include "Mem/Seam.h"
 #include "MemoryStore.h"
 #include "Packets.h"
-#include "TableStore.h"
+#include "Tables.h"
 #include "Track.h"
 
 #include <gtest/gtest.h>
@@ -92,9 +92,8 @@ protected:
       pid_t const child = fork();
       if (child == 0) {
          Death const death(at);
-         Ip4Store table4("kill/ip4");
-         Ip6Store table6("kill/ip6");
-         count(path_, table4, table6);
+         Tables tables("kill", "test");
+         count(path_, tables.ip4, tables.ip6);
          _exit(0);
       }
       int status = 0;
@@ -105,11 +104,10 @@ protected:
 
    /// A whole run that nobody kills; then the tables must be right.
    Figures endsRight() {
-      Ip4Store table4("kill/ip4");
-      Ip6Store table6("kill/ip6");
-      Figures const figures = count(path_, table4, table6);
-      EXPECT_TRUE(rowsIn(table4) == wanted4_.content());
-      EXPECT_TRUE(rowsIn(table6) == wanted6_.content());
+      Tables tables("kill", "test");
+      Figures const figures = count(path_, tables.ip4, tables.ip6);
+      EXPECT_TRUE(rowsIn(tables.ip4) == wanted4_.content());
+      EXPECT_TRUE(rowsIn(tables.ip6) == wanted6_.content());
       return figures;
    }
 
@@ -158,9 +156,8 @@ TEST_F(Kill, WhileForeignRowsAreRemoved) {
    for (std::uint64_t at = 0;; at += step) {
       freshRoot();
       {
-         Ip4Store table4("kill/ip4");
-         Ip6Store table6("kill/ip6");
-         count(otherPath, table4, table6);
+         Tables tables("kill", "test");
+         count(otherPath, tables.ip4, tables.ip6);
       }
       bool const died = dies(at);
       Figures const figures = endsRight();

@@ -2,10 +2,18 @@
 // Texts, JSON and parsing of single values. See Cell.h.
 #include "Cell.h"
 
+#include "FlowTracking/Types.h"
+#include "Json.h"
+#include "Lomi/Exception.h"
+
+#include <algorithm>
 #include <charconv>
 #include <cmath>
+#include <cstring>
 #include <ctime>
 #include <iterator>
+#include <limits>
+#include <vector>
 
 namespace Tool {
 
@@ -168,6 +176,60 @@ bool parseDirection(std::string_view text, TrafficDirection& direction) {
    return true;
 }
 
+template <class T> constexpr CellType shown(Kind kind, Zeb::ZebType type = Zeb::typeOf<T>) {
+   uint64_t max = 0;
+   if constexpr (std::is_integral_v<T>) max = std::numeric_limits<T>::max();
+   auto const read = [](void const* value) -> Cell {
+      T copy;
+      std::memcpy(static_cast<void*>(&copy), value, sizeof copy);
+      if constexpr (std::is_integral_v<T>)
+         return uint64_t{copy};
+      else
+         return copy;
+   };
+   auto const assign = [](Cell const& cell, void* to) {
+      if constexpr (std::is_integral_v<T>)
+         *static_cast<T*>(to) = static_cast<T>(std::get<uint64_t>(cell));
+      else
+         *static_cast<T*>(to) = std::get<T>(cell);
+   };
+   return {type, kind, max, read, assign};
+}
+
+constexpr CellType shownTypes[] = {
+    shown<std::uint8_t>(Kind::number),
+    shown<std::uint16_t>(Kind::number),
+    shown<Ovie::VlanId>(Kind::number, Ovie::typeVlanId),
+    shown<std::uint32_t>(Kind::number),
+    shown<uint64_t>(Kind::number),
+    shown<Zeb::Seconds>(Kind::time),
+    shown<Ip::IpAddr>(Kind::address4),
+    shown<Ip::Ip6Addr>(Kind::address6),
+    shown<Ip::Protocol>(Kind::protocol),
+    shown<TrafficDirection>(Kind::direction),
+    shown<HoFlowState>(Kind::state),
+    shown<Nimbet::IntfId>(Kind::interface),
+    shown<Nimbet::EthAddr>(Kind::ethernet),
+    shown<Ovie::VlanTag>(Kind::vlanTag),
+};
+
+/// The text form of a value that its type's parser accepts.
+bool parseOther(Zeb::ZebType type, std::string_view text, Cell& cell) {
+   Zeb::String const strep(text);
+   Zeb::ValueMethods const& values = *type.info().implementation.values;
+   std::vector<std::max_align_t> memory(type.info().size / sizeof(std::max_align_t) + 1);
+   values.genericIfConstruct(memory.data(), nullptr);
+   bool good = true;
+   try {
+      values.genericIfStrepToValue(memory.data(), strep, type);
+   } catch (Lomi::Exception const&) {
+      good = false;
+   }
+   values.genericIfDestruct(memory.data());
+   cell = strep;
+   return good;
+}
+
 template <class T, class Parsed> bool take(Parsed const& parsed, Cell& cell) {
    if (!parsed) return false;
    cell = T(*parsed);
@@ -183,6 +245,22 @@ template <class T, class Parse> bool take(Parse parse, std::string_view text, Ce
 
 } // namespace
 
+CellType cellTypeOf(Zeb::ZebType type) {
+   auto const* const at = std::find_if(std::begin(shownTypes), std::end(shownTypes),
+                                       [=](CellType const& shown) { return shown.type == type; });
+   return at == std::end(shownTypes) ? CellType{type, Kind::other} : *at;
+}
+
+Cell cellOf(CellType const& type, void const* value) {
+   if (type.read) return type.read(value);
+   return type.type.info().implementation.values->genericIfStrRep(value, type.type);
+}
+
+void assignCell(CellType const& type, Cell const& cell, void* to) {
+   if (type.assign) return type.assign(cell, to);
+   type.type.info().implementation.values->genericIfStrepToValue(to, std::get<Zeb::String>(cell), type.type);
+}
+
 void appendText(fmt::memory_buffer& out, Cell const& cell) {
    std::visit(Overloaded{[&](uint64_t n) { appendNumber(out, n); },
                          [&](Zeb::Seconds t) { appendTime(out, t); },
@@ -191,6 +269,7 @@ void appendText(fmt::memory_buffer& out, Cell const& cell) {
                          [&](TrafficDirection d) { appendDirection(out, d); },
                          [&](HoFlowState s) { append(out, FlowTracking::hoFlowStateText(s)); },
                          [&](Ovie::VlanTag const& tag) { appendTag(out, tag); },
+                         [&](Zeb::String const& strep) { append(out, strep.view()); },
                          [&](auto const& other) { append(out, other.str().view()); }},
               cell);
 }
@@ -231,11 +310,12 @@ void appendJson(fmt::memory_buffer& out, Cell const& cell) {
                                            tag.vlanId(), tag.priority(), tag.dropEligible(), tag.protocolId(),
                                            tag.depth());
                          },
+                         [&](Zeb::String const& strep) { append(out, ordered_json(strep.str()).dump()); },
                          [&](auto const& address) { quoted(out, address.str()); }},
               cell);
 }
 
-bool parseCell(CellType type, std::string_view text, Cell& cell, std::string& expected) {
+bool parseCell(CellType const& type, std::string_view text, Cell& cell, std::string& expected) {
    switch (type.kind) {
    case Kind::number: {
       expected = fmt::format("a number from 0 to {}", type.max);
@@ -274,6 +354,9 @@ bool parseCell(CellType type, std::string_view text, Cell& cell, std::string& ex
    case Kind::vlanTag:
       expected = "a VLAN id from 0 to 4095, or none";
       return take<Ovie::VlanTag>(parseTag, text, cell);
+   case Kind::other:
+      expected = fmt::format("the text form of a {}", type.type.name());
+      return parseOther(type.type, text, cell);
    }
    return false;
 }
@@ -287,6 +370,9 @@ std::partial_ordering compareCells(Cell const& a, Cell const& b) {
                   [](Nimbet::IntfId x, Nimbet::IntfId y) -> std::partial_ordering {
                      if (x == y) return std::partial_ordering::equivalent;
                      return x < y ? std::partial_ordering::less : std::partial_ordering::greater;
+                  },
+                  [](Zeb::String const& x, Zeb::String const& y) -> std::partial_ordering {
+                     return x == y ? std::partial_ordering::equivalent : std::partial_ordering::unordered;
                   },
                   []<class T>(T const& x, T const& y) -> std::partial_ordering { return x <=> y; },
                   [](auto const&, auto const&) { return std::partial_ordering::unordered; }},

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // The tool's commands. Each takes what the command line said, writes its data through `out`, and returns the
 // exit status; a Failure ends it. Which file holds which: list, show, header in CommandsFiles.cpp; get, dump,
-// count in CommandsRows.cpp; check and stat in CommandsWalk.cpp.
+// count in CommandsRows.cpp; load in CommandsLoad.cpp; types and schema in CommandsTypes.cpp; check and stat
+// in CommandsWalk.cpp.
 #pragma once
 
 #include "Output.h"
@@ -21,10 +22,13 @@ Exit listTables(Common const& common, std::vector<std::string> const& patterns, 
 Exit showTables(Common const& common, std::vector<std::string> const& tables);
 Exit showHeaders(Common const& common, std::vector<std::string> const& tables);
 
-Exit getRow(Common const& common, std::string const& table, std::vector<std::string> const& key);
+/// @param words a key and tests; see parseQuery()
+Exit getRows(Common const& common, std::string const& table, std::vector<std::string> words,
+             std::vector<std::string> const& where, bool strep);
 
 struct DumpOptions {
    std::vector<std::string> where;
+   bool strep = false;               ///< text forms, for `load`
    std::vector<std::string> columns; ///< empty: all
    std::uint64_t limit = 0;          ///< 0: none
    bool noHeader = false;
@@ -32,6 +36,18 @@ struct DumpOptions {
 Exit dumpTable(Common const& common, std::string const& table, DumpOptions const& options);
 Exit countRows(Common const& common, std::vector<std::string> const& tables,
                std::vector<std::string> const& where);
+
+struct LoadOptions {
+   std::string type;  ///< of the rows; empty: as the table or the file says
+   bool keep = false; ///< rows that the file doesn't have stay
+};
+/// @param file "-" is stdin
+Exit loadTable(Common const& common, std::string const& table, std::string const& file,
+               LoadOptions const& options);
+
+/// @param words types whose names hold one of these; none: all
+Exit listTypes(Common const& common, std::vector<std::string> const& words);
+Exit showSchemas(Common const& common, std::vector<std::string> const& types);
 
 Exit checkTables(Common const& common, std::vector<std::string> const& tables);
 Exit statTables(Common const& common, std::vector<std::string> const& tables);

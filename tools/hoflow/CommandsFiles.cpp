@@ -103,6 +103,22 @@ ordered_json headerJson(MirakCore::BucketTableHeader const& h) {
            {"numBuckets", {{"version", h.numBuckets.version}, {"value", h.numBuckets.value}}}};
 }
 
+/// Null if there is no owner file; of a damaged one, what is wrong with it.
+ordered_json ownerJson(Inspection const& t) {
+   if (!t.owner.present) return {};
+   if (!t.ownerFacts) return {{"problem", printable(t.ownerText)}};
+   auto const& f = *t.ownerFacts;
+   bool const mirak = f.parcelType == static_cast<std::uint32_t>(Parcel::ParcelType::mirak);
+   return {{"version", f.version},
+           {"pid", f.pid},
+           {"startTime", timeText(static_cast<double>(f.startTime) / 1e9)},
+           {"typeName", printable(f.typeName)},
+           {"parcelType", mirak ? ordered_json("mirak") : ordered_json(f.parcelType)},
+           {"socketName", f.tunnetInfo.socketName.empty() ? ordered_json()
+                                                          : ordered_json(printable(f.tunnetInfo.socketName))},
+           {"tableId", f.tunnetInfo.tableId}};
+}
+
 void showJson(Common const& common, Inspection const& t) {
    ordered_json j = summary(t);
    j["path"] = t.path;
@@ -118,7 +134,7 @@ void showJson(Common const& common, Inspection const& t) {
    j["kestor"] = t.kestorId.value() ? ordered_json(t.kestorId.text()) : ordered_json();
    j["kestorTime"] = t.kestorTime ? ordered_json(timeText(t.kestorTime)) : ordered_json();
    j["corruptionMarker"] = t.marked;
-   j["owner"] = printable(t.ownerText);
+   j["owner"] = ownerJson(t);
    j["files"] = {{"slots", fileJson(t.slots)},
                  {"buckets", fileJson(t.buckets)},
                  {"kestor", fileJson(t.kestor)},
@@ -255,8 +271,9 @@ Exit showHeaders(Common const& common, std::vector<std::string> const& words) {
 Exit overview(Common const& common) {
    if (common.json) return listTables(common, {}, false);
    auto& out = common.out;
-   out.line(fmt::format("{} looks into the flow tables below {}. It only reads, and never disturbs a writer.",
-                        out.styled(Style::bold, "hoflow"), Mem::RootPath::get()));
+   out.line(fmt::format(
+       "{} looks into the flow tables below {}. It only reads, but for load, and never disturbs a writer.",
+       out.styled(Style::bold, "hoflow"), Mem::RootPath::get()));
    out.line("");
    try {
       Scan const found = scanTables();
@@ -273,6 +290,7 @@ Exit overview(Common const& common) {
    out.line("   hoflow show TABLE              one table: sizes, load, writer");
    out.line("   hoflow dump TABLE [-j]         all rows, in columns or one JSON object a line");
    out.line("   hoflow get TABLE KEY...        one row: tcp 10.0.0.1:443 10.0.0.2:50000 vlan=5");
+   out.line("   hoflow load TABLE FILE         rows back from dump --strep");
    out.line("   hoflow count TABLE...          how many rows");
    out.line("   hoflow check TABLE...          is every row there once, and where it belongs?");
    out.line("   hoflow stat TABLE...           chains, memory, growth ahead");

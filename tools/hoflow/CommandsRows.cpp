@@ -11,8 +11,6 @@
 #include "Table.h"
 #include "Walk.h"
 
-#include <algorithm>
-
 namespace Tool {
 
 namespace {
@@ -30,7 +28,7 @@ std::vector<Field const*> chosenColumns(Schema const& schema, std::vector<std::s
    for (std::string const& name : names) {
       Field const* const field = schema.find(name);
       if (!field)
-         throw Failure{Exit::usage, fmt::format("\"{}\" is no column of {}", name, schema.valueType),
+         throw Failure{Exit::usage, fmt::format("\"{}\" is no column of {}", name, schema.valueType()),
                        "columns are: " + fieldNames(schema, false)};
       fields.push_back(field);
    }
@@ -42,33 +40,56 @@ std::vector<Field const*> chosenColumns(Schema const& schema, std::vector<std::s
 
 bool standsRight(Kind kind) { return kind == Kind::number || kind == Kind::vlanTag; }
 
-/// Writes rows one by one, as JSON or in columns.
+enum class Form { columns, fields, json, strep };
+
+/// What `get` and `dump` say, in the form that was asked for.
+Form formOf(Common const& common, bool strep, Form usual) {
+   if (common.json && strep) throw Failure{Exit::usage, "--strep and --json exclude each other"};
+   return common.json ? Form::json : strep ? Form::strep : usual;
+}
+
+/// Writes rows one by one.
 class RowWriter {
 public:
-   RowWriter(Common const& common, Schema const& schema, DumpOptions const& options)
-      : common_(common)
+   RowWriter(Output& out, Schema const& schema, Form form, std::vector<Field const*> fields, bool header)
+      : out_(out)
       , schema_(schema)
-      , fields_(chosenColumns(schema, options.columns))
-      , columns_(common.out, names(), !options.noHeader) {}
+      , form_(form)
+      , fields_(std::move(fields))
+      , columns_(out, names(), header) {}
 
    void write(void const* row) {
-      if (common_.json) {
-         appendJsonRow(common_.out.buffer(), schema_, row);
-         common_.out.buffer().push_back('\n');
-         common_.out.lineDone();
-         return;
+      switch (form_) {
+      case Form::json:
+         appendJsonRow(out_.buffer(), schema_, row);
+         out_.buffer().push_back('\n');
+         return out_.lineDone();
+      case Form::strep:
+         return out_.line(strepOf(schema_, row).view());
+      case Form::fields:
+         return writeFields(row);
+      case Form::columns:
+         std::vector<std::string> words;
+         words.reserve(fields_.size());
+         for (Field const* field : fields_) words.push_back(cellText(field->get(row)));
+         columns_.add(std::move(words));
       }
-      std::vector<std::string> words;
-      words.reserve(fields_.size());
-      for (Field const* field : fields_) words.push_back(cellText(field->get(row)));
-      columns_.add(std::move(words));
    }
    void finish() {
-      if (!common_.json) columns_.finish();
-      common_.out.flush();
+      if (form_ == Form::columns) columns_.finish();
+      out_.flush();
    }
 
 private:
+   /// A line for each field, and an empty one between rows.
+   void writeFields(void const* row) {
+      if (!first_) out_.line("");
+      first_ = false;
+      Columns lines(out_, {{"field", false}, {"value", false}}, false);
+      for (Field const* field : fields_)
+         lines.add({std::string(field->name), cellText(field->get(row))}, Style::bold);
+      lines.finish();
+   }
    std::vector<Columns::Column> names() const {
       std::vector<Columns::Column> columns;
       for (Field const* field : fields_)
@@ -76,68 +97,26 @@ private:
       return columns;
    }
 
-   Common const& common_;
+   Output& out_;
    Schema const& schema_;
+   Form form_;
    std::vector<Field const*> fields_;
    Columns columns_;
+   bool first_ = true;
 };
 
-} // namespace
-
-Exit getRow(Common const& common, std::string const& name, std::vector<std::string> const& words) {
-   auto const table = openTable(resolveTable(name));
-   Schema const& schema = table->schema();
-   std::vector<Cell> const key = parseKey(schema, words);
-   void const* row = nullptr;
-   for (int restarts = 0;; ++restarts) {
-      try {
-         row = table->lookup(key);
-         // A table that was removed and made again is another one, also where the key says nothing of it.
-         if (!table->filesReplaced()) break;
-      } catch (Mirak::TableReformattedException const&) {
-      } catch (Lomi::CorruptionDetectedException const& e) {
-         if (!table->filesReplaced())
-            throw Failure{Exit::corrupt, fmt::format("{}: damaged: {}", table->name(), e.what()),
-                          "hoflow check walks the whole table"};
-      }
-      if (restarts == maxRestarts) throw changesAllTheTime(*table);
-      say(fmt::format("{}: replaced meanwhile; looking again", table->name()));
-      table->reopen();
-   }
-   if (!row) {
-      std::string text;
-      auto value = key.begin();
-      for (Field const& field : schema.fields)
-         if (field.inKey && !field.jsonOnly) text += fmt::format(" {}={}", field.name, cellText(*value++));
-      say(fmt::format("{}: no row with{}", table->name(), text));
-      return Exit::noMatch;
-   }
-   if (common.json) {
-      appendJsonRow(common.out.buffer(), schema, row);
-      common.out.buffer().push_back('\n');
-   } else {
-      Columns lines(common.out, {{"field", false}, {"value", false}}, false);
-      for (Field const& field : schema.fields)
-         if (!field.jsonOnly) lines.add({std::string(field.name), cellText(field.get(row))}, Style::bold);
-      lines.finish();
-   }
-   return Exit::ok;
-}
-
-Exit dumpTable(Common const& common, std::string const& name, DumpOptions const& options) {
-   auto const table = openTable(resolveTable(name));
-   Schema const& schema = table->schema();
-   Filter const filter = parseFilter(schema, options.where);
-   RowWriter writer(common, schema, options);
+/// Writes the rows that pass, at most `limit` of them if that isn't 0.
+Exit writeRows(Common const& common, Table& table, Filter const& filter, RowWriter& writer,
+               std::uint64_t limit) {
    std::uint64_t walked = 0, written = 0;
-   Progress progress("reading", table->members(), common.out.isFile());
+   Progress progress("reading", table.members(), common.out.isFile());
    WalkEnd end = WalkEnd::stopped;
    try {
-      end = walkRows(*table, [&](void const* row) {
+      end = walkRows(table, [&](void const* row) {
          progress.step(++walked);
          if (!passes(filter, row)) return true;
          writer.write(row);
-         return ++written != options.limit;
+         return ++written != limit;
       });
    } catch (Failure& failure) {
       if (failure.status == Exit::corrupt) writer.finish();
@@ -148,12 +127,71 @@ Exit dumpTable(Common const& common, std::string const& name, DumpOptions const&
    writer.finish();
    if (end == WalkEnd::reformatted || end == WalkEnd::replaced) {
       say({Exit::incomplete,
-           fmt::format("{}: {} behind {} rows: these are of the old table", table->name(), endText(end),
+           fmt::format("{}: {} behind {} rows: these are of the old table", table.name(), endText(end),
                        walked),
            "ask again for the rows of the new one"});
       return Exit::incomplete;
    }
    return written == 0 && !filter.empty() ? Exit::noMatch : Exit::ok;
+}
+
+/// The row with that key, null if there is none.
+void const* lookUp(Table& table, void const* key) {
+   for (int restarts = 0;; ++restarts) {
+      try {
+         void const* const row = table.lookup(key);
+         // A table that was removed and made again is another one, also where the key says nothing of it.
+         if (!table.filesReplaced()) return row;
+      } catch (Mirak::TableReformattedException const&) {
+      } catch (Lomi::CorruptionDetectedException const& e) {
+         if (!table.filesReplaced())
+            throw Failure{Exit::corrupt, fmt::format("{}: damaged: {}", table.name(), e.what()),
+                          "hoflow check walks the whole table"};
+      }
+      if (restarts == maxRestarts) throw changesAllTheTime(table);
+      say(fmt::format("{}: replaced meanwhile; looking again", table.name()));
+      table.reopen();
+   }
+}
+
+} // namespace
+
+Exit getRows(Common const& common, std::string const& name, std::vector<std::string> words,
+             std::vector<std::string> const& where, bool strep) {
+   Form const form = formOf(common, strep, Form::fields);
+   auto const table = openTable(resolveTable(name));
+   Schema const& schema = table->schema();
+   Query query = parseQuery(schema, words);
+   for (std::string const& test : where) query.filter.emplace_back(schema, test);
+   if (!query.key && query.filter.empty())
+      throw Failure{Exit::usage, "get takes a key or tests", "fields are: " + fieldNames(schema, false)};
+   RowWriter writer(common.out, schema, form, chosenColumns(schema, {}), false);
+   if (!query.key) return writeRows(common, *table, query.filter, writer, 0);
+   void const* const row = lookUp(*table, schema.keyOf(*query.key)->get());
+   if (!row) {
+      std::string text;
+      auto value = query.key->begin();
+      for (Field const& field : schema.fields)
+         if (field.inKey && !field.jsonOnly) text += fmt::format(" {}={}", field.name, cellText(*value++));
+      say(fmt::format("{}: no row with{}", table->name(), text));
+      return Exit::noMatch;
+   }
+   if (!passes(query.filter, row)) {
+      say(fmt::format("{}: the row with this key doesn't pass all tests", table->name()));
+      return Exit::noMatch;
+   }
+   writer.write(row);
+   writer.finish();
+   return Exit::ok;
+}
+
+Exit dumpTable(Common const& common, std::string const& name, DumpOptions const& options) {
+   Form const form = formOf(common, options.strep, Form::columns);
+   auto const table = openTable(resolveTable(name));
+   Schema const& schema = table->schema();
+   Filter const filter = parseFilter(schema, options.where);
+   RowWriter writer(common.out, schema, form, chosenColumns(schema, options.columns), !options.noHeader);
+   return writeRows(common, *table, filter, writer, options.limit);
 }
 
 namespace {

@@ -2,11 +2,10 @@
 // Looking at a table's files and judging them. See Files.h.
 #include "Files.h"
 
+#include "FlowTracking/TableTypes.h"
 #include "Lomi/Exception.h"
 #include "Mem/WriterLock.h"
 #include "Parcel/KestorFile.h"
-#include "Parcel/OwnerFile.h"
-#include "Table.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -226,16 +225,19 @@ Inspection look(Mem::NaoRootPath const& place) {
                                                      [](auto const& h) { return h.numBuckets.version; });
       Parcel::OwnerFile const ownerFile(handler, place, false);
       openFile(directory, Parcel::OwnerFile::FILENAME, t.owner);
-      bool const mayRead = !t.owner.present || t.owner.error == 0 || t.owner.error == ELOOP || t.owner.error == EINVAL;
+      bool const mayRead =
+          !t.owner.present || t.owner.error == 0 || t.owner.error == ELOOP || t.owner.error == EINVAL;
       if (mayRead && !ownerFile.validate(t.ownerProblem) && t.ownerProblem.empty())
          t.ownerProblem = ownerFile.getFilename() + ": is no sound owner file";
       t.ownerText = t.owner.present ? ownerFile.headerToString() : "absent";
+      std::string ignored;
+      if (t.owner.present) t.ownerFacts = ownerFile.facts(ignored);
       FileFacts marker;
       openFile(directory, "corruption-detected", marker);
       t.marked = marker.present;
       t.writerAlive = Mem::WriterLock::ownerIsAlive(handler, place, &t.writerPid);
    }
-   if (t.slotHeader) t.type = typeNamed(t.slotHeader->valueTypeName());
+   if (t.slotHeader) t.type = FlowTracking::tableTypeNamed(t.slotHeader->valueTypeName());
    Judge(t, directoryError).judge();
    return t;
 }

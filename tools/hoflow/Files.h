@@ -9,18 +9,17 @@
 #pragma once
 
 #include "Mem/Paths.h"
-#include "Mirak/SlotTable.h"
+#include "Mirak/AnyTable.h"
 #include "MirakCore/BucketTable.h"
 #include "Output.h"
 #include "Parcel/KestorId.h"
+#include "Parcel/OwnerFile.h"
 
 #include <memory>
 #include <optional>
 #include <string>
 
 namespace Tool {
-
-struct TypeFacts;
 
 struct FileFacts {
    bool present = false;
@@ -40,11 +39,12 @@ struct Inspection {
    Parcel::KestorId kestorId;
    double kestorTime = 0; ///< when the writer let readers in
    bool writerAlive = false;
-   std::uint32_t writerPid = 0; ///< 0 if not known
-   std::string ownerText;
+   std::uint32_t writerPid = 0;                  ///< 0 if not known
+   std::string ownerText;                        ///< the owner file in words, or what is wrong with it
+   std::optional<Parcel::OwnerFacts> ownerFacts; ///< if it is sound
    std::string ownerProblem; ///< no trouble for readers, but the next writer formats such a table anew
    bool marked = false;      ///< "corruption-detected" is there
-   TypeFacts const* type = nullptr;
+   Mirak::TableType const* type = nullptr; ///< of the rows, if this build knows it
 
    State state = State::ok;
    std::string problem; ///< names the file; empty if the state is ok

@@ -121,17 +121,27 @@ std::string belowRoot(std::string word) {
    return word;
 }
 
-std::vector<std::string> resolve(std::string const& given) {
-   std::string const word = belowRoot(given);
-   if (!isPattern(word) && isTable(fs::path(Mem::RootPath::get()) / word)) return {word};
-   Scan const all = scanTables();
+/// None if the word names no table. @param all the tables that there are
+std::vector<std::string> hitsOf(std::string const& word, Scan const& all) {
    std::vector<std::string> hits;
    for (std::string const& name : all.names)
       if (isPattern(word) ? matchesPattern(word, name) : name.ends_with("/" + word)) hits.push_back(name);
-   if (hits.empty()) throw unknown(word, all);
    if (hits.size() > 1 && !isPattern(word))
       throw Failure{Exit::usage, fmt::format("\"{}\" could be any of {} tables", word, hits.size()),
                     "say more of the path:" + listed(hits)};
+   return hits;
+}
+
+bool isWholeName(std::string const& word) {
+   return !isPattern(word) && isTable(fs::path(Mem::RootPath::get()) / word);
+}
+
+std::vector<std::string> resolve(std::string const& given) {
+   std::string const word = belowRoot(given);
+   if (isWholeName(word)) return {word};
+   Scan const all = scanTables();
+   auto hits = hitsOf(word, all);
+   if (hits.empty()) throw unknown(word, all);
    return hits;
 }
 
@@ -173,6 +183,15 @@ std::string resolveTable(std::string const& word) {
    if (names.size() == 1) return names.front();
    throw Failure{Exit::usage, fmt::format("\"{}\" matches {} tables", word, names.size()),
                  "this command takes one:" + listed(names)};
+}
+
+std::string resolveOrNewTable(std::string const& given) {
+   std::string const word = belowRoot(given);
+   std::error_code error;
+   if (isPattern(word) || isWholeName(word)) return resolveTable(given);
+   if (!fs::exists(Mem::RootPath::get(), error)) return word; // its writer makes the root, too
+   auto const hits = hitsOf(word, scanTables());
+   return hits.empty() ? word : hits.front();
 }
 
 } // namespace Tool

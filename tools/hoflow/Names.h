@@ -24,6 +24,8 @@ Scan scanTables();
 /// @throws Failure: no such table (with names that are near), or several where a word must mean one
 std::vector<std::string> resolveTables(std::vector<std::string> const& words);
 std::string resolveTable(std::string const& word);
+/// The same; a word that names no table and is no pattern is the path of one to be made.
+std::string resolveOrNewTable(std::string const& word);
 
 /// Whether a pattern of fnmatch(3).
 bool isPattern(std::string_view word);

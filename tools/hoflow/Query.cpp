@@ -44,9 +44,10 @@ public:
       std::string expected;
       if (!parseCell(field.type, text, cell, expected)) badValue(word, field.name, expected);
       if (field.jsonOnly) {
-         // The number on the wire says the protocol, unless the whole one was said.
-         auto& protocol = at("ipProtocol");
-         if (!protocol) protocol = static_cast<Ip::Protocol>(std::get<uint64_t>(cell));
+         // It says the field before it (the number on the wire the protocol), unless that was said itself.
+         Field const& said = *(&field - 1);
+         auto& place = at(said.name);
+         if (!place && parseCell(said.type, text, cell, expected)) place = cell;
          return;
       }
       auto& place = at(field.name);
@@ -54,18 +55,31 @@ public:
       place = cell;
    }
 
-   std::vector<Cell> finish() {
-      std::string missing;
-      std::vector<Cell> cells;
-      for (std::size_t i = 0; i < fields_.size(); ++i) {
+   /// The names of fields that must be said and weren't.
+   std::string missing() const {
+      std::string names;
+      for (std::size_t i = 0; i < fields_.size(); ++i)
          if (!values_[i] && fields_[i]->mustGive)
-            missing += fmt::format("{}{}", missing.empty() ? "" : ", ", fields_[i]->name);
+            names += fmt::format("{}{}", names.empty() ? "" : ", ", fields_[i]->name);
+      return names;
+   }
+   std::vector<Cell> whole() const {
+      std::vector<Cell> cells;
+      for (std::size_t i = 0; i < fields_.size(); ++i)
          cells.push_back(values_[i].value_or(absent(fields_[i]->type.kind)));
-      }
-      if (!missing.empty())
-         usage("the key lacks " + missing,
-               "a lookup needs the whole key; hoflow dump TABLE --where finds rows by a part of it");
       return cells;
+   }
+   /// Takes the value of a key of one field. @return false if it is none
+   bool setOnly(std::string_view text) {
+      Cell cell;
+      std::string expected;
+      if (fields_.size() != 1 || !parseCell(fields_[0]->type, text, cell, expected)) return false;
+      set(*fields_[0], text, text);
+      return true;
+   }
+   void addTests(Filter& filter) const {
+      for (std::size_t i = 0; i < fields_.size(); ++i)
+         if (values_[i]) filter.emplace_back(*fields_[i], *values_[i]);
    }
 
 private:
@@ -124,6 +138,17 @@ void setNamed(KeyParts& key, Schema const& schema, std::string_view name, std::s
    key.set(*field, value, word);
 }
 
+/// Whether the word compares something in another way than a key's NAME=VALUE.
+bool isTest(Schema const& schema, std::string_view word) {
+   auto const at = word.find_first_of("=!<>");
+   if (at == std::string_view::npos || at == 0 || word.find('{') != std::string_view::npos ||
+       word.substr(0, at).find(' ') != std::string_view::npos)
+      return false;
+   Field const* const field = schema.find(word.substr(0, at));
+   return !field || !field->inKey || word[at] != '=' || word.substr(at).starts_with("==") ||
+          word.find('/', at) != std::string_view::npos;
+}
+
 void setJson(KeyParts& key, Schema const& schema, std::string const& text) {
    auto const whole = nlohmann::json::parse(text, nullptr, false);
    if (!whole.is_object()) usage(fmt::format("\"{}\": expected a JSON object", text));
@@ -147,12 +172,16 @@ std::string fieldNames(Schema const& schema, bool keyOnly) {
    return names;
 }
 
-std::vector<Cell> parseKey(Schema const& schema, std::vector<std::string> const& words) {
-   KeyParts key(schema);
+namespace {
+
+/// Takes the words of a key. @return whether each was NAME=VALUE
+bool readKey(KeyParts& key, Schema const& schema, std::vector<std::string> const& words) {
+   bool allNamed = true;
    std::vector<std::string> parts;
    for (std::string const& word : words) {
       if (word.find('{') != std::string::npos) {
          setJson(key, schema, word);
+         allNamed = false;
          continue;
       }
       std::istringstream in(word);
@@ -163,7 +192,10 @@ std::vector<Cell> parseKey(Schema const& schema, std::vector<std::string> const&
       if (part == "->") continue;
       if (auto const equals = part.find('='); equals != std::string_view::npos) {
          setNamed(key, schema, part.substr(0, equals), part.substr(equals + 1), part);
-      } else if (key.find(part) && i + 1 < parts.size()) {
+         continue;
+      }
+      allNamed = false;
+      if (key.find(part) && i + 1 < parts.size()) {
          setNamed(key, schema, part, parts[i + 1], fmt::format("{} {}", part, parts[i + 1]));
          ++i;
       } else if (schema.isFlow() && isEndpoint(part)) {
@@ -171,16 +203,38 @@ std::vector<Cell> parseKey(Schema const& schema, std::vector<std::string> const&
       } else if (schema.isFlow() && Ip::protocolFromText(part) &&
                  !std::isdigit(static_cast<unsigned char>(part.front()))) {
          key.set(*key.find("ipProtocol"), part, part);
-      } else if (!schema.isFlow() && FlowTracking::hoFlowStateFromText(part)) {
-         key.set(schema.fields.front(), part, part);
-      } else {
+      } else if (!key.setOnly(part)) {
          usage(fmt::format("\"{}\" says nothing about a key", part),
                schema.isFlow()
                    ? "expected NAME=VALUE, a protocol or an endpoint; names are " + fieldNames(schema, true)
-                   : "expected a state, like offloaded, or key=STATE");
+                   : "expected NAME=VALUE or the key itself; names are " + fieldNames(schema, true));
       }
    }
-   return key.finish();
+   return allNamed;
+}
+
+} // namespace
+
+Query parseQuery(Schema const& schema, std::vector<std::string> const& words) {
+   Query query;
+   std::vector<std::string> keyWords;
+   for (std::string const& word : words) {
+      if (isTest(schema, word))
+         query.filter.emplace_back(schema, word);
+      else
+         keyWords.push_back(word);
+   }
+   KeyParts key(schema);
+   bool const allNamed = readKey(key, schema, keyWords);
+   std::string const missing = key.missing();
+   if (missing.empty())
+      query.key = key.whole();
+   else if (allNamed)
+      key.addTests(query.filter);
+   else
+      usage("the key lacks " + missing,
+            "a lookup needs the whole key; NAME=VALUE alone finds rows by a part of it");
+   return query;
 }
 
 Comparison::Comparison(Schema const& schema, std::string_view text) {
@@ -222,6 +276,8 @@ Comparison::Comparison(Schema const& schema, std::string_view text) {
       rest = rest.substr(0, slash);
    }
    if (!parseCell(field_->type, rest, value_, expected)) badValue(text, field_->name, expected);
+   if (field_->type.kind == Kind::other && op_ != Op::equal && op_ != Op::unequal)
+      usage(fmt::format("\"{}\": {} is compared with = or !=", text, field_->name));
 }
 
 namespace {

@@ -1,114 +1,62 @@
 // SPDX-License-Identifier: Apache-2.0
-// The field tables of the seven records and the three kinds of keys. See Schema.h.
+// Fields of rows and keys, out of the registry. See Schema.h.
 #include "Schema.h"
 
-#include "FlowTracking/HoFlowConfig.h"
-#include "FlowTracking/HoFlowCounter.h"
-#include "FlowTracking/HoFlowStatus.h"
-#include "FlowTracking/HosStateCounterEntry.h"
-#include "FlowTracking/Tables.h"
-
 #include <algorithm>
-#include <limits>
+#include <deque>
 #include <strings.h>
-#include <type_traits>
 
 namespace Tool {
 
-using namespace FlowTracking;
+using Zeb::AttributeKind;
+using Zeb::ZebType;
+using Zeb::GenericIf::AttributeOp;
 
 namespace {
 
-template <class T> constexpr CellType typeOf() {
-   if constexpr (std::is_same_v<T, Zeb::Seconds>)
-      return {Kind::time};
-   else if constexpr (std::is_integral_v<T>)
-      return {Kind::number, std::numeric_limits<T>::max()};
-   else if constexpr (std::is_same_v<T, Ip::IpAddr>)
-      return {Kind::address4};
-   else if constexpr (std::is_same_v<T, Ip::Ip6Addr>)
-      return {Kind::address6};
-   else if constexpr (std::is_same_v<T, Ip::Protocol>)
-      return {Kind::protocol};
-   else if constexpr (std::is_same_v<T, TrafficDirection>)
-      return {Kind::direction};
-   else if constexpr (std::is_same_v<T, HoFlowState>)
-      return {Kind::state};
-   else if constexpr (std::is_same_v<T, Nimbet::IntfId>)
-      return {Kind::interface};
-   else if constexpr (std::is_same_v<T, Nimbet::EthAddr>)
-      return {Kind::ethernet};
-   else
-      return std::enable_if_t<std::is_same_v<T, Ovie::VlanTag>, CellType>{Kind::vlanTag};
+/// Room for a field or a key on the way out of a row.
+struct Room {
+   alignas(std::max_align_t) std::byte bytes[512];
+};
+
+void readAttribute(ZebType type, Zeb::AttributeId id, void const* object, Room& room) {
+   type.info().implementation.genericIfAttributeOp(room.bytes, const_cast<void*>(object), id,
+                                                   AttributeOp::get, nullptr, nullptr, nullptr);
 }
 
-enum class Role { value, key, keyMustGive, keyAgain };
+bool isComposite(ZebType type) { return !type.info().attributes.empty(); }
 
-/// `get` reads the field of a Row.
-template <class Row, auto get> Field field(std::string_view name, Role role = Role::value) {
-   using T = std::remove_cvref_t<decltype(get(std::declval<Row const&>()))>;
-   auto const cell = [](void const* row) -> Cell {
-      T const value = get(*static_cast<Row const*>(row));
-      if constexpr (std::is_integral_v<T>)
-         return Cell(uint64_t{value});
-      else
-         return Cell(value);
-   };
-   return {name, typeOf<T>(), role != Role::value, role == Role::keyAgain, role == Role::keyMustGive, cell};
+/// "ipProtocolNumber" says again what "ipProtocol" says.
+Field* saidAgain(std::vector<Field>& fields, Field const& field) {
+   constexpr std::string_view ending = "Number";
+   if (!field.name.ends_with(ending)) return nullptr;
+   auto const name = field.name.substr(0, field.name.size() - ending.size());
+   auto const at =
+       std::find_if(fields.begin(), fields.end(), [&](Field const& other) { return other.name == name; });
+   return at == fields.end() ? nullptr : &*at;
 }
 
-/// The fields of the flow that `flow` finds in a row.
-template <class Row, auto flow> void addFlow(std::vector<Field>& f) {
-   f.push_back(field<Row, [](Row const& r) { return flow(r).vrfId(); }>("vrfId", Role::key));
-   f.push_back(field<Row, [](Row const& r) { return flow(r).vlanId(); }>("vlanId", Role::key));
-   f.push_back(field<Row, [](Row const& r) { return flow(r).srcAddr(); }>("srcAddr", Role::keyMustGive));
-   f.push_back(field<Row, [](Row const& r) { return flow(r).dstAddr(); }>("dstAddr", Role::keyMustGive));
-   f.push_back(
-       field<Row, [](Row const& r) { return flow(r).ipProtocol(); }>("ipProtocol", Role::keyMustGive));
-   f.push_back(field<Row, [](Row const& r) { return flow(r).ipProtocolNumber(); }>("ipProtocolNumber",
-                                                                                   Role::keyAgain));
-   f.push_back(field<Row, [](Row const& r) { return flow(r).srcPort(); }>("srcPort", Role::key));
-   f.push_back(field<Row, [](Row const& r) { return flow(r).dstPort(); }>("dstPort", Role::key));
-   f.push_back(field<Row, [](Row const& r) { return flow(r).direction(); }>("direction", Role::key));
+bool hasUsualValue(Kind kind) {
+   return kind == Kind::number || kind == Kind::direction || kind == Kind::interface;
 }
 
-/// A key that is a flow, one that is a flow on an interface, and one that is a state.
-template <class Row> void addKey(std::vector<Field>& f) {
-   if constexpr (requires(Row const& r) { r.fwkKey().ipFlowKey(); }) {
-      addFlow<Row, [](Row const& r) { return r.fwkKey().ipFlowKey(); }>(f);
-      f.push_back(field<Row, [](Row const& r) { return r.fwkKey().intfId(); }>("intfId", Role::key));
-   } else if constexpr (requires(Row const& r) { r.fwkKey().srcAddr(); }) {
-      addFlow<Row, [](Row const& r) { return r.fwkKey(); }>(f);
-   } else {
-      f.push_back(field<Row, [](Row const& r) { return r.fwkKey().key(); }>("key", Role::keyMustGive));
-   }
-}
-
-template <class Row> void addTimes(std::vector<Field>& f) {
-   f.push_back(field<Row, [](Row const& r) { return r.createTime(); }>("createTime"));
-   f.push_back(field<Row, [](Row const& r) { return r.updateTime(); }>("updateTime"));
-}
-
-/// What stands behind the key, in the record's order. Which record it is shows in what it has.
-template <class Row> void addValue(std::vector<Field>& f) {
-   if constexpr (requires(Row const& r) { r.packets(); }) {
-      f.push_back(field<Row, [](Row const& r) { return r.intfId(); }>("intfId"));
-      f.push_back(field<Row, [](Row const& r) { return r.packets(); }>("packets"));
-      f.push_back(field<Row, [](Row const& r) { return r.bytes(); }>("bytes"));
-      addTimes<Row>(f);
-      f.push_back(field<Row, [](Row const& r) { return r.hosEntries(); }>("hosEntries"));
-   } else if constexpr (requires(Row const& r) { r.hoFlowState(); }) {
-      f.push_back(field<Row, [](Row const& r) { return r.hoFlowState(); }>("hoFlowState"));
-      addTimes<Row>(f);
-   } else if constexpr (requires(Row const& r) { r.srcEthAddr(); }) {
-      addTimes<Row>(f);
-      f.push_back(field<Row, [](Row const& r) { return r.srcEthAddr(); }>("srcEthAddr"));
-      f.push_back(field<Row, [](Row const& r) { return r.dstEthAddr(); }>("dstEthAddr"));
-      f.push_back(field<Row, [](Row const& r) { return r.dot1qVlanTag(); }>("dot1qVlanTag"));
-      f.push_back(field<Row, [](Row const& r) { return r.dot1qCustomerVlanTag(); }>("dot1qCustomerVlanTag"));
-      f.push_back(field<Row, [](Row const& r) { return r.cachedIntfId(); }>("cachedIntfId"));
-   } else {
-      f.push_back(field<Row, [](Row const& r) { return r.hoFlows(); }>("hoFlows"));
+/// Appends the fields of the row or of its key that aren't values of several parts. A key that is no such
+/// value is a field itself.
+void addFields(std::vector<Field>& fields, ZebType row, Zeb::AttributeId keyId, ZebType owner) {
+   for (Zeb::Attribute const& a : owner.info().attributes) {
+      bool const stored = a.isStored() || a.kind == AttributeKind::readOnlyField;
+      if (!stored || isComposite(a.type)) continue;
+      bool const inKey = !(owner == row) || a.id == keyId;
+      CellType const type = cellTypeOf(a.type);
+      Field const field{a.name, type,  inKey, false, inKey && !hasUsualValue(type.kind),
+                        row,    keyId, owner, a.id};
+      if (Field* const said = saidAgain(fields, field)) {
+         auto const at = fields.insert(fields.begin() + (said - fields.data()) + 1, field);
+         at->jsonOnly = true;
+         at->mustGive = false;
+      } else {
+         fields.push_back(field);
+      }
    }
 }
 
@@ -125,10 +73,65 @@ void appendName(fmt::memory_buffer& out, std::string_view name) {
    out.push_back(':');
 }
 
+/// A key, or a part of one, out of the cells of its fields.
+std::unique_ptr<Value> build(ZebType type, std::vector<Field const*> const& fields,
+                             std::span<Cell const> cells) {
+   auto value = std::make_unique<Value>(type);
+   if (!isComposite(type)) {
+      assignCell(fields.front()->type, cells.front(), value->get());
+      return value;
+   }
+   std::vector<std::unique_ptr<Value>> parts;
+   std::vector<void*> arguments;
+   for (Zeb::Attribute const& a : type.info().attributes) {
+      if (a.kind != AttributeKind::constructedField) continue;
+      if (isComposite(a.type)) {
+         parts.push_back(build(a.type, fields, cells));
+      } else {
+         parts.push_back(std::make_unique<Value>(a.type));
+         auto const at =
+             std::find_if(fields.begin(), fields.end(), [&](Field const* f) { return f->name == a.name; });
+         assignCell((*at)->type, cells[static_cast<std::size_t>(at - fields.begin())], parts.back()->get());
+      }
+      arguments.push_back(parts.back()->get());
+   }
+   type.info().implementation.genericIfConstructFromCtorArgs(value->get(), arguments.data());
+   return value;
+}
+
 } // namespace
 
 bool equalIgnoringCase(std::string_view a, std::string_view b) {
    return a.size() == b.size() && strncasecmp(a.data(), b.data(), a.size()) == 0;
+}
+
+Cell Field::get(void const* at) const {
+   Room keyRoom, room;
+   if (!(owner == row)) {
+      readAttribute(row, keyId, at, keyRoom);
+      at = keyRoom.bytes;
+   }
+   readAttribute(owner, id, at, room);
+   return cellOf(type, room.bytes);
+}
+
+Value::Value(ZebType type)
+   : type_(type)
+   , memory_(type.info().size / sizeof(std::max_align_t) + 1) {
+   type_.info().implementation.values->genericIfConstruct(get(), nullptr);
+}
+
+Value::~Value() { type_.info().implementation.values->genericIfDestruct(get()); }
+
+Schema::Schema(ZebType rowType)
+   : row(rowType) {
+   auto const attributes = row.info().attributes;
+   auto const at = std::find_if(attributes.begin(), attributes.end(), [](Zeb::Attribute const& a) {
+      return a.kind == AttributeKind::constructedField;
+   });
+   key = at->type;
+   if (isComposite(key)) addFields(fields, row, at->id, key);
+   addFields(fields, row, at->id, row);
 }
 
 Field const* Schema::find(std::string_view word) const {
@@ -146,54 +149,21 @@ Field const* Schema::find(std::string_view word) const {
    return nullptr;
 }
 
-bool Schema::isFlow() const { return fields.front().name == "vrfId"; }
+bool Schema::isFlow() const { return key.attribute("srcAddr") && key.attribute("dstAddr"); }
 
-template <class Row> Schema const& schemaOf() {
-   static Schema const schema = [] {
-      Schema made{Row::typeName, {}};
-      addKey<Row>(made.fields);
-      addValue<Row>(made.fields);
-      return made;
-   }();
-   return schema;
+std::unique_ptr<Value> Schema::keyOf(std::span<Cell const> cells) const {
+   std::vector<Field const*> given;
+   for (Field const& field : fields)
+      if (field.inKey && !field.jsonOnly) given.push_back(&field);
+   return build(key, given, cells);
 }
 
-template Schema const& schemaOf<HoIpFlowConfigOps::Value>();
-template Schema const& schemaOf<HoIp6FlowConfigOps::Value>();
-template Schema const& schemaOf<HoIpFlowStatusOps::Value>();
-template Schema const& schemaOf<HoIp6FlowStatusOps::Value>();
-template Schema const& schemaOf<HoIpFlowCounterOps::Value>();
-template Schema const& schemaOf<HoIp6FlowCounterOps::Value>();
-template Schema const& schemaOf<HosStateCounterOps::Value>();
-
-namespace {
-
-template <class Key> Key flowKeyOf(std::span<Cell const> c) {
-   using Addr = typename Key::Address;
-   auto const number = [&](unsigned i) { return std::get<uint64_t>(c[i]); };
-   return Key(static_cast<VrfId>(number(0)), static_cast<VlanId>(number(1)), std::get<Addr>(c[2]),
-              std::get<Addr>(c[3]), std::get<Ip::Protocol>(c[4]), static_cast<std::uint16_t>(number(5)),
-              static_cast<std::uint16_t>(number(6)), std::get<TrafficDirection>(c[7]));
+Schema const& schemaOf(ZebType row) {
+   static std::deque<Schema> schemas;
+   for (Schema const& schema : schemas)
+      if (schema.row == row) return schema;
+   return schemas.emplace_back(row);
 }
-
-} // namespace
-
-template <class Key> Key keyOf(std::span<Cell const> cells) {
-   if constexpr (requires(Key const& k) { k.ipFlowKey(); }) {
-      using Flow = std::remove_cvref_t<decltype(std::declval<Key const&>().ipFlowKey())>;
-      return Key(flowKeyOf<Flow>(cells), std::get<Nimbet::IntfId>(cells[8]));
-   } else if constexpr (requires(Key const& k) { k.srcAddr(); }) {
-      return flowKeyOf<Key>(cells);
-   } else {
-      return Key(std::get<HoFlowState>(cells[0]));
-   }
-}
-
-template HoIpFlowKey keyOf<HoIpFlowKey>(std::span<Cell const>);
-template HoIp6FlowKey keyOf<HoIp6FlowKey>(std::span<Cell const>);
-template IpFlowKey keyOf<IpFlowKey>(std::span<Cell const>);
-template Ip6FlowKey keyOf<Ip6FlowKey>(std::span<Cell const>);
-template HosStateCounterKey keyOf<HosStateCounterKey>(std::span<Cell const>);
 
 void appendJsonRow(fmt::memory_buffer& out, Schema const& schema, void const* row) {
    out.push_back('{');
@@ -210,7 +180,12 @@ void appendJsonRow(fmt::memory_buffer& out, Schema const& schema, void const* ro
       appendName(out, field.name);
       appendJson(out, field.get(row));
    }
+   if (inKey) out.push_back('}');
    out.push_back('}');
+}
+
+Zeb::String strepOf(Schema const& schema, void const* row) {
+   return schema.row.info().implementation.values->genericIfStrRep(row, schema.row);
 }
 
 } // namespace Tool

@@ -1,72 +1,52 @@
 // SPDX-License-Identifier: Apache-2.0
-// A table that is open for reading, whatever its rows are: the one place where the seven types are told
-// apart. Everything above it works on a row as a pointer and a Schema.
+// A table that is open for reading, whatever its rows are: a row is a pointer and a Schema.
 //
 // It never writes: files are opened O_RDONLY, and the reader leaves no marker where it finds damage.
 #pragma once
 
 #include "Lomi/Exception.h"
-#include "Mirak/Counters.h"
+#include "Mirak/AnyTable.h"
 #include "Mirak/Exception.h"
-#include "Mirak/SlotTable.h"
 #include "Schema.h"
 
+#include <cstdint>
 #include <memory>
-#include <span>
 #include <string>
 
 namespace Tool {
 
+/// A table under its name, opened again where its writer replaced it.
 class Table {
 public:
-   using u32 = std::uint32_t;
+   Table(std::string name, Mirak::TableType const& type);
 
-   virtual ~Table() = default;
-   virtual Schema const& schema() const = 0;
+   Schema const& schema() const { return schema_; }
+   std::string const& name() const { return name_; }
+
+   /// Opens what the path names now. @throws Failure, as openTable()
+   void reopen();
 
    /// Rows. A returned pointer is good until the next of these calls, null means "no (more) row".
    /// @throws Mirak::TableReformattedException: the writer formatted the table anew, reopen() and start over
    /// @throws Lomi::CorruptionDetectedException, Lomi::MemoryResourceException
-   virtual void const* first() = 0;
-   virtual void const* next() = 0;
-   /// @param key the key's fields as keyOf() takes them. Doesn't disturb a walk.
-   virtual void const* lookup(std::span<Cell const> key) = 0;
-   /// Looks the walk's present row up by its key.
-   virtual bool findsPresent() = 0;
-
+   void const* first() { return reader_->first(); }
+   void const* next() { return reader_->next(); }
+   void const* lookup(void const* key) { return reader_->lookup(key); }
+   bool findsPresent() { return reader_->findsPresent(); }
    /// Of the walk's present row: the key's hash, and whether the row comes behind the one before it.
-   virtual u32 hash() const = 0;
-   virtual bool inOrder() const = 0;
+   std::uint32_t hash() const { return reader_->hash(); }
+   bool inOrder() const { return reader_->inOrder(); }
 
-   virtual u32 members() const = 0;
-   virtual u32 buckets() const = 0;
-   virtual Mirak::Reader::Counters counters() const = 0;
-   virtual bool filesReplaced() const = 0;
-
-   /// Opens what the path names now. @throws Failure, as openTable()
-   void reopen();
-   std::string const& name() const { return name_; }
-
-protected:
-   explicit Table(std::string name)
-      : name_(std::move(name)) {}
-   virtual bool attach(std::string& error) = 0;
-   virtual void detach() = 0;
+   std::uint32_t members() const { return reader_->members(); }
+   std::uint32_t buckets() const { return reader_->buckets(); }
+   Mirak::Reader::Counters counters() const { return reader_->counters(); }
+   bool filesReplaced() const { return reader_->filesReplaced(); }
 
 private:
-   std::string name_;
+   std::string const name_;
+   Schema const& schema_;
+   std::unique_ptr<Mirak::AnyReader> const reader_;
 };
-
-struct TypeFacts {
-   std::string_view valueType;
-   std::uint32_t headerSize, slotSize;
-   Schema const& (*schema)();
-   std::string (*mismatch)(Mirak::SlotTableHeader const& header); ///< empty if the header is of this type
-   std::unique_ptr<Table> (*make)(std::string name);
-};
-
-/// Null if there is no such type.
-TypeFacts const* typeNamed(std::string_view valueType);
 
 /// Opens the table of that name, which must be a whole one.
 /// @throws Failure that names the file, what is wrong with it and what to do

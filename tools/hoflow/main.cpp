@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // hoflow COMMAND ...: looks into the tables of a running system, or of one that has stopped. Safe beside a
-// live writer: it opens files for reading only, takes no lock, and leaves nothing behind.
+// live writer: it opens files for reading only, takes no lock, and leaves nothing behind. One command writes,
+// load, and it refuses while a writer lives.
 //
 // Exit statuses are those of Tool::Exit (Output.h). This file is the command line alone.
 #include "Commands.h"
@@ -28,17 +29,20 @@ constexpr char const* tables =
 pattern: flowtracking/default/hwOffload/counter/capture/hoIpFlowCounter, capture/hoIpFlowCounter, '*Ip6*'.)";
 
 struct Arguments {
-   std::string root, table, columns;
+   std::string root, table, columns, file;
    bool json = false, namesOnly = false;
-   std::vector<std::string> words; ///< tables, patterns, or a key
+   std::vector<std::string> words; ///< tables, patterns, a key, tests, or types
    std::vector<std::string> where;
+   bool strep = false;
    DumpOptions dump;
+   LoadOptions load;
 };
 
 class CommandLine {
 public:
    CommandLine()
-      : app("Looks into flow tables: lists, reads, checks them. It only reads, and never disturbs a writer.",
+      : app("Looks into flow tables: lists, reads, checks them. It never disturbs a writer, and only load "
+            "writes.",
             "hoflow") {
       app.fallthrough();
       app.require_subcommand(0, 1);
@@ -58,6 +62,7 @@ public:
       addFileCommands();
       addRowCommands();
       addWalkCommands();
+      addTypeCommands();
    }
 
    int run(int argc, char** argv);
@@ -96,6 +101,10 @@ private:
           ->take_all();
    }
 
+   void takesStrep(CLI::App* sub) {
+      sub->add_flag("--strep", args.strep, "text forms of whole rows, one a line, which load reads back");
+   }
+
    void addFileCommands() {
       auto* const list =
           command("list", "All tables, with rows, capacity, writer and state",
@@ -114,37 +123,46 @@ private:
 
    void addRowCommands() {
       auto* const get = command(
-          "get", "One row by its key",
+          "get", "One row by its key, or the rows that pass tests",
           "  hoflow get hoIpFlowCounter tcp 10.0.0.1:443 10.0.0.2:50000\n"
           "  hoflow get hoIpFlowCounter src=10.0.0.1 dst=10.0.0.2 proto=tcp sport=443 dport=50000 vlan=5\n"
           "  hoflow get hoIp6FlowCounter udp '[2001:db8::1]:53' '[2001:db8::2]:50000'\n"
           "  hoflow get hoIpFlowStatus tcp 10.0.0.1:443 10.0.0.2:50000 intf=if7\n"
           "  hoflow get hosStateCounter offloaded\n"
           "  hoflow get hoIpFlowCounter '{\"srcAddr\":\"10.0.0.1\", ...}'      a row or key as dump -j gives "
-          "it\n\n"
-          "A key must be whole. What isn't said is 0: vrfId, vlanId, ports, direction; intfId is none.\n"
-          "To find rows by a part of their key: hoflow dump TABLE --where.\n",
-          [](Common const& c, Arguments const& a) { return getRow(c, a.table, a.words); });
+          "it\n"
+          "  hoflow get hoIpFlowCounter srcPort=443 'packets>1000' src=10.0.0.0/8\n\n"
+          "In a whole key what isn't said is 0: vrfId, vlanId, ports, direction; intfId is none. Any other\n"
+          "comparison is a test; with tests alone, or a part of the key as NAME=VALUE, all rows are shown\n"
+          "for which everything holds.\n",
+          [](Common const& c, Arguments const& a) { return getRows(c, a.table, a.words, a.where, a.strep); });
       takesTable(get);
-      get->add_option("KEY", args.words, "NAME=VALUE, a protocol, endpoints, a state, or one JSON object")
-          ->required()
+      get->add_option("KEY", args.words,
+                      "NAME=VALUE, a protocol, endpoints, a state, or one JSON object; and tests")
           ->type_name("");
+      takesWhere(get);
+      takesStrep(get);
 
-      auto* const dump =
-          command("dump", "All rows, in the table's own order",
-                  "  hoflow dump hoIpFlowCounter | sort -k10 -n | tail\n"
-                  "  hoflow dump hoIpFlowCounter --columns srcAddr,dstAddr,bytes --no-header\n"
-                  "  hoflow dump hoIpFlowCounter --where src=10.0.0.0/8 --where 'bytes>1000000'\n"
-                  "  hoflow dump hoIpFlowCounter -w 'updateTime<2025-03-01T12:00:00Z' -j\n",
-                  [](Common const& c, Arguments const& a) {
-                     DumpOptions options = a.dump;
-                     options.where = a.where;
-                     std::istringstream names(a.columns);
-                     for (std::string name; std::getline(names, name, ',');) options.columns.push_back(name);
-                     return dumpTable(c, a.table, options);
-                  });
+      auto* const dump = command("dump", "All rows, or those that pass tests, in the table's own order",
+                                 "  hoflow dump hoIpFlowCounter | sort -k10 -n | tail\n"
+                                 "  hoflow dump hoIpFlowCounter --columns srcAddr,dstAddr,bytes --no-header\n"
+                                 "  hoflow dump hoIpFlowCounter src=10.0.0.0/8 'bytes>1000000'\n"
+                                 "  hoflow dump hoIpFlowCounter -w 'updateTime<2025-03-01T12:00:00Z' -j\n"
+                                 "  hoflow dump hoIpFlowCounter --strep > rows\n",
+                                 [](Common const& c, Arguments const& a) {
+                                    DumpOptions options = a.dump;
+                                    options.strep = a.strep;
+                                    options.where = a.words;
+                                    options.where.insert(options.where.end(), a.where.begin(), a.where.end());
+                                    std::istringstream names(a.columns);
+                                    for (std::string name; std::getline(names, name, ',');)
+                                       options.columns.push_back(name);
+                                    return dumpTable(c, a.table, options);
+                                 });
       takesTable(dump);
+      dump->add_option("TEST", args.words, "as --where")->type_name("");
       takesWhere(dump);
+      takesStrep(dump);
       dump->add_option("-c,--columns", args.columns, "these columns, in this order; text only")
           ->type_name("FIELD,...")
           ->join(',');
@@ -158,6 +176,22 @@ private:
               },
               ""));
       dump->add_flag("--no-header", args.dump.noHeader, "no line with the columns' names");
+
+      auto* const load = command(
+          "load", "Makes a table hold the rows of a file that dump --strep wrote",
+          "  hoflow load hoIpFlowCounter rows\n"
+          "  hoflow dump a/hoIpFlowCounter --strep | hoflow load copy/of/hoIpFlowCounter -\n\n"
+          "The tool is the table's writer for that time: it refuses while one lives. A path that names\n"
+          "no table makes a new one. Nothing is changed if a line doesn't parse; each such line is\n"
+          "named on stderr.\n",
+          [](Common const& c, Arguments const& a) { return loadTable(c, a.table, a.file, a.load); });
+      load->add_option("TABLE", args.table, "name, end of a name, or the path of a new table")
+          ->required()
+          ->type_name("");
+      load->add_option("FILE", args.file, "one row a line; - is stdin")->required()->type_name("");
+      load->add_flag("--keep", args.load.keep, "rows that the file doesn't have stay");
+      load->add_option("--type", args.load.type, "type of a new table's rows, if the file has none")
+          ->type_name("TYPE");
 
       auto* const count = command(
           "count", "How many rows", "  hoflow count '*'\n  hoflow count hoIpFlowCounter --where proto=udp\n",
@@ -174,6 +208,20 @@ private:
       takesTables(command("stat", "Load, chains, memory a row, growth ahead",
                           "  hoflow stat hoIpFlowCounter\n",
                           [](Common const& c, Arguments const& a) { return statTables(c, a.words); }));
+   }
+
+   void addTypeCommands() {
+      auto* const types =
+          command("types", "The types that this build knows", "  hoflow types\n  hoflow types Counter -j\n",
+                  [](Common const& c, Arguments const& a) { return listTypes(c, a.words); });
+      types->add_option("WORD", args.words, "only types with this in their names")->type_name("");
+      auto* const schema =
+          command("schema", "A type's attributes, with ids, kinds and types",
+                  "  hoflow schema HoIpFlowCounter\n  hoflow schema FlowTracking::HoIpFlowKey -j\n",
+                  [](Common const& c, Arguments const& a) { return showSchemas(c, a.words); });
+      schema->add_option("TYPE", args.words, "a type's name, with or without its namespace")
+          ->required()
+          ->type_name("");
    }
 
    CLI::App app;

@@ -36,6 +36,8 @@ public:
    BasicHoFlowConfig() {}
    explicit BasicHoFlowConfig(K const& key)
       : key_(key) {}
+   /// Parses the text form and moves `it` behind it. @throws Zeb::SyntaxException, Zeb::RangeException
+   BasicHoFlowConfig(Zeb::String::IteratorConst& it, Zeb::String::IteratorConst const& end);
 
    K const& key() const { return key_; }
    Zeb::Seconds createTime() const { return createTime_; }
@@ -102,6 +104,15 @@ private:
 
 using HoIpFlowConfig = BasicHoFlowConfig<HoIpFlowKey>;
 using HoIp6FlowConfig = BasicHoFlowConfig<HoIp6FlowKey>;
+
+HOFLOW_EXPORT Zeb::String valueToStrep(HoIpFlowConfig const& value);
+HOFLOW_EXPORT Zeb::String valueToStrep(HoIp6FlowConfig const& value);
+inline std::ostream& operator<<(std::ostream& out, HoIpFlowConfig const& value) {
+   return out << valueToStrep(value);
+}
+inline std::ostream& operator<<(std::ostream& out, HoIp6FlowConfig const& value) {
+   return out << valueToStrep(value);
+}
 
 static_assert(HoIpFlowConfig::layoutHolds() && HoIp6FlowConfig::layoutHolds(), "part of the table format");
 static_assert(sizeof(HoIpFlowConfig) == 84 && sizeof(HoIp6FlowConfig) == 108, "part of the table format");

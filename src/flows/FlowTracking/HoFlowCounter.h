@@ -34,6 +34,8 @@ public:
    BasicHoFlowCounter() {}
    explicit BasicHoFlowCounter(K const& key)
       : key_(key) {}
+   /// Parses the text form and moves `it` behind it. @throws Zeb::SyntaxException, Zeb::RangeException
+   BasicHoFlowCounter(Zeb::String::IteratorConst& it, Zeb::String::IteratorConst const& end);
 
    K const& key() const { return key_; }
    Nimbet::IntfId intfId() const { return intfId_; }
@@ -101,6 +103,15 @@ private:
 
 using HoIpFlowCounter = BasicHoFlowCounter<IpFlowKey>;
 using HoIp6FlowCounter = BasicHoFlowCounter<Ip6FlowKey>;
+
+HOFLOW_EXPORT Zeb::String valueToStrep(HoIpFlowCounter const& value);
+HOFLOW_EXPORT Zeb::String valueToStrep(HoIp6FlowCounter const& value);
+inline std::ostream& operator<<(std::ostream& out, HoIpFlowCounter const& value) {
+   return out << valueToStrep(value);
+}
+inline std::ostream& operator<<(std::ostream& out, HoIp6FlowCounter const& value) {
+   return out << valueToStrep(value);
+}
 
 static_assert(HoIpFlowCounter::layoutHolds() && HoIp6FlowCounter::layoutHolds(), "part of the table format");
 static_assert(sizeof(HoIpFlowCounter) == 72 && sizeof(HoIp6FlowCounter) == 96, "part of the table format");

@@ -27,6 +27,8 @@ public:
    BasicHoFlowKey(FlowKey const& ipFlowKey, Nimbet::IntfId intfId)
       : ipFlowKey_(ipFlowKey)
       , intfId_(intfId) {}
+   /// Parses the text form and moves `it` behind it. @throws Zeb::SyntaxException, Zeb::RangeException
+   BasicHoFlowKey(Zeb::String::IteratorConst& it, Zeb::String::IteratorConst const& end);
 
    FlowKey const& ipFlowKey() const { return ipFlowKey_; }
    Nimbet::IntfId intfId() const { return intfId_; }
@@ -76,6 +78,15 @@ private:
 using HoIpFlowKey = BasicHoFlowKey<IpFlowKey>;
 using HoIp6FlowKey = BasicHoFlowKey<Ip6FlowKey>;
 
+HOFLOW_EXPORT Zeb::String valueToStrep(HoIpFlowKey const& value);
+HOFLOW_EXPORT Zeb::String valueToStrep(HoIp6FlowKey const& value);
+inline std::ostream& operator<<(std::ostream& out, HoIpFlowKey const& value) {
+   return out << valueToStrep(value);
+}
+inline std::ostream& operator<<(std::ostream& out, HoIp6FlowKey const& value) {
+   return out << valueToStrep(value);
+}
+
 static_assert(HoIpFlowKey::layoutHolds() && HoIp6FlowKey::layoutHolds(),
               "the layout is part of the table format");
 static_assert(sizeof(HoIpFlowKey) == 36 && sizeof(HoIp6FlowKey) == 60, "rows reserve this much for the key");
@@ -89,6 +100,8 @@ public:
       : key_(HoFlowState{}) {}
    HosStateCounterKey(HoFlowState key)
       : key_(key) {}
+   /// Parses the text form, which is that of the state. @throws Zeb::RangeException
+   HosStateCounterKey(Zeb::String::IteratorConst& it, Zeb::String::IteratorConst const& end);
 
    HoFlowState key() const { return key_; }
 
@@ -100,11 +113,15 @@ public:
       out << " HosStateCounterKey: " << key_;
       return out.str();
    }
-   friend std::ostream& operator<<(std::ostream& out, HosStateCounterKey key) { return out << key.key_; }
 
 private:
    HoFlowState key_;
 };
+
+HOFLOW_EXPORT Zeb::String valueToStrep(HosStateCounterKey const& value);
+inline std::ostream& operator<<(std::ostream& out, HosStateCounterKey const& value) {
+   return out << valueToStrep(value);
+}
 
 static_assert(sizeof(HosStateCounterKey) == 1, "the key of a counter by state is one byte");
 static_assert(std::is_trivially_copyable_v<HosStateCounterKey>, "rows are copied as bytes");

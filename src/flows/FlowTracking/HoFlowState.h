@@ -3,6 +3,9 @@
 // of the table format; a byte that names no state may be met and is printed as its number.
 #pragma once
 
+#include "Lomi/Export.h"
+#include "Zeb/String.h"
+
 #include <cstdint>
 #include <optional>
 #include <ostream>
@@ -40,5 +43,10 @@ inline std::optional<HoFlowState> hoFlowStateFromText(std::string_view text) {
 inline std::ostream& operator<<(std::ostream& out, HoFlowState state) {
    return out << hoFlowStateText(state);
 }
+
+inline Zeb::String valueToStrep(HoFlowState const& state) { return hoFlowStateText(state); }
+/// @throws Zeb::RangeException
+HOFLOW_EXPORT HoFlowState sequenceToValue(Zeb::String::IteratorConst& it,
+                                          Zeb::String::IteratorConst const& end, HoFlowState*);
 
 } // namespace FlowTracking

@@ -30,6 +30,8 @@ public:
    BasicHoFlowStatus() {}
    explicit BasicHoFlowStatus(K const& key)
       : key_(key) {}
+   /// Parses the text form and moves `it` behind it. @throws Zeb::SyntaxException, Zeb::RangeException
+   BasicHoFlowStatus(Zeb::String::IteratorConst& it, Zeb::String::IteratorConst const& end);
 
    K const& key() const { return key_; }
    HoFlowState hoFlowState() const { return hoFlowState_; }
@@ -79,6 +81,15 @@ private:
 
 using HoIpFlowStatus = BasicHoFlowStatus<HoIpFlowKey>;
 using HoIp6FlowStatus = BasicHoFlowStatus<HoIp6FlowKey>;
+
+HOFLOW_EXPORT Zeb::String valueToStrep(HoIpFlowStatus const& value);
+HOFLOW_EXPORT Zeb::String valueToStrep(HoIp6FlowStatus const& value);
+inline std::ostream& operator<<(std::ostream& out, HoIpFlowStatus const& value) {
+   return out << valueToStrep(value);
+}
+inline std::ostream& operator<<(std::ostream& out, HoIp6FlowStatus const& value) {
+   return out << valueToStrep(value);
+}
 
 static_assert(HoIpFlowStatus::layoutHolds() && HoIp6FlowStatus::layoutHolds(), "part of the table format");
 static_assert(sizeof(HoIpFlowStatus) == 56 && sizeof(HoIp6FlowStatus) == 80, "part of the table format");

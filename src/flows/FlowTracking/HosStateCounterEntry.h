@@ -19,6 +19,8 @@ public:
    HosStateCounterEntry() {}
    explicit HosStateCounterEntry(HosStateCounterKey const& key)
       : key_(key) {}
+   /// Parses the text form and moves `it` behind it. @throws Zeb::SyntaxException, Zeb::RangeException
+   HosStateCounterEntry(Zeb::String::IteratorConst& it, Zeb::String::IteratorConst const& end);
 
    HosStateCounterKey const& key() const { return key_; }
    unsigned int hoFlows() const { return hoFlows_; }
@@ -55,6 +57,11 @@ private:
    [[maybe_unused]] unsigned char unused_[3];
    unsigned int hoFlows_ = 0;
 };
+
+HOFLOW_EXPORT Zeb::String valueToStrep(HosStateCounterEntry const& value);
+inline std::ostream& operator<<(std::ostream& out, HosStateCounterEntry const& value) {
+   return out << valueToStrep(value);
+}
 
 static_assert(HosStateCounterEntry::layoutHolds(), "part of the table format");
 

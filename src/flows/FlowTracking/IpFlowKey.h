@@ -40,6 +40,12 @@ using Ovie::VlanId;
 /// Direction of a flow through the switch. A byte in the table; other values than these may be met.
 enum class TrafficDirection : std::uint8_t { unspecified = 0, ingress = 1, egress = 2 };
 
+/// The direction's name, or its number where it has none.
+HOFLOW_EXPORT Zeb::String valueToStrep(TrafficDirection const& direction);
+/// @throws Zeb::RangeException
+HOFLOW_EXPORT TrafficDirection sequenceToValue(Zeb::String::IteratorConst& it,
+                                               Zeb::String::IteratorConst const& end, TrafficDirection*);
+
 template <class Addr> class HOFLOW_EXPORT BasicIpFlowKey {
 public:
    using Address = Addr;
@@ -66,6 +72,8 @@ public:
       , srcPort_(srcPort)
       , dstPort_(dstPort)
       , direction_(direction) {}
+   /// Parses the text form and moves `it` behind it. @throws Zeb::SyntaxException, Zeb::RangeException
+   BasicIpFlowKey(Zeb::String::IteratorConst& it, Zeb::String::IteratorConst const& end);
 
    VrfId vrfId() const { return vrfId_; }
    VlanId vlanId() const { return vlanId_; }
@@ -174,6 +182,10 @@ private:
 using IpFlowKey = BasicIpFlowKey<Ip::IpAddr>;
 using Ip6FlowKey = BasicIpFlowKey<Ip::Ip6Addr>;
 
+HOFLOW_EXPORT Zeb::String valueToStrep(IpFlowKey const& value);
+HOFLOW_EXPORT Zeb::String valueToStrep(Ip6FlowKey const& value);
+
+/// For people. The text form that parses back is that of valueToStrep.
 template <class Addr> std::ostream& operator<<(std::ostream& out, BasicIpFlowKey<Addr> const& key) {
    return out << key.str();
 }

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The seven tables: for each record its policy type, its writer and its reader. The templates are
-// instantiated once, in the Tables*.cpp beside this, so a user's source compiles quickly.
+// The seven tables: for each record its policy type, its writer, its reader and its collection. The templates
+// are instantiated once, in the Tables*.cpp beside this, so a user's source compiles quickly.
 //
 //   char const* const table = "flowtracking/default/...";
 //   FlowTracking::HoIpFlowCounterOps::Writer writer(handler, table, Mirak::MapDescriptor(100));
@@ -11,7 +11,7 @@
 #include "FlowTracking/HoFlowCounter.h"
 #include "FlowTracking/HoFlowStatus.h"
 #include "FlowTracking/HosStateCounterEntry.h"
-#include "Mirak/MirakDummy.h"
+#include "Mirak/MirakMap.h"
 #include "Mirak/MirakReader.h"
 #include "Mirak/MirakWriter.h"
 #include "Mirak/TesselPos.h"
@@ -61,3 +61,11 @@ extern template class Mirak::MirakWriter<FlowTracking::HoIp6FlowStatusOps>;
 extern template class Mirak::MirakWriter<FlowTracking::HoIpFlowCounterOps>;
 extern template class Mirak::MirakWriter<FlowTracking::HoIp6FlowCounterOps>;
 extern template class Mirak::MirakWriter<FlowTracking::HosStateCounterOps>;
+
+extern template class Mirak::MirakMap<FlowTracking::HoIpFlowConfigOps>;
+extern template class Mirak::MirakMap<FlowTracking::HoIp6FlowConfigOps>;
+extern template class Mirak::MirakMap<FlowTracking::HoIpFlowStatusOps>;
+extern template class Mirak::MirakMap<FlowTracking::HoIp6FlowStatusOps>;
+extern template class Mirak::MirakMap<FlowTracking::HoIpFlowCounterOps>;
+extern template class Mirak::MirakMap<FlowTracking::HoIp6FlowCounterOps>;
+extern template class Mirak::MirakMap<FlowTracking::HosStateCounterOps>;

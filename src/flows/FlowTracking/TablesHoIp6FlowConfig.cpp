@@ -4,3 +4,4 @@
 
 template class Mirak::MirakReader<FlowTracking::HoIp6FlowConfigOps>;
 template class Mirak::MirakWriter<FlowTracking::HoIp6FlowConfigOps>;
+template class Mirak::MirakMap<FlowTracking::HoIp6FlowConfigOps>;

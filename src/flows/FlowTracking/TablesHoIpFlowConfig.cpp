@@ -4,3 +4,4 @@
 
 template class Mirak::MirakReader<FlowTracking::HoIpFlowConfigOps>;
 template class Mirak::MirakWriter<FlowTracking::HoIpFlowConfigOps>;
+template class Mirak::MirakMap<FlowTracking::HoIpFlowConfigOps>;

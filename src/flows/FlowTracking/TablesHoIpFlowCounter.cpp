@@ -4,3 +4,4 @@
 
 template class Mirak::MirakReader<FlowTracking::HoIpFlowCounterOps>;
 template class Mirak::MirakWriter<FlowTracking::HoIpFlowCounterOps>;
+template class Mirak::MirakMap<FlowTracking::HoIpFlowCounterOps>;

@@ -4,3 +4,4 @@
 
 template class Mirak::MirakReader<FlowTracking::HoIpFlowStatusOps>;
 template class Mirak::MirakWriter<FlowTracking::HoIpFlowStatusOps>;
+template class Mirak::MirakMap<FlowTracking::HoIpFlowStatusOps>;

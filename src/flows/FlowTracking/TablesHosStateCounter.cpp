@@ -4,3 +4,4 @@
 
 template class Mirak::MirakReader<FlowTracking::HosStateCounterOps>;
 template class Mirak::MirakWriter<FlowTracking::HosStateCounterOps>;
+template class Mirak::MirakMap<FlowTracking::HosStateCounterOps>;

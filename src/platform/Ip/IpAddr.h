@@ -52,6 +52,13 @@ private:
 using IpAddr = Address<4>;
 using Ip6Addr = Address<16>;
 
+template <unsigned N> Zeb::String valueToStrep(Address<N> const& address) { return address.str(); }
+/// @throws Zeb::RangeException
+HOFLOW_EXPORT IpAddr sequenceToValue(Zeb::String::IteratorConst& it, Zeb::String::IteratorConst const& end,
+                                     IpAddr*);
+HOFLOW_EXPORT Ip6Addr sequenceToValue(Zeb::String::IteratorConst& it, Zeb::String::IteratorConst const& end,
+                                      Ip6Addr*);
+
 static_assert(sizeof(IpAddr) == 4 && alignof(IpAddr) == 1, "IPv4 keys place it at offsets 6 and 10");
 static_assert(sizeof(Ip6Addr) == 16 && alignof(Ip6Addr) == 1, "IPv6 keys place it at offsets 6 and 22");
 static_assert(std::is_trivially_copyable_v<Ip6Addr>, "rows are copied as bytes");

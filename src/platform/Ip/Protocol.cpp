@@ -2,6 +2,8 @@
 // The table of protocol names. Names are unique without regard to case; numbers are those that IANA assigned.
 #include "Ip/Protocol.h"
 
+#include "Zeb/Strep.h"
+
 #include <algorithm>
 #include <charconv>
 #include <strings.h>
@@ -53,6 +55,12 @@ std::optional<Protocol> protocolFromText(std::string_view text) {
    auto const read = std::from_chars(text.data(), text.data() + text.size(), value);
    if (text.empty() || read.ec != std::errc() || read.ptr != text.data() + text.size()) return std::nullopt;
    return static_cast<Protocol>(value);
+}
+
+Protocol sequenceToValue(Zeb::String::IteratorConst& it, Zeb::String::IteratorConst const& end, Protocol*) {
+   auto const belongs = [](char c) { return Zeb::Impl::isLetter(c) || Zeb::Impl::isDigit(c) || c == '-'; };
+   return Zeb::printedValue<Protocol>(it, end, "a protocol's name, like TCP, or its number if it has none,",
+                                      belongs, protocolFromText);
 }
 
 } // namespace Ip

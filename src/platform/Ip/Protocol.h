@@ -6,6 +6,7 @@
 #pragma once
 
 #include "Lomi/Export.h"
+#include "Zeb/String.h"
 
 #include <cstdint>
 #include <optional>
@@ -41,5 +42,10 @@ HOFLOW_EXPORT std::string protocolText(Protocol protocol);
 
 /// The inverse, for what people type: a name in any case, or a decimal number. Nothing for other texts.
 HOFLOW_EXPORT std::optional<Protocol> protocolFromText(std::string_view text);
+
+inline Zeb::String valueToStrep(Protocol const& protocol) { return protocolText(protocol); }
+/// @throws Zeb::RangeException
+HOFLOW_EXPORT Protocol sequenceToValue(Zeb::String::IteratorConst& it, Zeb::String::IteratorConst const& end,
+                                       Protocol*);
 
 } // namespace Ip

@@ -9,6 +9,7 @@
 #include <fcntl.h>
 #include <mutex>
 #include <sys/stat.h>
+#include <unistd.h>
 #include <vector>
 
 namespace Mem {
@@ -94,6 +95,14 @@ bool WriterLock::ownerIsAlive(Lomi::Platform::DebugHandler const& handler, NaoRo
    bool const alive = ::fcntl(file.get(), F_OFD_GETLK, &probe) == 0 && probe.l_type != F_UNLCK;
    LOMI_TRACE(handler, 5, "WriterLock", "{} {}", rootPath.str(), alive);
    return alive;
+}
+
+std::string WriterLock::processName(u32 pid) {
+   Descriptor const file(::open(fmt::format("/proc/{}/comm", pid).c_str(), O_RDONLY | O_CLOEXEC));
+   char text[64];
+   ssize_t const got = file ? ::read(file.get(), text, sizeof text) : 0;
+   std::string name(text, got > 0 ? static_cast<std::size_t>(got) : 0);
+   return name.substr(0, name.find('\n'));
 }
 
 bool WriterLock::held() const { return file_ && file_->fd() >= 0; }

@@ -13,6 +13,7 @@
 #include "Mem/SharedWords.h"
 
 #include <memory>
+#include <string>
 
 namespace Parcel {
 class OwnerFile;
@@ -42,6 +43,8 @@ public:
    /// unknown.
    static bool ownerIsAlive(Lomi::Platform::DebugHandler const& handler, NaoRootPath const& rootPath,
                             u32* pid = nullptr);
+   /// What the system calls the process, up to 15 characters; empty if there is none.
+   static std::string processName(u32 pid);
 
    /// False for one that was moved from or released, and in a forked child.
    bool held() const;

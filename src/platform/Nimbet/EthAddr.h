@@ -35,6 +35,11 @@ private:
    std::array<std::uint8_t, 6> bytes_;
 };
 
+inline Zeb::String valueToStrep(EthAddr const& address) { return address.str(); }
+/// @throws Zeb::RangeException
+HOFLOW_EXPORT EthAddr sequenceToValue(Zeb::String::IteratorConst& it, Zeb::String::IteratorConst const& end,
+                                      EthAddr*);
+
 static_assert(sizeof(EthAddr) == 6 && alignof(EthAddr) == 1, "records place it at offsets 52 and 58");
 static_assert(std::is_trivially_copyable_v<EthAddr>, "rows are copied as bytes");
 

@@ -2,6 +2,8 @@
 // Reads an interface from its text form. The inverse of IntfId::str().
 #include "Nimbet/IntfId.h"
 
+#include "Zeb/Strep.h"
+
 #include <charconv>
 
 namespace Nimbet {
@@ -19,6 +21,16 @@ void IntfId::parse(std::string_view name) {
    }
    number_ = number;
    kind_ = kind;
+}
+
+IntfId sequenceToValue(Zeb::String::IteratorConst& it, Zeb::String::IteratorConst const& end, IntfId*) {
+   auto const belongs = [](char c) { return Zeb::Impl::isDigit(c) || Zeb::Impl::isLower(c) || c == '.'; };
+   return Zeb::printedValue<IntfId>(it, end, "an interface, like if7, or none", belongs,
+                                    [](std::string_view text) -> std::optional<IntfId> {
+                                       IntfId intfId;
+                                       intfId.handleInitialized(Zeb::String(text));
+                                       return intfId;
+                                    });
 }
 
 } // namespace Nimbet

@@ -59,6 +59,11 @@ private:
    std::uint32_t kind_;
 };
 
+inline Zeb::String valueToStrep(IntfId const& intfId) { return intfId.str(); }
+/// @throws Zeb::RangeException
+HOFLOW_EXPORT IntfId sequenceToValue(Zeb::String::IteratorConst& it, Zeb::String::IteratorConst const& end,
+                                     IntfId*);
+
 static_assert(sizeof(IntfId) == 8 && alignof(IntfId) == 4,
               "keys and records reserve 8 bytes at 4-aligned offsets");
 static_assert(std::is_trivially_copyable_v<IntfId>, "rows are copied as bytes");

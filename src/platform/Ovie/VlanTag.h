@@ -29,6 +29,9 @@ public:
       bytes_[5] = 0;
    }
 
+   /// Parses the text form. @throws Zeb::RangeException
+   HOFLOW_EXPORT VlanTag(Zeb::String::IteratorConst& it, Zeb::String::IteratorConst const& end);
+
    /// Protocol id in the upper half, tag control information in the lower.
    std::uint32_t word() const {
       std::uint32_t word;
@@ -67,6 +70,8 @@ public:
 private:
    std::uint8_t bytes_[6];
 };
+
+inline Zeb::String valueToStrep(VlanTag const& tag) { return tag.str(); }
 
 static_assert(sizeof(VlanTag) == 6 && alignof(VlanTag) == 1, "records place it at offsets 64 and 70");
 static_assert(std::is_trivially_copyable_v<VlanTag>, "rows are copied as bytes");

@@ -248,15 +248,22 @@ u32 OwnerFile::pid() const {
    return !local_ && read(record, error) ? record.pid : 0;
 }
 
+std::optional<OwnerFacts> OwnerFile::facts(std::string& error) const {
+   Record record;
+   if (local_ || !read(record, error)) return std::nullopt;
+   return OwnerFacts{record.version,  record.pid,        record.startTime,
+                     record.typeName, record.parcelType, {record.socketName, record.tableId}};
+}
+
 std::string OwnerFile::headerToString() const {
    if (local_) return "local";
-   Record record;
    std::string error;
-   if (!read(record, error)) return error;
+   auto const f = facts(error);
+   if (!f) return error;
    return fmt::format(
        "version:{} pid:{} startTime:{}.{:09} typeName:\"{}\" parcelType:{} socketName:\"{}\" tableId:{}",
-       record.version, record.pid, record.startTime / 1000000000u, record.startTime % 1000000000u,
-       record.typeName, record.parcelType, record.socketName, record.tableId);
+       f->version, f->pid, f->startTime / 1000000000u, f->startTime % 1000000000u, f->typeName, f->parcelType,
+       f->tunnetInfo.socketName, f->tunnetInfo.tableId);
 }
 
 void OwnerFile::remove() {

@@ -16,6 +16,7 @@
 #include <sys/types.h>
 
 #include <memory>
+#include <optional>
 #include <string>
 
 namespace Mem {
@@ -36,6 +37,16 @@ struct TunnetInfo {
 
 /// What kind of table a directory holds.
 enum class ParcelType : u32 { none = 0, mirak = 1 };
+
+/// What the record says, taken in one read.
+struct OwnerFacts {
+   u32 version = 0;
+   u32 pid = 0;
+   u64 startTime = 0; ///< nanoseconds since 1970
+   std::string typeName;
+   u32 parcelType = 0; ///< a ParcelType, or what another version knows
+   TunnetInfo tunnetInfo;
+};
 
 /// A local table has no owner file: it is always valid, setters and lock() do nothing.
 class HOFLOW_EXPORT OwnerFile {
@@ -77,6 +88,8 @@ public:
    /// The recorded process, 0 if there is no sound record.
    u32 pid() const;
 
+   /// Nothing if there is no sound record; then `error` says why.
+   std::optional<OwnerFacts> facts(std::string& error) const;
    /// The record in words; of a damaged one, what is wrong with it.
    std::string headerToString() const;
    /// An absent file is no failure. Throws Lomi::RuntimeException if it can't be removed.

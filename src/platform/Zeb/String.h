@@ -6,7 +6,7 @@
 // threads at once, as its count is atomic; nothing about it is ever changed in place.
 //
 // This file also lets fmt print every type that offers `mirakString()` or `str()`, so that keys and rows can
-// stand in traces and messages. It does not parse: the text forms that parse back live with the records.
+// stand in traces and messages. It does not parse: Strep.h does.
 #pragma once
 
 #include "Lomi/Export.h"
@@ -50,11 +50,48 @@ public:
       return a.shared_ == b.shared_ || a.view() == b.view();
    }
    friend std::strong_ordering operator<=>(String const& a, String const& b) { return a.view() <=> b.view(); }
+
+   class IteratorConst;
+   IteratorConst begin() const;
+   IteratorConst end() const;
+
    friend std::ostream& operator<<(std::ostream& out, String const& text) { return out << text.view(); }
 
 private:
    std::shared_ptr<std::string const> shared_;
 };
+
+/// A place in a string, by which parsers walk over it. It keeps the string alive.
+class String::IteratorConst {
+public:
+   char operator*() const { return (*shared_)[at_]; }
+   IteratorConst& operator++() { return *this += 1; }
+   IteratorConst& operator+=(std::size_t characters) {
+      at_ += characters;
+      return *this;
+   }
+   /// Of two places in one string.
+   friend bool operator==(IteratorConst const& a, IteratorConst const& b) { return a.at_ == b.at_; }
+
+   /// Characters before this one.
+   std::size_t offset() const { return at_; }
+   /// What lies before `end`, a place in the same string. Good as long as an iterator or the string lives.
+   std::string_view upTo(IteratorConst const& end) const {
+      return shared_ ? std::string_view(*shared_).substr(at_, end.at_ - at_) : std::string_view("");
+   }
+
+private:
+   friend class String;
+   IteratorConst(std::shared_ptr<std::string const> shared, std::size_t at)
+      : shared_(std::move(shared))
+      , at_(at) {}
+
+   std::shared_ptr<std::string const> shared_;
+   std::size_t at_;
+};
+
+inline String::IteratorConst String::begin() const { return {shared_, 0}; }
+inline String::IteratorConst String::end() const { return {shared_, size()}; }
 
 /// Formats as printf does, with any length of result.
 HOFLOW_EXPORT String format(char const* pattern, ...) __attribute__((format(printf, 1, 2)));

@@ -3,21 +3,11 @@
 #pragma once
 
 #include "Lomi/Export.h"
+#include "Mem/CollectionDescriptor.h"
 #include "Mirak/SlotLink.h"
 
 #include <fmt/format.h>
 #include <string>
-
-namespace Mem {
-
-/// Base of all collections' descriptors; whoever takes one casts it down to the kind that it knows.
-struct CollectionDescriptor {
-   virtual ~CollectionDescriptor() = default;
-};
-
-enum class MountStatus { notMounted = 0, mounted = 1, synchronised = 2, flushing = 3 };
-
-} // namespace Mem
 
 namespace Mirak {
 

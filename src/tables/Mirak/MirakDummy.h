@@ -39,6 +39,10 @@ public:
    }
    Mem::NaoRootPath rootPath() const override { return rootPath_; }
    std::string mirakName() const override { return rootPath_.dirName(); }
+   bool callsBack() const override { return prevBack_ && prevBack_->callsBack(); }
+   /// Hands over the back end behind it, for another placeholder that takes this one's place.
+   std::unique_ptr<MirakInterfaceBase> takePrevBack() { return std::move(prevBack_); }
+   void prevBackIs(std::unique_ptr<MirakInterfaceBase> prevBack) { prevBack_ = std::move(prevBack); }
 
 protected:
    void trace(char const* operation) const {

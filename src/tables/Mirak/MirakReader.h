@@ -60,6 +60,8 @@ public:
    void detach(bool force) override;
    /// Why the last initialize() returned false; empty after one that returned true.
    std::string const& initializeError() const { return initializeError_; }
+   /// Whether it was because the files are damaged: they will not get better by waiting.
+   bool damageFound() const { return damageFound_; }
    /// True when the path leads to other files than those that are mapped: the table was removed, and perhaps
    /// made again. Always false while detached.
    bool filesReplaced() const;
@@ -105,11 +107,10 @@ private:
    friend class MirakCore::ReaderHashMap<MirakReader>;
 
    bool open(std::string const& event);
-   bool validateBuckets(Parcel::KestorFile const& kestorFile);
-   bool validateSlots(Parcel::KestorFile const& kestorFile);
+   bool validateBuckets();
+   bool validateSlots();
    bool fail(char const* what, std::string const& file, std::string const& why);
-   bool failCorrupt(char const* what, std::string const& file, std::string const& why,
-                    Parcel::KestorFile const& kestorFile);
+   bool failCorrupt(char const* what, std::string const& file, std::string const& why);
    void release();
 
    template <class Operation> auto retried(Operation&& operation) const {
@@ -141,6 +142,7 @@ private:
    mutable MirakCore::ReaderHashMap<MirakReader> buckets_;
    Parcel::KestorId kestorId_; ///< as read by initialize()
    std::string initializeError_;
+   bool damageFound_ = false;
    mutable Value buffer_; ///< for a lookup without a caller's buffer
 };
 

@@ -28,6 +28,7 @@ template <class Ops> bool MirakReader<Ops>::initialize(std::string const& event)
       throw Lomi::InvalidInitializeException("Hardware does not support Atomics");
    if (this->initialized()) return true;
    initializeError_.clear();
+   damageFound_ = false;
    bool opened = false;
    try {
       opened = open(event);
@@ -56,7 +57,7 @@ template <class Ops> bool MirakReader<Ops>::open(std::string const& event) {
       LOMI_TRACE(debugHandler_, 0, "MirakReader", "{}", dumpHeaders());
       return false;
    }
-   if (!validateBuckets(kestorFile) || !validateSlots(kestorFile)) return false;
+   if (!validateBuckets() || !validateSlots()) return false;
    // What was validated is of this generation only if nobody began to format meanwhile.
    if (Parcel::KestorId const now = kestorFile.read(); now != kestorId_)
       return fail("failed to read kestor file", kestorFile.getFilename(),
@@ -69,14 +70,14 @@ template <class Ops> bool MirakReader<Ops>::open(std::string const& event) {
    return true;
 }
 
-template <class Ops> bool MirakReader<Ops>::validateBuckets(Parcel::KestorFile const& kestorFile) {
+template <class Ops> bool MirakReader<Ops>::validateBuckets() {
    auto& buckets = buckets_.buckets();
    std::string error;
    if (buckets.validate(kestorId_, error)) return true;
-   return failCorrupt("failed to validate buckets", buckets.mapping().getFilename(), error, kestorFile);
+   return failCorrupt("failed to validate buckets", buckets.mapping().getFilename(), error);
 }
 
-template <class Ops> bool MirakReader<Ops>::validateSlots(Parcel::KestorFile const& kestorFile) {
+template <class Ops> bool MirakReader<Ops>::validateSlots() {
    using Table = SlotReaderTable<Ops>;
    SlotTableHeader copy;
    u64 const memSize = slots_.copyHeader(copy);
@@ -88,7 +89,7 @@ template <class Ops> bool MirakReader<Ops>::validateSlots(Parcel::KestorFile con
          return fail("failed to validate slots", file, mismatch);
    std::string error;
    if (!copy.validate(debugHandler_, memSize, kestorId_, Table::headerSize, Table::slotSize, error))
-      return failCorrupt("failed to validate slots", file, error, kestorFile);
+      return failCorrupt("failed to validate slots", file, error);
    // The seed of the copy that was validated; the one that attach() saw may be older.
    slots_.hashSeedIs(copy.hashSeed);
    return true;
@@ -105,13 +106,10 @@ bool MirakReader<Ops>::fail(char const* what, std::string const& file, std::stri
 
 /// The same for headers that can't be right, with the marker file for it.
 template <class Ops>
-bool MirakReader<Ops>::failCorrupt(char const* what, std::string const& file, std::string const& why,
-                                   Parcel::KestorFile const& kestorFile) {
+bool MirakReader<Ops>::failCorrupt(char const* what, std::string const& file, std::string const& why) {
    fail(what, file, why);
    LOMI_TRACE(debugHandler_, 0, "MirakReader", "{}", dumpHeaders());
-   // The kestor file goes away before a re-format touches anything: a half-formatted header is no damage.
-   if (corruptionMarker_ && kestorFile.read() == kestorId_)
-      Util::writeCorruptionFile(debugHandler_, rootPath_.str(), why);
+   damageFound_ = Util::isDamage(debugHandler_, rootPath_, kestorId_, corruptionMarker_ ? &why : nullptr);
    return false;
 }
 

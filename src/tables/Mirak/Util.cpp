@@ -6,6 +6,7 @@
 #include "Mem/FileCalls.h"
 #include "Mirak/SlotTable.h"
 #include "MirakCore/BucketTable.h"
+#include "Parcel/KestorFile.h"
 
 #include <atomic>
 #include <cerrno>
@@ -34,6 +35,22 @@ void writeCorruptionFile(Lomi::Platform::DebugHandler const& handler, std::strin
    // A marker that is cut short still marks; there is nobody to tell.
    if (write(file.get(), text.data(), text.size()) < 0)
       LOMI_TRACE(handler, 3, "Util", "cannot write {}: {}", path, std::strerror(errno));
+}
+
+bool isDamage(Lomi::Platform::DebugHandler const& handler, Mem::NaoRootPath const& rootPath,
+              Parcel::KestorId kestor, std::string const* reason) {
+   Parcel::KestorFile const file(handler, rootPath, false);
+   if (file.read() != kestor) return false;
+   if (!reason) return true;
+   writeCorruptionFile(handler, rootPath.str(), *reason);
+   if (file.read() == kestor) return true;
+   // A format began in between: the marker would be taken for a word on the new table.
+   try {
+      removeCorruptionFile(rootPath);
+   } catch (Lomi::RuntimeException const& e) {
+      LOMI_TRACE(handler, 3, "Util", "{}", e.what());
+   }
+   return false;
 }
 
 void removeFile(Mem::NaoRootPath const& rootPath, char const* fileName) {

@@ -5,6 +5,7 @@
 #include "Lomi/Trace.h"
 #include "Mem/Paths.h"
 #include "Mem/SharedWords.h"
+#include "Mem/TableState.h"
 #include "Parcel/KestorId.h"
 
 #include <string>
@@ -14,12 +15,17 @@ namespace Mirak::Util {
 using Mem::u32;
 using Mem::u64;
 
-inline constexpr char const* corruptionFileName = "corruption-detected";
+using Mem::corruptionFileName;
 
 /// Leaves a marker with the reason beside a table that a reader found damaged. Silent where it may not write:
 /// a reader needs no more than read rights.
 void writeCorruptionFile(Lomi::Platform::DebugHandler const& handler, std::string const& directory,
                          std::string const& error);
+/// Tells damage of a table that was opened as generation `kestor` from its being formatted anew meanwhile:
+/// the kestor file goes away before a format touches anything. @param reason where not null, left as the
+/// marker if it is damage
+bool isDamage(Lomi::Platform::DebugHandler const& handler, Mem::NaoRootPath const& rootPath,
+              Parcel::KestorId kestor, std::string const* reason);
 /// Removes the marker, if there is one.
 void removeCorruptionFile(Mem::NaoRootPath const& rootPath);
 /// Removes a file of the table's directory, if it is there.

@@ -1,0 +1,217 @@
+// SPDX-License-Identifier: Apache-2.0
+// Entities whose collections are mounted, as writer and as reader in one process: what a reader's entity
+// answers and refuses, orphans, damage, and DelAll with notifiees that write, remove and let go meanwhile.
+#include "Collections.h"
+
+#include <filesystem>
+#include <fstream>
+
+namespace Test {
+namespace {
+
+/// Runs the event loop until `done`.
+template <class Done> void until(Done done) {
+   while (!done()) Lomi::TaskSchedulerRoot::root().run(1);
+}
+
+/// A writer's and a reader's entity at the same place, in trees of their own.
+template <class C> struct Pair {
+   Planted<C> writer, reader;
+
+   Pair() { Lomi::Platform::defaultMaskIs(0); }
+   ~Pair() { Lomi::Platform::defaultMaskIs(1); }
+   void mount(bool strict = false) {
+      writer.mount(MirakType::writer);
+      reader.mount(MirakType::reader, strict);
+      until([&] { return C::control(*reader)->mountStatus() == ZebParcel::MountStatus::mounted; });
+   }
+};
+
+template <class C> class Mounted : public testing::Test {};
+TYPED_TEST_SUITE(Mounted, AllCollections, CollectionName);
+
+TYPED_TEST(Mounted, ReadersSeeTheWritersRowsAndChangeNothing) {
+   using C = TypeParam;
+   using Key = typename C::Key;
+   using Record = typename C::Record;
+   Pair<C> pair;
+   auto& reader = *pair.reader;
+   pair.reader.mount(MirakType::reader); // waits
+   EXPECT_EQ(pair.reader.rows(), 0u);
+   EXPECT_THROW(C::is(reader, Record(keyNumber<Key>(1))), Lomi::NoPermissionException);
+   std::vector<int> heard;
+   C::control(reader)->newMember(Listener::make([&](Zeb::AttributeId id, void const*) {
+      auto const& control = *C::control(reader);
+      heard.push_back(id == ZebParcel::CollectionControl::mountStatusAttribute ? int(control.mountStatus())
+                                                                               : 10 + control.quiesced());
+   }));
+   pair.writer.add(0, 5); // lost by the mount
+   pair.writer.mount(MirakType::writer);
+   EXPECT_EQ(C::control(*pair.writer)->mountStatus(), ZebParcel::MountStatus::mounted);
+   EXPECT_TRUE(C::control(*pair.writer)->quiesced());
+   EXPECT_EQ(pair.writer.rows(), 0u);
+   pair.writer.add(1, 40);
+   until([&] { return C::map(reader).ready(); });
+   EXPECT_EQ(heard, (std::vector{11, 1})); // quiesced, then mounted
+   EXPECT_EQ(pair.reader.rows(), 39u);
+   EXPECT_TRUE(C::get(reader, keyNumber<Key>(7)) == Record(keyNumber<Key>(7)));
+
+   Cells const before = Cells::of(C::name);
+   EXPECT_THROW(C::is(reader, Record(keyNumber<Key>(1))), Lomi::NoPermissionException);
+   EXPECT_THROW(C::del(reader, keyNumber<Key>(1)), Lomi::NoPermissionException);
+   EXPECT_THROW(C::delAll(reader), Lomi::NoPermissionException); // out of its first Del
+   EXPECT_EQ(Cells::of(C::name) - before, (Cells{1, 2, 0}));     // counted, not told
+   EXPECT_EQ(pair.writer.rows(), 39u);
+
+   heard.clear();
+   pair.reader.tree->entityDel("at");
+   EXPECT_EQ(heard, (std::vector{10, 0}));
+   EXPECT_FALSE(C::map(reader).initialized());
+   EXPECT_TRUE(C::get(reader, keyNumber<Key>(7)) == Record());
+}
+
+TYPED_TEST(Mounted, OnlyTablesWithAQueueCanBeFollowed) {
+   using C = TypeParam;
+   constexpr bool hasQueue =
+       std::is_same_v<typename C::Entity, HoFlowConfig> || std::is_same_v<typename C::Entity, HoFlowStatus>;
+   for (auto const type : {MirakType::shadow, MirakType::keyshadow}) {
+      Planted<C> planted;
+      try {
+         planted.mount(type);
+         EXPECT_TRUE(hasQueue);
+      } catch (Lomi::InvalidInitializeException const& refused) {
+         EXPECT_FALSE(hasQueue);
+         EXPECT_EQ(refused.msg(), "cannot initialize collection " + planted.path + "/e/" + C::name +
+                                      " with DummyTesselWriter not supported in " + formatMirakType(type) +
+                                      " mode");
+         planted.mount(MirakType::reader); // nothing stayed behind
+      }
+   }
+}
+
+// The storage doesn't matter for these: one table with a queue, mounted.
+using C = hoIpFlowConfigOfHoFlowConfig;
+using Key = C::Key;
+using Record = C::Record;
+
+struct DelAll : testing::Test {
+   Planted<C> planted;
+   std::vector<Key> order;
+
+   DelAll() {
+      planted.mount(MirakType::writer);
+      planted.add(0, 100);
+      auto const& map = C::map(*planted);
+      for (HoFlowConfig::Attribute4::Map::IteratorConst row(&map); row.valid(); row.advance())
+         order.push_back(row.row().key());
+   }
+   void listen(std::function<void(Key const&)> hear) {
+      (*planted).newMember(Listener::make([hear](Zeb::AttributeId, void const* key) {
+         Key const copy = *static_cast<Key const*>(key);
+         hear(copy);
+      }));
+   }
+};
+
+TEST_F(DelAll, ARowThatIsPutBackStays) {
+   bool busy = false;
+   listen([&](Key const& key) {
+      if (!std::exchange(busy, true)) {
+         C::is(*planted, Record(key));
+         busy = false;
+      }
+   });
+   C::delAll(*planted);
+   EXPECT_EQ(planted.rows(), 100u);
+}
+
+TEST_F(DelAll, RowsThatComeAndGoMeanwhileAreMetIfTheyLieAhead) {
+   std::set<Key> put;
+   unsigned told = 0;
+   bool busy = false;
+   listen([&](Key const&) {
+      if (std::exchange(busy, true)) return;
+      ++told;
+      // Growth of slots and buckets under the walk, removals before and behind it.
+      for (unsigned n = 0; told <= 10 && n < 10; ++n) {
+         Key const key = keyNumber<Key>(1000 + told * 10 + n);
+         C::is(*planted, Record(key));
+         put.insert(key);
+      }
+      C::del(*planted, order[told * 7 % order.size()]);
+      busy = false;
+   });
+   C::delAll(*planted);
+   for (unsigned n = 0; n < 100; ++n)
+      EXPECT_FALSE(C::map(*planted).members() && C::get(*planted, keyNumber<Key>(n)));
+   EXPECT_LT(planted.rows(), 100u); // what was put behind the walk
+   busy = true;
+   C::delAll(*planted);
+   EXPECT_EQ(planted.rows(), 0u);
+}
+
+TEST_F(DelAll, LettingGoOfTheMountEndsIt) {
+   unsigned told = 0;
+   listen([&](Key const&) {
+      if (++told == 3) C::control(*planted)->controlDetach();
+   });
+   C::delAll(*planted);
+   EXPECT_EQ(told, 3u);
+   planted.mount(MirakType::writer);
+   EXPECT_EQ(planted.rows(), 97u);
+}
+
+TEST_F(DelAll, AnotherTableInItsPlaceIsWalkedFromAFreshHint) {
+   unsigned told = 0;
+   listen([&](Key const&) {
+      if (++told != 3) return;
+      C::control(*planted)->cleanupAndDetach();
+      planted.mount(MirakType::writer); // formatted anew
+      planted.add(0, 100);
+   });
+   C::delAll(*planted);
+   EXPECT_LE(planted.rows(), 100u);
+   C::delAll(*planted);
+   EXPECT_EQ(planted.rows(), 0u);
+   EXPECT_TRUE(C::map(*planted).validate());
+}
+
+TEST_F(DelAll, StopsTheProcessOnAStrictOrphan) {
+   auto const orphan = [&] {
+      planted.tree->entityDel("at");
+      C::delAll(*planted);
+   };
+   C::control(*planted)->controlDetach();
+   planted.mount(MirakType::writer, true);
+   EXPECT_DEATH(orphan(), "operate on an orphan mirak entity");
+}
+
+TEST(Damage, StopsAWriterAndEndsAReadersWalkQuietly) {
+   Pair<C> pair;
+   pair.mount();
+   pair.writer.add(0, 100);
+   EXPECT_EQ(pair.reader.rows(), 100u);
+   auto const place = C::map(*pair.reader).rootPath().str();
+   {
+      auto const header = sizeof(Mirak::SlotTable<HoIpFlowConfigOps>::Header);
+      std::fstream file(place + "/slots", std::ios::binary | std::ios::in | std::ios::out);
+      file.seekp(static_cast<std::streamoff>(header));
+      file << std::string(std::filesystem::file_size(place + "/slots") - header, '\x7f');
+   }
+   EXPECT_DEATH(C::is(*pair.writer, Record(keyNumber<Key>(1))), "");
+   EXPECT_DEATH(C::del(*pair.writer, keyNumber<Key>(1)), "");
+   C::control(*pair.writer)->controlDetach(); // its sentry would stop it, too
+   std::filesystem::remove(place + "/corruption-detected");
+
+   Cells const before = Cells::of(C::name);
+   C::delAll(*pair.reader);
+   EXPECT_EQ(Cells::of(C::name), before);
+   EXPECT_TRUE(std::filesystem::exists(place + "/corruption-detected"));
+   EXPECT_FALSE(HoFlowConfig::Attribute4::Map::IteratorConst(&C::map(*pair.reader)).valid());
+   EXPECT_TRUE(C::get(*pair.reader, keyNumber<Key>(1)) == Record());
+   until([&] { return C::control(*pair.reader)->mountStatus() == ZebParcel::MountStatus::notMounted; });
+   EXPECT_EQ(pair.reader.rows(), 0u); // a table that went away
+}
+
+} // namespace
+} // namespace Test

@@ -1,0 +1,216 @@
+// SPDX-License-Identifier: Apache-2.0
+// A collection whose client writes down what it is told, and a process that writes a table on command.
+#pragma once
+
+#include "Lomi/TaskSchedulerRoot.h"
+#include "Mem/DirectoryWatch.h"
+#include "Mirak/MirakMap.h"
+#include "Processes.h"
+#include "TestRoot.h"
+#include "TestTable.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <filesystem>
+#include <memory>
+#include <poll.h>
+#include <string>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+#include <vector>
+
+// Instantiated once, in Support.cpp.
+extern template class Mirak::MirakReader<Test::OpsOf<Test::Row<5, true>>>;
+extern template class Mirak::MirakWriter<Test::OpsOf<Test::Row<5, true>>>;
+extern template class Mirak::MirakMap<Test::OpsOf<Test::Row<5, true>>>;
+extern template class Mirak::MirakReader<Test::OpsOf<Test::Row<5>>>;
+extern template class Mirak::MirakWriter<Test::OpsOf<Test::Row<5>>>;
+extern template class Mirak::MirakMap<Test::OpsOf<Test::Row<5>>>;
+
+namespace Test {
+
+namespace fs = std::filesystem;
+using Mirak::MapDescriptor;
+using Mirak::MirakType;
+using QueuedOps = OpsOf<Row<5, true>>;
+using PlainOps = OpsOf<Row<5>>;
+using Log = std::vector<std::string>;
+
+inline Lomi::TaskSchedulerRoot& loop() { return Lomi::TaskSchedulerRoot::root(); }
+
+/// Runs the loop until `done` or for 30 seconds, which only a failure takes.
+template <class Done> bool runUntil(Done done) {
+   for (double const end = now() + 30; !done();) {
+      if (now() > end) return false;
+      loop().run(0.5);
+   }
+   return true;
+}
+/// Runs what is ready, until nothing is.
+inline void settle() {
+   while (loop().run(0)) {
+   }
+}
+
+/// Only inotify can be what makes something happen while this lives.
+struct NoPoll {
+   NoPoll() { Mem::DirectoryWatch::pollPeriodIs(3600); }
+   ~NoPoll() { Mem::DirectoryWatch::pollPeriodIs(5); }
+};
+
+/// Traces of all levels up to `level`, instead of stderr; kept to be looked at.
+class Traces {
+public:
+   explicit Traces(unsigned level, bool keep = true) {
+      Lomi::Platform::defaultMaskIs((2u << level) - 1);
+      Lomi::Platform::traceSinkIs(
+          [this, keep](unsigned, std::string_view, std::string_view, std::string_view text) {
+             if (keep) lines.emplace_back(text);
+          });
+   }
+   ~Traces() {
+      Lomi::Platform::traceSinkIs({});
+      Lomi::Platform::defaultMaskIs(1);
+   }
+   std::size_t count(std::string_view part) const {
+      std::size_t found = 0;
+      for (auto const& line : lines) found += line.find(part) != std::string::npos;
+      return found;
+   }
+   std::vector<std::string> lines;
+};
+
+inline MapDescriptor settings(MirakType type, u32 size = 100) {
+   MapDescriptor descriptor(size);
+   descriptor.type = type;
+   descriptor.synchronous = true;
+   return descriptor;
+}
+
+template <class Ops> class Client : public Mirak::MirakMap<Ops> {
+   using Base = Mirak::MirakMap<Ops>;
+
+public:
+   using Base::assertOnOrphanAccess;
+   using Base::backIs;
+   using Base::mounter_;
+   using Base::notify;
+   using typename Base::BackEnd;
+   using typename Base::Value;
+
+   explicit Client(std::string const& table)
+      : Base(table) {
+      testRoot();
+      notify.quiescedFn = [this](bool quiesced) { hear(quiesced ? "quiesced" : "not quiesced"); };
+      notify.mountStatusFn = [this] {
+         hear(fmt::format("status {}", static_cast<int>(this->mountStatus())));
+      };
+      notify.keyDelFn = [this](Key const& key) { hear("removed " + key.str()); };
+      backIs(this->createDefaultLocalWriter(*this->debugHandler));
+   }
+   bool mounted() const { return this->readerFullyAttached(); }
+   bool put(u32 number, u32 generation) {
+      return this->safeWrite(Value::make({number, number}, generation)) != nullptr;
+   }
+   /// The generation of a row, 0 if there is none.
+   u32 get(u32 number) const {
+      bool found = true;
+      Value buffer;
+      auto const* const row = this->safeLookup({number, number}, found, &buffer);
+      return found ? (row->sound() ? row->generation() : ~0u) : 0;
+   }
+   /// Takes what was heard.
+   Log heard() { return std::exchange(log, {}); }
+
+   Log log;
+   std::function<void(std::string const&)> inCall; ///< run in each callback
+
+private:
+   void hear(std::string const& what) {
+      log.push_back(what);
+      if (inCall) inCall(what);
+   }
+};
+
+inline Log const mountedLog{"quiesced", "status 1"};
+inline Log const detachedLog{"not quiesced", "status 0"};
+
+/// A process with one collection that does what it is told:
+///   i init   w write a row with generation N   d controlDetach   c cleanupAndDetach   o nothing
+class WriterProcess {
+public:
+   explicit WriterProcess(std::string name)
+      : name_(std::move(name)) {}
+   ~WriterProcess() { kill(); }
+
+   /// A new process, which has mounted the table.
+   void start() {
+      int ends[2];
+      ASSERT_EQ(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends), 0);
+      auto const work = [&] {
+         ::close(ends[0]);
+         obey(ends[1]);
+      };
+      child_ = std::make_unique<Child>(work);
+      ::close(ends[1]);
+      socket_ = Mem::Descriptor(ends[0]);
+      ask('i');
+   }
+   void ask(char command, u32 number = 0) {
+      char text[8] = {command};
+      std::memcpy(text + 4, &number, 4);
+      ASSERT_EQ(::send(socket_.get(), text, sizeof text, MSG_NOSIGNAL), ssize_t(sizeof text)) << command;
+      pollfd wait{socket_.get(), POLLIN, 0};
+      ASSERT_EQ(::poll(&wait, 1, 30000), 1) << command;
+      ASSERT_EQ(::recv(socket_.get(), text, sizeof text, 0), 1) << command;
+   }
+   void kill() {
+      if (child_) child_->kill();
+      child_.reset();
+   }
+   /// Waits for its end. @return as Child::wait
+   int end() { return child_->wait(); }
+   bool ended() { return child_->ended(); }
+   pid_t pid() const { return child_->pid(); }
+
+private:
+   void obey(int socket) {
+      Traces const quietly(0);
+      Client<QueuedOps> table(name_);
+      auto const task = loop().descriptorTask(socket, EPOLLIN, [&](std::uint32_t) {
+         char text[8];
+         if (::recv(socket, text, sizeof text, 0) != ssize_t(sizeof text)) ::_exit(0);
+         u32 number;
+         std::memcpy(&number, text + 4, 4);
+         switch (text[0]) {
+         case 'i':
+            table.init(settings(MirakType::writer));
+            break;
+         case 'w':
+            table.put(number, number);
+            break;
+         case 'd':
+            table.controlDetach();
+            break;
+         case 'c':
+            table.cleanupAndDetach();
+            break;
+         }
+         if (::send(socket, text, 1, MSG_NOSIGNAL) != 1) ::_exit(0);
+      });
+      for (;;) loop().run(-1);
+   }
+
+   std::string name_;
+   Mem::Descriptor socket_;
+   std::unique_ptr<Child> child_;
+};
+
+inline std::string fileOf(std::string const& table, char const* file) {
+   return testRoot() + "/" + table + "/" + file;
+}
+
+} // namespace Test
