@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// A process's copy of a table: sweeps at first, follows the queue from then on, and is woken by the table's
-// writer. As simple as a follower can be, and right: what it does with a slot is what any follower must do.
+// A copy of a table that is kept up to date by its queue. As simple as a follower can be, and right: what it
+// does with a slot is what any follower must do. RowCopy knows no loop and no wake-up; Copy is woken by the
+// table's writer.
 #pragma once
 
 #include "Judge.h"
@@ -13,60 +14,38 @@
 
 namespace Test {
 
-template <class R> class Copy final : public Tessel::SlotClient<Tessel::BasicSlot>, public Rusk::Follower {
-public:
-   using Reader = Mirak::MirakReader<OpsOf<R>>;
+/// What a careless user of the queue does wrong.
+enum class Mistake {
+   none,
+   startAfterTheSweep, // a sweep's start is taken at its end
+   sweepToTheCapacity, // not up to the last local row
+   removalNotAsked,    // validateNotif() isn't asked
+   sleepNotCompared    // the writer doesn't compare a sleeper's place with its own
+};
 
-   explicit Copy(std::string const& table)
+template <class R> class RowCopy : public Tessel::SlotClient<Tessel::BasicSlot> {
+public:
+   explicit RowCopy(std::string const& table, Mistake mistake = Mistake::none)
       : path_(quiet(), table.c_str(), false)
       , reader_(quiet(), table, {})
       , queue_(quiet(), path_, *this)
-      , rusk_(quiet(), path_, *this, "copy") {}
+      , mistake_(mistake) {}
 
-   /// @return false while there is no table
-   bool attach() {
-      if (!attachUnwoken()) return false;
-      rusk_.maybeConnect();
-      rusk_.processingIs(true);
-      return true;
-   }
-   /// Without the wake-up: the owner calls walk() when it likes.
+   /// Without the wake-up: the owner walks when it likes. @return false while there is no table
    bool attachUnwoken() { return reader_.initialize("test") && queue_.attach(reader_.kestorId()); }
-   void detach() {
-      rusk_.detach();
-      queue_.detach();
-      reader_.detach(false);
-   }
 
-   // --- Rusk::Follower ---
-   Rusk::Walked walk() override {
-      ++walks;
-      switch (queue_.walk(500)) {
-      case Tessel::WalkResult::more:
-         return Rusk::Walked::more;
-      case Tessel::WalkResult::quiesced:
-         return Rusk::Walked::atEnd;
-      case Tessel::WalkResult::resync:
-         sweep();
-         return Rusk::Walked::more;
-      default:
-         throw std::logic_error("the table was formatted anew");
-      }
-   }
-   bool behind() const override { return !queue_.quiesced(); }
-   Rusk::Sequence last() const override { return queue_.last(); }
-   Parcel::KestorId kestorId() const override { return reader_.kestorId(); }
-   void handleDisconnect() override { ++disconnects; }
-
-   // --- Tessel::SlotClient ---
    bool doSlot(u32 slot, Rusk::Sequence sequence, bool) override {
       R now;
-      bool const occupied = look(slot, now);
+      bool const occupied = look(slot, now), queued = sequence != Rusk::noSequence;
       if (occupied && !now.sound()) throw std::logic_error("torn row " + now.str());
       if (slot >= rows_.size()) rows_.resize(slot + 1);
       auto& old = rows_[slot];
       if (old && (!occupied || now.key() != old->key())) {
-         if (sequence != Rusk::noSequence && !queue_.validateNotif()) return false;
+         if (queued && mistake_ != Mistake::removalNotAsked && !queue_.validateNotif()) {
+            ++refused;
+            return false;
+         }
+         handleRemoval(*old, queued);
          places_.erase(old->key());
          old.reset();
       }
@@ -96,11 +75,34 @@ public:
       }
       return {};
    }
-   std::size_t size() const { return places_.size(); }
-   u64 wakes() const { return rusk_.counters().wakes; }
-   bool connected() const { return rusk_.connected(); }
 
-   u64 walks = 0, sweeps = 0, moved = 0, disconnects = 0;
+   u64 sweeps = 0, moved = 0, refused = 0;
+
+protected:
+   void detachTable() {
+      queue_.detach();
+      reader_.detach(false);
+   }
+   /// A removal is told. @param queued by the queue, not by a sweep
+   virtual void handleRemoval(R const&, bool /*queued*/) {}
+   /// A sweep begins, so far has everything been taken in.
+   virtual void handleSweep(Rusk::Sequence) {}
+   void sweep() {
+      ++sweeps;
+      Rusk::Sequence start = queue_.capture();
+      handleSweep(start);
+      bool found;
+      reader_.lookup({}, found, nullptr); // maps the table
+      u32 end = reader_.capacity();
+      if (mistake_ != Mistake::sweepToTheCapacity) end = std::max(end, static_cast<u32>(rows_.size()));
+      for (u32 slot = 0; slot < end; ++slot) doSlot(slot, Rusk::noSequence, true);
+      if (mistake_ == Mistake::startAfterTheSweep) start = queue_.capture();
+      queue_.sweptTo(start);
+   }
+
+   Mem::NaoRootPath path_;
+   Mirak::MirakReader<OpsOf<R>> reader_;
+   Tessel::TesselReader<Tessel::BasicSlot> queue_;
 
 private:
    bool look(u32 slot, R& row) {
@@ -111,23 +113,54 @@ private:
       }
       return reader_.getValue(slot, row, nullptr);
    }
-   void sweep() {
-      ++sweeps;
-      Rusk::Sequence const start = queue_.capture();
-      rusk_.report();
-      bool found;
-      reader_.lookup({}, found, nullptr); // maps the table
-      u32 const end = std::max(reader_.capacity(), static_cast<u32>(rows_.size()));
-      for (u32 slot = 0; slot < end; ++slot) doSlot(slot, Rusk::noSequence, true);
-      queue_.sweptTo(start);
-   }
 
-   Mem::NaoRootPath path_;
-   Reader reader_;
-   Tessel::TesselReader<Tessel::BasicSlot> queue_;
-   Rusk::ReaderRuskSm rusk_;
+   Mistake const mistake_;
    std::vector<std::optional<R>> rows_; // by slot
    std::map<Key, u32, KeyLess> places_;
+};
+
+template <class R> class Copy final : public RowCopy<R>, public Rusk::Follower {
+public:
+   explicit Copy(std::string const& table)
+      : RowCopy<R>(table)
+      , rusk_(quiet(), this->path_, *this, "copy") {}
+
+   /// @return false while there is no table
+   bool attach() {
+      if (!this->attachUnwoken()) return false;
+      rusk_.maybeConnect();
+      rusk_.processingIs(true);
+      return true;
+   }
+   void detach() {
+      rusk_.detach();
+      this->detachTable();
+   }
+
+   Rusk::Walked walk() override {
+      ++walks;
+      switch (this->queue_.walk(500)) {
+      case Tessel::WalkResult::more:
+         return Rusk::Walked::more;
+      case Tessel::WalkResult::quiesced:
+         return Rusk::Walked::atEnd;
+      case Tessel::WalkResult::resync:
+         this->sweep();
+         return Rusk::Walked::more;
+      default:
+         throw std::logic_error("the table was formatted anew");
+      }
+   }
+   bool behind() const override { return !this->queue_.quiesced(); }
+   Rusk::Sequence last() const override { return this->queue_.last(); }
+   Parcel::KestorId kestorId() const override { return this->reader_.kestorId(); }
+   void handleDisconnect() override {}
+
+   u64 walks = 0;
+
+private:
+   void handleSweep(Rusk::Sequence) override { rusk_.report(); }
+   Rusk::ReaderRuskSm rusk_;
 };
 
 } // namespace Test

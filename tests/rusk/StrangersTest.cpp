@@ -7,6 +7,8 @@
 #include <sys/stat.h>
 
 using namespace RuskTest;
+using Strangers = Served;
+using Impostors = Rooted;
 
 namespace {
 
@@ -47,11 +49,7 @@ constexpr int welcome = 4;
 
 } // namespace
 
-TEST(Strangers, AreDroppedAndCounted) {
-   Scratch const scratch;
-   SharedMemory shared;
-   Writer writer(scratch, *shared);
-   Follower follower(scratch, *shared);
+TEST_F(Strangers, AreDroppedAndCounted) {
    follower.start();
    u32 const id = writer.rusk.tableId();
    auto const proper = [&] { return hello(id); };
@@ -134,10 +132,7 @@ TEST(Strangers, AreDroppedAndCounted) {
    EXPECT_EQ(follower.rusk->counters().connects, 1u);
 }
 
-TEST(Strangers, PassDescriptors) {
-   Scratch const scratch;
-   SharedMemory shared;
-   Writer writer(scratch, *shared);
+TEST_F(Strangers, PassDescriptors) {
    Raw const raw(writer);
    auto const before = openDescriptors();
    if (sendWithDescriptor(raw.fd(), hello(writer.rusk.tableId()), raw.fd()) < 0) {
@@ -148,11 +143,7 @@ TEST(Strangers, PassDescriptors) {
    EXPECT_LE(openDescriptors(), before);
 }
 
-TEST(Strangers, AThousandAtOnce) {
-   Scratch const scratch;
-   SharedMemory shared;
-   Writer writer(scratch, *shared);
-   Follower follower(scratch, *shared);
+TEST_F(Strangers, AThousandAtOnce) {
    follower.start();
    ASSERT_TRUE(runUntil([&] { return follower.asleep(); }));
    Limit const limit(openDescriptors() + 60);
@@ -198,10 +189,7 @@ TEST(Strangers, AThousandAtOnce) {
    EXPECT_TRUE(runUntil([&] { return late.asleep(); }));
 }
 
-TEST(Strangers, NoDescriptorsLeft) {
-   Scratch const scratch;
-   SharedMemory shared;
-   Writer writer(scratch, *shared);
+TEST_F(Strangers, NoDescriptorsLeft) {
    loop().run(0);
    Pipe connected;
    Child child([&] {
@@ -226,11 +214,8 @@ TEST(Strangers, NoDescriptorsLeft) {
    EXPECT_EQ(child.wait(), 0);
 }
 
-TEST(Strangers, AnotherUser) {
+TEST_F(Strangers, AnotherUser) {
    if (::geteuid() != 0) GTEST_SKIP() << "needs the superuser";
-   Scratch const scratch;
-   SharedMemory shared;
-   Writer writer(scratch, *shared);
    std::string const file = writer.path.str() + "/" + Parcel::OwnerFile::FILENAME;
    ASSERT_EQ(::chmod(scratch.path().c_str(), 0755), 0);
    ASSERT_EQ(::chown(file.c_str(), 0, 2000), 0);
@@ -280,10 +265,8 @@ TEST(Strangers, AnotherUser) {
 }
 
 // A process that may not write the table takes the name of its writer's socket.
-TEST(Strangers, PoseAsTheWriter) {
+TEST_F(Impostors, PoseAsTheWriter) {
    if (::geteuid() != 0) GTEST_SKIP() << "needs the superuser";
-   Scratch const scratch;
-   SharedMemory shared;
    auto const path = scratch.table();
    path.makeDirectories();
    std::string const name = ".rusk.1000001";
@@ -317,9 +300,7 @@ TEST(Strangers, PoseAsTheWriter) {
 }
 
 // A writer that speaks nonsense is left, and the follower polls.
-TEST(Strangers, AWriterThatIsNone) {
-   Scratch const scratch;
-   SharedMemory shared;
+TEST_F(Impostors, AWriterThatIsNone) {
    auto const path = scratch.table();
    path.makeDirectories();
    std::string const name = ".rusk.1000001";

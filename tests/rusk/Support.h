@@ -162,6 +162,17 @@ struct Follower : Rusk::Follower {
    std::unique_ptr<Rusk::ReaderRuskSm> rusk;
 };
 
+/// A root of tables, without a writer.
+struct Rooted : testing::Test {
+   Scratch const scratch;
+   SharedMemory shared;
+};
+/// With a writer, and a follower that starts where it is wanted.
+struct Served : Rooted {
+   Writer writer{scratch, *shared};
+   Follower follower{scratch, *shared};
+};
+
 /// A child that follows until it is told to stop.
 inline int followInChild(Scratch const& scratch, Shared& shared) {
    ::alarm(100);

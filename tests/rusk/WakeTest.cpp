@@ -9,11 +9,10 @@
 #include <thread>
 
 using namespace RuskTest;
+using Wake = Served;
+using WakeLater = Rooted;
 
-TEST(Wake, ASleeperIsWokenForEachChange) {
-   Scratch const scratch;
-   SharedMemory shared;
-   Writer writer(scratch, *shared);
+TEST_F(Wake, ASleeperIsWokenForEachChange) {
    Child child([&] { return followInChild(scratch, *shared); });
    for (u64 i = 1; i <= 200; ++i) {
       ASSERT_TRUE(driveUntil([&] { return writer.rusk.sleepingReaders() == 1 && shared->asleep; })) << i;
@@ -35,10 +34,7 @@ TEST(Wake, ASleeperIsWokenForEachChange) {
 }
 
 // Changes fall into every moment of the follower's way to sleep; the writer looks at its loop now and then.
-TEST(Wake, NoChangeIsSleptThrough) {
-   Scratch const scratch;
-   SharedMemory shared;
-   Writer writer(scratch, *shared);
+TEST_F(Wake, NoChangeIsSleptThrough) {
    Child child([&] { return followInChild(scratch, *shared); });
    std::mt19937_64 random(20260102);
    for (int round = 0; round < 300; ++round) {
@@ -59,10 +55,7 @@ TEST(Wake, NoChangeIsSleptThrough) {
    EXPECT_EQ(child.wait(), 0);
 }
 
-TEST(Wake, AWriterThatDoesNotReachItsLoop) {
-   Scratch const scratch;
-   SharedMemory shared;
-   Writer writer(scratch, *shared);
+TEST_F(Wake, AWriterThatDoesNotReachItsLoop) {
    Child child([&] { return followInChild(scratch, *shared); });
    auto const await = [&](auto done) {
       for (double const end = Rusk::monotonicSeconds() + 30; !done() && Rusk::monotonicSeconds() < end;)
@@ -92,10 +85,7 @@ TEST(Wake, AWriterThatDoesNotReachItsLoop) {
    EXPECT_EQ(child.wait(), 0);
 }
 
-TEST(Wake, AFollowerIsKilledInItsSleep) {
-   Scratch const scratch;
-   SharedMemory shared;
-   Writer writer(scratch, *shared);
+TEST_F(Wake, AFollowerIsKilledInItsSleep) {
    Follower other(scratch, *shared, "other");
    other.start();
    Child child([&] { return followInChild(scratch, *shared); });
@@ -123,9 +113,7 @@ TEST(Wake, AFollowerIsKilledInItsSleep) {
    EXPECT_EQ(stopped.wait(), 0);
 }
 
-TEST(Wake, TheWriterGoesAndComesBack) {
-   Scratch const scratch;
-   SharedMemory shared;
+TEST_F(WakeLater, TheWriterGoesAndComesBack) {
    Follower follower(scratch, *shared);
    follower.start(); // nobody there, no files
    shared->count = 1;
@@ -169,10 +157,7 @@ TEST(Wake, TheWriterGoesAndComesBack) {
    EXPECT_EQ(follower.rusk->counters().connects, times + 2);
 }
 
-TEST(Wake, QuiescedByName) {
-   Scratch const scratch;
-   SharedMemory shared;
-   Writer writer(scratch, *shared);
+TEST_F(Wake, QuiescedByName) {
    Follower a(scratch, *shared, "twin"), b(scratch, *shared, "twin"), c(scratch, *shared, "");
    for (auto* follower : {&a, &b, &c}) follower->start();
    ASSERT_TRUE(runUntil([&] { return writer.rusk.sleepingReaders() == 3; }));
@@ -196,11 +181,7 @@ TEST(Wake, QuiescedByName) {
 }
 
 // The client keeps the walk from running, throws out of it, and ends the object inside it.
-TEST(Wake, WhatAFollowerMayDoInAWalk) {
-   Scratch const scratch;
-   SharedMemory shared;
-   Writer writer(scratch, *shared);
-   Follower follower(scratch, *shared);
+TEST_F(Wake, WhatAFollowerMayDoInAWalk) {
    follower.start();
    ASSERT_TRUE(runUntil([&] { return follower.asleep(); }));
    follower.rusk->notifyingIs(false);
@@ -242,10 +223,9 @@ TEST(Wake, WhatAFollowerMayDoInAWalk) {
 }
 
 // A table in another thread has a socket of its own, so that everything of one table stays on one thread.
-TEST(Wake, TablesOfTwoThreads) {
-   Scratch const scratch;
-   SharedMemory mine, theirs;
-   Writer writer(scratch, *mine, "mine");
+TEST_F(WakeLater, TablesOfTwoThreads) {
+   SharedMemory theirs;
+   Writer writer(scratch, *shared, "mine");
    std::atomic<bool> stop{false}, listening{false};
    std::string name;
    std::thread thread([&] {
@@ -259,7 +239,7 @@ TEST(Wake, TablesOfTwoThreads) {
    });
    while (!listening) ::usleep(1000);
    EXPECT_NE(name, writer.socketName);
-   Follower a(scratch, *mine, "a", "mine"), b(scratch, *theirs, "b", "theirs");
+   Follower a(scratch, *shared, "a", "mine"), b(scratch, *theirs, "b", "theirs");
    a.start();
    b.start();
    EXPECT_TRUE(runUntil([&] { return b.taken == 5 && a.asleep(); }));

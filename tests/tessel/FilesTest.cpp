@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // The queue's files: what is adopted, what is formatted, what a damaged word is answered with.
-#include "Rows.h"
+#include "Dice.h"
 #include "TestRoot.h"
 
 #include "Lomi/Exception.h"
@@ -16,6 +16,8 @@
 namespace Test {
 namespace {
 
+using Mem::u32;
+using Mem::u64;
 using Tessel::QueueHeader;
 Parcel::KestorId const kestor(1, 1);
 
@@ -222,6 +224,14 @@ TEST_F(TesselFiles, FollowersAttachReadOnly) {
    EXPECT_EQ(reader.walk(10), Tessel::WalkResult::quiesced);
    EXPECT_EQ(client.slots, (std::vector<u32>{1, 1, 3}));
    EXPECT_EQ(reader.last(), queue.tail());
+   // A sweep inside a compaction begins in front of it.
+   u64 const before = queue.tail();
+   queue.markShrinkStart();
+   EXPECT_EQ(reader.capture(), before);
+   queue.notify(0);
+   EXPECT_EQ(reader.capture(), before);
+   queue.markShrinkEnd();
+   EXPECT_EQ(reader.capture(), queue.tail());
    queue.attach({1, 2});
    EXPECT_EQ(reader.walk(10), Tessel::WalkResult::otherTable);
    // Files that were removed and made again, by a writer that came to the same number and goes as far.

@@ -1,18 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
-// The queue's writer against a model that remembers every change, and what a notify costs.
-#include "Rows.h"
+// The queue's writer against a model that remembers every change.
+#include "Dice.h"
 #include "TestRoot.h"
 
 #include <gtest/gtest.h>
 
-#include <linux/seccomp.h>
-#include <optional>
-#include <sys/prctl.h>
-#include <sys/syscall.h>
-#include <sys/wait.h>
+#include <map>
 
 namespace Test {
 namespace {
+
+using Mem::u32;
+using Mem::u64;
 
 Lomi::Platform::DebugHandler const& handler() { return *Lomi::Platform::getDebugHandler("test", true); }
 Mem::NaoRootPath tablePath(std::string const& name) {
@@ -123,7 +122,11 @@ TEST(TesselWriter, HoldsWhatTheModelHolds) {
             queue.chores();
             break;
          default:
+            u64 const before = crowd.wakes;
+            bool const slept = dice.oneIn(8);
+            if (slept) crowd.sleep();
             model.notify(dice.below(slots), false);
+            ASSERT_EQ(crowd.wakes, before + slept) << "one wake-up for each sleep";
          }
          std::string error = model.compare(floorOf(queue));
          ASSERT_EQ(error, "") << "seed " << seed << " step " << step;
@@ -135,119 +138,6 @@ TEST(TesselWriter, HoldsWhatTheModelHolds) {
    EXPECT_GT(turns, 1000u);
    EXPECT_GT(drops, 20u);
    EXPECT_GT(pruned, 100u);
-}
-
-// A whole table over the queue: its rules hold after each change, and compactions happen again and again.
-TEST(TesselWriter, TablesRulesHoldAfterEachChange) {
-   for (u64 seed = 1; seed <= 40; ++seed) {
-      Dice dice(seed);
-      SmallTables const small(2 + dice.below(20));
-      Crowd crowd;
-      crowd.connected = dice.oneIn(2); // and, never reporting, stopped for good
-      Rows rows(tablePath(fmt::format("rules/{}", seed)), Tessel::PruneMode::keep, 2 + 2 * dice.below(2),
-                [] {});
-      rows.queue.followersIs(&crowd);
-      Habit habit(rows, dice, 3 + dice.below(60));
-      for (u32 change = 0; change < 500; ++change) {
-         habit.change();
-         if (dice.oneIn(50)) rows.restart();
-         ASSERT_EQ(rows.complaint(), "") << "seed " << seed << " change " << change;
-         ASSERT_LE(rows.queue.count(), Tessel::entriesFor(rows.mostSlots) + Tessel::leastEntries);
-      }
-   }
-}
-
-// A follower that stopped for good is in nobody's way: a table that fills and empties compacts every time.
-TEST(TesselWriter, EveryCycleCompacts) {
-   for (bool const stopped : {false, true}) {
-      Crowd crowd;
-      crowd.connected = stopped;
-      Rows rows(tablePath(fmt::format("cycle/{}", stopped)), Tessel::PruneMode::keep, 4, [] {});
-      rows.queue.followersIs(&crowd);
-      for (u64 cycle = 1; cycle <= 100; ++cycle) {
-         u64 const before = rows.compactions;
-         for (int key = 0; key < 200; ++key) rows.write(key, 1);
-         for (int key = 0; key < 200; ++key) rows.remove(key);
-         ASSERT_GT(rows.compactions, before) << cycle;
-         ASSERT_EQ(rows.capacity, 4u) << cycle;
-      }
-   }
-}
-
-TEST(TesselWriter, GivesMemoryBackAfterACompaction) {
-   Crowd crowd;
-   crowd.connected = true;
-   Rows rows(tablePath("memory"), Tessel::PruneMode::keep, 32, [] {});
-   rows.queue.followersIs(&crowd);
-   auto blocks = [&] {
-      u64 sum = 0;
-      for (auto const* wrapper : rows.queue.wrappers()) sum += wrapper->blockBytes();
-      return sum;
-   };
-   u64 const empty = blocks();
-   for (int round = 0; round < 2; ++round) {
-      for (int key = 0; key < 20000; ++key) rows.write(key, 1);
-      EXPECT_GT(blocks(), 20000u * 40);
-      for (int key = 0; key < 20000; ++key) rows.remove(key);
-      // The followers have taken all in: then the compaction's entries go without being asked for.
-      crowd.reported = rows.queue.tail();
-      for (u64 wait = 0; wait < 3 && blocks() > 4 * empty; ++wait) {
-         for (int n = 0; n < 600; ++n) {
-            rows.write(1, n);
-            crowd.reported = rows.queue.tail();
-            rows.queue.chores();
-         }
-         ::usleep(150'000); // the blocks go a moment after the smaller size was published
-         rows.queue.chores();
-      }
-      EXPECT_LE(blocks(), 4 * empty);
-      EXPECT_EQ(rows.queue.shrinkMarker(), 0u);
-      EXPECT_EQ(rows.complaint(), "");
-   }
-}
-
-TEST(TesselWriter, WakesOnceForEachSleep) {
-   Crowd crowd;
-   Rows rows(tablePath("wake"), Tessel::PruneMode::keep, 4, [] {});
-   rows.queue.followersIs(&crowd);
-   for (u64 n = 1; n <= 3; ++n) {
-      crowd.sleep();
-      for (int k = 0; k < 10; ++k) rows.write(1, k);
-      EXPECT_EQ(crowd.wakes, n);
-   }
-   EXPECT_EQ(rows.queue.clientQuiesced(""), 0u);
-   crowd.reported = rows.queue.tail();
-   EXPECT_NE(rows.queue.clientQuiesced("reader"), 0u);
-}
-
-// In a process that may only read, write and exit: notify, tombstone, turns and compactions call nothing.
-TEST(TesselWriter, CallsNothing) {
-   tablePath("silent");
-   pid_t const child = ::fork();
-   if (child == 0) {
-      Crowd crowd;
-      crowd.connected = true;
-      Queue own(handler(), tablePath("silent"), false, Tessel::PruneMode::keep);
-      own.attach({1, 1});
-      own.reserve(1000);
-      own.followersIs(&crowd);
-      if (::prctl(PR_SET_SECCOMP, SECCOMP_MODE_STRICT) != 0) ::_exit(77);
-      for (u32 n = 0; n < 200'000; ++n) {
-         own.notify(n * 7919 % 1000);
-         if (n % 20'000 == 0 && own.shrinkMarker() == 0) {
-            own.markShrinkStart();
-            own.notify(3);
-            own.tombstone(5);
-            own.notify(5);
-            own.markShrinkEnd();
-         }
-      }
-      ::syscall(SYS_exit, own.turns() > 20 ? 0 : 1); // exit_group isn't allowed any more
-   }
-   int status = 0;
-   ASSERT_EQ(::waitpid(child, &status, 0), child);
-   if (WIFEXITED(status) && WEXITSTATUS(status) == 77) GTEST_SKIP() << "no seccomp here";
-   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
 }
 
 // A long turn lets the table's critical tasks run, and they may ask where the queue stands.

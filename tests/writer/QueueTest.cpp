@@ -3,10 +3,18 @@
 // that doesn't fit its table, and that a table gives memory back again and again, whoever follows it.
 #include "Fixture.h"
 
+#include "Processes.h"
 #include "Scenarios.h"
 
+#include "Lomi/TaskSchedulerRoot.h"
+#include "Rusk/ReaderRuskSm.h"
+
 #include <fcntl.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
 
 namespace Test {
 namespace {
@@ -72,47 +80,32 @@ TEST_F(AtRest, IsAdoptedAndGoesOn) {
    EXPECT_TRUE(writer->validateFiles());
 }
 
-TEST_F(AtRest, OccupiedSlotBehindTheQueue) {
-   positionIs(0, 9);
-   startSays("slot:0 bad tessel index:9 size:4");
-}
-TEST_F(AtRest, OccupiedSlotWithAnothersEntry) {
-   positionIs(0, 2);
-   startSays("slot:0 bad notification:2 slot:2");
-}
-TEST_F(AtRest, FreeSlotBehindTheQueue) {
-   positionIs(1, 9);
-   startSays("slot index:1 has out of range tessel slot: 9");
-}
-TEST_F(AtRest, FreeSlotWithAnothersEntry) {
-   positionIs(1, 2);
-   startSays("slot index:1 has slot:2 with wrong tessel slot:2");
-}
-TEST_F(AtRest, CurrentEntryInACorral) {
-   poke("tessel", offsetof(QueueHeader, corralStart), u64{1});
-   poke("tessel", offsetof(QueueHeader, corralEnd), u64{2});
-   startSays("corral pos:0 seq:1 slot:0 tesselPos:0");
-}
-TEST_F(AtRest, CompactionCutShort) {
-   poke("tessel", offsetof(QueueHeader, corralStart), u64{5});
-   startSays("unfinished compaction corralStart:5");
-}
-TEST_F(AtRest, SecondEntryOfAnOccupiedSlot) {
-   entryIs(1, 0);
-   startSays("occupied slot:0 on deleted notification:1");
-}
-TEST_F(AtRest, EntryOfAnOccupiedSlotThatClaimsNone) {
-   positionIs(2, Tessel::noPosition);
-   startSays("occupied slot:2 on deleted notification:2");
-}
-TEST_F(AtRest, SecondEntryOfAFreeSlot) {
-   entryIs(1, 1);
-   startSays("tessel pos:1 has slot:1 seq:2 with wrong tesselSlot:3");
-}
-TEST_F(AtRest, EntryOfASlotThatNeverWas) {
-   poke("slots", offsetof(Mirak::SlotTableHeader, mostSlots), u32{60}); // or the queue alone would say so
-   entryIs(1, 50);
-   startSays("tessel pos:1 has slot:50 seq:2 with wrong tesselSlot:4294967295");
+TEST_F(AtRest, EachMisfitHasItsWords) {
+   constexpr auto start = offsetof(QueueHeader, corralStart), end = offsetof(QueueHeader, corralEnd);
+   std::pair<char const*, std::function<void()>> const misfits[] = {
+       {"slot:0 bad tessel index:9 size:4", [] { positionIs(0, 9); }},
+       {"slot:0 bad notification:2 slot:2", [] { positionIs(0, 2); }},
+       {"slot index:1 has out of range tessel slot: 9", [] { positionIs(1, 9); }},
+       {"slot index:1 has slot:2 with wrong tessel slot:2", [] { positionIs(1, 2); }},
+       {"corral pos:0 seq:1 slot:0 tesselPos:0",
+        [] { poke("tessel", start, u64{1}), poke("tessel", end, u64{2}); }},
+       {"unfinished compaction corralStart:5", [] { poke("tessel", start, u64{5}); }},
+       {"occupied slot:0 on deleted notification:1", [] { entryIs(1, 0); }}, // a second entry
+       {"occupied slot:2 on deleted notification:2", [] { positionIs(2, Tessel::noPosition); }},
+       {"tessel pos:1 has slot:1 seq:2 with wrong tesselSlot:3", [] { entryIs(1, 1); }},
+       {"tessel pos:1 has slot:50 seq:2 with wrong tesselSlot:4294967295", // a slot that never was
+        [] {
+           poke("slots", offsetof(Mirak::SlotTableHeader, mostSlots), u32{60}); // or the queue would say so
+           entryIs(1, 50);
+        }},
+       {"slot:6 beyond the table has bad tessel index:0 size:4", // as if cut off by a compaction
+        [] { poke("tessel", offsetof(QueueHeader, slotsLength), u32{7}), positionIs(6, 0); }},
+   };
+   for (auto const& [words, spoil] : misfits) {
+      SetUp();
+      spoil();
+      startSays(words);
+   }
 }
 TEST_F(AtRest, CountBeyondTheTable) {
    poke("tessel.1", offsetof(QueueTable, count), u32{1000});
@@ -182,6 +175,63 @@ TEST(Queue, CompactsEveryTime) {
 }
 
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+/// Connected, and never asleep.
+class Awake final : public Rusk::Follower {
+public:
+   explicit Awake(Writer const& writer)
+      : writer_(writer)
+      , rusk_(quiet(), writer.rootPath(), *this, "awake") {
+      rusk_.maybeConnect(); // and never told to walk
+   }
+   Rusk::Walked walk() override { return Rusk::Walked::stopped; }
+   bool behind() const override { return true; }
+   Rusk::Sequence last() const override { return 0; }
+   Parcel::KestorId kestorId() const override { return writer_.kestorId(); }
+   void handleDisconnect() override {}
+   bool connected() const { return rusk_.connected(); }
+
+private:
+   Writer const& writer_;
+   Rusk::ReaderRuskSm rusk_;
+};
+
+// In a process that may only exit: what a table's change costs with a follower that is awake.
+TEST(Queue, ChangesCallNothing) {
+   testRoot();
+   Child child([] {
+      auto const writer = open<R>("silent", fixedOf(2000), quiet());
+      Awake const follower(*writer);
+      for (int i = 0; i < 1000 && !follower.connected(); ++i) Lomi::TaskSchedulerRoot::root().run(0.01);
+      if (!follower.connected()) return 2;
+      R removed;
+      auto const change = [&](u32 changes) {
+         for (u32 n = 0; n < changes; ++n) {
+            u32 const i = n * 7919 % 1900;
+            writer->write(R::make(key(i, i), n), true);
+            writer->write(R::make(key(i, i), n + 1), true);
+            if (n % 3 == 0) writer->remove(key(i, i), removed);
+            if (n % 7 == 0)
+               *writer->directWrite(R{key(i, i)}) = R::make(key(i, i), n), writer->directCommit();
+         }
+      };
+      change(20'000); // the tables are as large as they get
+      u64 const turns = writer->writerCounters().queueTurns;
+      sock_filter rules[] = {BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+                             BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_exit_group, 0, 1),
+                             BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+                             BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_KILL_PROCESS)};
+      sock_fprog const program{std::size(rules), rules};
+      if (::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 ||
+          ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) != 0)
+         return 77;
+      change(200'000);
+      ::_exit(writer->writerCounters().queueTurns > turns + 20 ? 0 : 1);
+   });
+   int const status = child.wait();
+   if (status == 77) GTEST_SKIP() << "no seccomp here";
+   EXPECT_EQ(status, 0);
+}
+
 // Private memory runs out where the index of a local table would double. The row is refused, not left behind.
 TEST(Queue, NoMemoryForMoreBuckets) {
    auto const child = [](bool heap) {
