@@ -55,22 +55,25 @@ Tables::Tables(std::string const& type, std::string const& name)
 Tables::Tables(Zeb::Ptr<Counter> counter, std::string const& type, std::string const& name)
    : ip4(*counter, counter->hoIpFlowCounter())
    , ip6(*counter, counter->hoIp6FlowCounter())
-   , counter_(counter)
-   , states_(FlowTracking::hosStateCounterFactory("status")) {
+   , type_(type)
+   , counter_(counter) {
    counterTree_->entityIs(Counter::mountPath(type, name), counter_);
    lost4_ = mount(counter_->hoIpFlowCounterControl(), "hoIpFlowCounter", tableSize);
    lost6_ = mount(counter_->hoIp6FlowCounterControl(), "hoIp6FlowCounter", tableSize);
-   stateTree_->entityIs(FlowTracking::HosStateCounter::mountPath(type), states_);
-   try {
-      mount(states_->hosStateIpCounterControl(), "hosStateIpCounter", stateTableSize);
-      mount(states_->hosStateIp6CounterControl(), "hosStateIp6Counter", stateTableSize);
-   } catch (Lomi::InvalidInitializeException const& e) {
-      statesRefused_ = e.what();
-   }
+}
+
+void Tables::mountStates() {
+   auto const tree = Zeb::Dir::DirIs(""); // its end lets go of what was mounted before a refusal
+   auto const states = FlowTracking::hosStateCounterFactory("status");
+   tree->entityIs(FlowTracking::HosStateCounter::mountPath(type_), states);
+   mount(states->hosStateIpCounterControl(), "hosStateIpCounter", stateTableSize);
+   mount(states->hosStateIp6CounterControl(), "hosStateIp6Counter", stateTableSize);
+   stateTree_ = tree;
+   states_ = states;
 }
 
 void Tables::countStates() {
-   if (!statesRefused_.empty()) return;
+   if (!states_) return;
    auto const entry = [](std::uint64_t flows) {
       FlowTracking::HosStateCounterEntry row(FlowTracking::HoFlowState::unknown);
       row.hoFlowsIs(static_cast<unsigned>(flows));

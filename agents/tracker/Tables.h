@@ -51,8 +51,7 @@ class Tables {
    using Counter = FlowTracking::HoFlowCounter;
 
 public:
-   /// Mounts all tables of TYPE and NAME. Counts by state are kept by one tracker of a TYPE: see
-   /// statesRefused().
+   /// Mounts the counters of TYPE and NAME.
    /// @throws Lomi::InvalidInitializeException: another tracker writes them, or their files can't be made
    ///         Lomi::MemoryResourceException: no room
    Tables(std::string const& type, std::string const& name);
@@ -67,20 +66,23 @@ public:
    /// Why a table came back without the rows that an earlier writer left, else nothing.
    std::string const& lost4() const { return lost4_; }
    std::string const& lost6() const { return lost6_; }
-   /// Why the counts by state aren't kept, else nothing.
-   std::string const& statesRefused() const { return statesRefused_; }
-
-   /// Stores how many flows stand in each state. A tracker offloads nothing: all are in the state `unknown`.
+   /// Mounts the counts by state, which one tracker of a TYPE keeps.
+   /// @throws Lomi::InvalidInitializeException: another tracker does, or their files can't be made
+   ///         Lomi::MemoryResourceException: no room
+   void mountStates();
+   /// Stores how many flows stand in each state, if that is mounted. A tracker offloads nothing: all are in
+   /// the state `unknown`.
    void countStates();
 
 private:
    Tables(Zeb::Ptr<Counter> counter, std::string const& type, std::string const& name);
 
+   std::string const type_;
    // One tree for each entity: a NAME may be that of the other one's place.
-   Zeb::Ptr<Zeb::Dir> counterTree_ = Zeb::Dir::DirIs(""), stateTree_ = Zeb::Dir::DirIs("");
+   Zeb::Ptr<Zeb::Dir> counterTree_ = Zeb::Dir::DirIs(""), stateTree_;
    Zeb::Ptr<Counter> counter_;
-   Zeb::Ptr<FlowTracking::HosStateCounter> states_;
-   std::string lost4_, lost6_, statesRefused_;
+   Zeb::Ptr<FlowTracking::HosStateCounter> states_; ///< null unless mounted
+   std::string lost4_, lost6_;
 };
 
 } // namespace Tracker

@@ -201,8 +201,11 @@ std::unique_ptr<Tracker::Tables> openTables(Options const& options, Tracker::Fig
    };
    explainLoss(figures.ip4.table, tables->lost4());
    explainLoss(figures.ip6.table, tables->lost6());
-   if (!tables->statesRefused().empty())
-      complain("the counts by state are not kept: " + tables->statesRefused());
+   try {
+      tables->mountStates();
+   } catch (Lomi::InvalidInitializeException const& e) {
+      complain(std::string("the counts by state are not kept: ") + e.what());
+   }
    return tables;
 }
 

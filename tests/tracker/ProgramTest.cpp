@@ -2,6 +2,7 @@
 // hoflow-tracker from outside: exit statuses, words, figures, signals, and what stands in the tables
 // afterwards.
 #include "Program.h"
+#include "FlowTracking/HosStateCounter.h"
 #include "Packets.h"
 
 #include <algorithm>
@@ -194,12 +195,16 @@ TEST_F(TrackerProgram, AnotherCaptureUnderTheSameName) {
 TEST_F(TrackerProgram, OneTrackerATable) {
    auto const capture = folder_.write("traffic", traffic(500).bytes);
    Program::Tracker first(folder_.path(), {capture, "--root", root_, "--pace", "50"}, "first");
-   while (!std::filesystem::exists(root_ +
-                                   "/flowtracking/default/hwOffload/counter/capture/hoIp6FlowCounter/slots"))
+   while (!std::filesystem::exists(
+       root_ + "/flowtracking/default/hwOffload/counter/status/hosStateIp6Counter/kestor"))
       std::this_thread::sleep_for(std::chrono::milliseconds(1));
    auto const second = count(capture);
    EXPECT_EQ(second.status, 3) << second.err;
    EXPECT_TRUE(contains(second.err, "the tables can't be opened")) << second.err;
+   auto const other = count(capture, {"--name", "other"}); // has tables of its own, but for one
+   EXPECT_EQ(other.status, 0) << other.err;
+   EXPECT_TRUE(contains(other.err, "the counts by state are not kept")) << other.err;
+   EXPECT_EQ(rows("other").size(), 500u);
    first.signal(SIGTERM);
    auto const stopped = first.wait();
    EXPECT_EQ(stopped.status, 5) << stopped.err;
@@ -207,6 +212,17 @@ TEST_F(TrackerProgram, OneTrackerATable) {
    auto const rest = count(capture);
    ASSERT_EQ(rest.status, 0) << rest.err;
    EXPECT_EQ(rows().size(), 500u);
+
+   Mem::RootPath::set(root_);
+   auto const tree = Zeb::Dir::DirIs("");
+   auto const states = FlowTracking::hosStateCounterFactory("status");
+   tree->entityIs(FlowTracking::HosStateCounter::mountPath("default"), states);
+   Mirak::MapDescriptor reader(0);
+   reader.type = Mirak::MirakType::reader;
+   states->hosStateIpCounterControl()->init(reader);
+   states->hosStateIp6CounterControl()->init(reader);
+   EXPECT_EQ(states->hosStateIpCounter(FlowTracking::HoFlowState::unknown).hoFlows(), 333u);
+   EXPECT_EQ(states->hosStateIp6Counter(FlowTracking::HoFlowState::unknown).hoFlows(), 167u);
 }
 
 } // namespace
