@@ -144,6 +144,7 @@ TEST_F(Load, RefusesWhatItMustNotWrite) {
    EXPECT_EQ(otherType.status, 3);
    EXPECT_NE(otherType.err.find("holds FlowTracking::HoIpFlowCounter"), std::string::npos) << otherType.err;
    EXPECT_EQ(run({"load", counterName, at("absent")}).status, 3);
+   EXPECT_NE(run({"load", counterName, root}).err.find("is a directory"), std::string::npos);
    EXPECT_EQ(run({"load", "../x", at("rows")}).status, 2);
    Writer<HoIpFlowCounter> const alive(counterName);
    std::string const before = snapshot();

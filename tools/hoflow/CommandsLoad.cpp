@@ -15,6 +15,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <memory>
@@ -150,7 +151,7 @@ std::unique_ptr<Rows> readRows(std::istream& in, std::string const& file, Inspec
       }
       progress.step(number);
    }
-   if (in.bad()) throw Failure{Exit::cantOpen, fmt::format("{}: {}", file, std::strerror(errno))};
+   if (in.bad()) throw Failure{Exit::cantOpen, fmt::format("{}: can't be read to its end", file)};
    rows->sort();
    rows->forEachTwice([&](std::uint64_t first, std::uint64_t second) {
       ++bad;
@@ -200,6 +201,9 @@ Exit loadTable(Common const& common, std::string const& word, std::string const&
    if (file != "-") {
       opened.open(file);
       if (!opened) throw Failure{Exit::cantOpen, fmt::format("{}: {}", file, std::strerror(errno))};
+      std::error_code ignored;
+      if (std::filesystem::is_directory(file, ignored))
+         throw Failure{Exit::cantOpen, file + ": is a directory"};
    }
    auto const rows = readRows(file == "-" ? std::cin : opened, file, table, options.type);
    try {
