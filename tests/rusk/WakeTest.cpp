@@ -159,7 +159,7 @@ TEST_F(WakeLater, TheWriterGoesAndComesBack) {
 
 TEST_F(Wake, QuiescedByName) {
    Follower a(scratch, *shared, "twin"), b(scratch, *shared, "twin"), c(scratch, *shared, "");
-   for (auto* follower : {&a, &b, &c}) follower->start();
+   for (auto* each : {&a, &b, &c}) each->start();
    ASSERT_TRUE(runUntil([&] { return writer.rusk.sleepingReaders() == 3; }));
    EXPECT_EQ(writer.rusk.clientQuiesced("twin", 0), 2u);
    b.rusk->processingIs(false); // sweeps
