@@ -34,7 +34,7 @@ public:
 
    constexpr Module const* module() const { return module_; }
    constexpr unsigned index() const { return index_; }
-   explicit constexpr operator bool() const { return module_ != nullptr; }
+   explicit constexpr operator bool() const { return index_ != none; }
 
    /// All of these need a type.
    TypeInfo const& info() const;
@@ -50,8 +50,10 @@ public:
    friend constexpr bool operator==(ZebType, ZebType) = default;
 
 private:
+   // Tells that there is no type. The address of a module is no constant to a compiler that checks pointers.
+   static constexpr unsigned none = ~0u;
    Module const* module_ = nullptr;
-   unsigned index_ = 0;
+   unsigned index_ = none;
 };
 using ZebTypeBase = ZebType;
 
