@@ -5,13 +5,19 @@
 // (MirakMapMount.h), the boundary at which damage is met, and the settings and figures that are kept over
 // changes of the back end.
 //
-//   state               initialized  back end              sentry   mountStatus
-//   constructed         false        a private table       none     notMounted
-//   writer mounted      true         MirakWriter           writer's mounted         (none if local)
-//   reader waiting      true         MirakDummy            reader's notMounted
-//   reader mounted      true         MirakReader           reader's mounted         (a shadow: or
-//   synchronised) flushing            true         a shadow              disabled flushing let go, orphan
-//   false        a placeholder         none     notMounted
+//   state            initialized  back end         sentry    mountStatus
+//
+//   constructed      false        a private table  none      notMounted
+//
+//   writer mounted   true         MirakWriter      writer's  mounted (a local one has no sentry)
+//
+//   reader waiting   true         MirakDummy       reader's  notMounted
+//
+//   reader mounted   true         MirakReader      reader's  mounted; a shadow: or synchronised
+//
+//   flushing         true         a shadow         disabled  flushing
+//
+//   let go, orphan   false        a placeholder    none      notMounted
 //
 // There is always a back end to call once the first one was given (by the typed adapter, or by init()), so no
 // caller asks. A placeholder owns what it replaced, so that cleanup() reaches it.
