@@ -95,11 +95,11 @@ ShadowFollower::ShadowFollower(Place const& place, bool keyOnly)
       back().lookup(key, found, &tableRow(row));
       hear(row);
    };
-   Mirak::MapDescriptor descriptor(0);
-   descriptor.type = keyOnly ? Mirak::MirakType::keyshadow : Mirak::MirakType::shadow;
-   descriptor.synchronous = true;
+   Mirak::MapDescriptor wanted(0);
+   wanted.type = keyOnly ? Mirak::MirakType::keyshadow : Mirak::MirakType::shadow;
+   wanted.synchronous = true;
    installDummy();
-   init(descriptor);
+   init(wanted);
 }
 
 void ShadowFollower::hear(Row const& row) {
