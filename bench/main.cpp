@@ -25,20 +25,20 @@ struct Options {
    bool smoke = false;
    bool unoptimised = false;
    bool single = true, busy = true, growth = true, restart = true, layers = true, follow = true,
-        shadow = true;
+        pauses = true, shadow = true;
 };
 
 void parse(int argc, char** argv, Options& options) {
    CLI::App app{"Flow tables beside their peers: ns an operation on the same rows"};
    allowedCores(options.setting.core, options.setting.otherCore);
-   std::string parts = "single,busy,growth,restart,layers,follow,shadow";
+   std::string parts = "single,busy,growth,restart,layers,follow,pauses,shadow";
    app.add_option("--rows", options.setting.rows, "table sizes")
        ->delimiter(',')
        ->check(CLI::Range(100, 4'000'000));
    app.add_option("--keys", options.keys, "network, random or both")
        ->check(CLI::IsMember({"network", "random", "both"}));
    app.add_option("--only", options.setting.only, "contenders by name")->delimiter(',');
-   app.add_option("--parts", parts, "of single,busy,growth,restart,layers,follow,shadow");
+   app.add_option("--parts", parts, "of single,busy,growth,restart,layers,follow,pauses,shadow");
    app.add_option("--repetitions", options.setting.repetitions,
                   "at 10^6 rows; small sizes get 2 and 4 times as many");
    app.add_option("--seed", options.setting.seed, "of the orders");
@@ -62,6 +62,7 @@ void parse(int argc, char** argv, Options& options) {
    options.restart = wanted("restart");
    options.layers = wanted("layers");
    options.follow = wanted("follow");
+   options.pauses = wanted("pauses");
    options.shadow = wanted("shadow");
    if (options.keys == "network") options.setting.families = {KeyFamily::network};
    if (options.keys == "random") options.setting.families = {KeyFamily::random};
@@ -161,8 +162,11 @@ int run(Options const& options, std::string const& command) {
    if (options.follow) {
       runWake(workload(*std::min_element(setting.rows.begin(), setting.rows.end())), setting, figures);
       for (u64 const rows : setting.rows) runChanges(workload(rows), setting, figures);
-      runPauses(workload(largest), setting, figures);
       printFollow(std::cout, figures);
+   }
+   if (options.pauses) {
+      runPauses(workload(largest), setting, figures);
+      printPauses(std::cout, figures);
    }
    if (options.busy && setting.otherCore >= 0) {
       for (u64 const rows : setting.rows) runBusy(all, workload(rows), setting, figures);

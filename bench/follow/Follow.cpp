@@ -22,8 +22,15 @@ void printFollow(std::ostream& out, Figures const& figures) {
                  "the writer's ns an overwrite, by who follows");
    figures.print(out, ours, {"nobody", "1 shadow", "8 shadows", "64 shadows"},
                  "the writer's ns an overwrite, by how many shadows there are");
-   figures.print(out, ours, {"grow ms", "grow wait", "turn ms", "turn wait", "cut ms", "cut wait"},
-                 "longest write, overwrite and remove, and the longest wait of critical tasks in one, ms");
+}
+
+void printPauses(std::ostream& out, Figures const& figures) {
+   std::vector<Traits> const ours{{"hoflow", true, true, true, false, ""}};
+   figures.print(out, ours,
+                 {"grow ms", "grow wait", "grow cpu", "turn ms", "turn wait", "turn cpu", "cut ms",
+                  "cut wait", "cut cpu"},
+                 "longest write, overwrite and remove, and the longest wait of critical tasks in one, by the "
+                 "clock and in processor time, ms");
 }
 
 } // namespace Bench

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The parts "follow" and "shadow": what it takes to have another process know of a change. It has contenders,
-// tables and figures of its own, since none of the others' operations occur here.
+// The parts "follow", "pauses" and "shadow": what it takes to have another process know of a change. It has
+// contenders, tables and figures of its own, since none of the others' operations occur here.
 #pragma once
 
 #include "core/Runs.h"
@@ -24,6 +24,7 @@ void runPauses(Workload const& load, Setting const& setting, Figures& figures);
 void runShadow(Workload const& load, Setting const& setting, Figures& figures);
 
 void printFollow(std::ostream& out, Figures const& figures);
+void printPauses(std::ostream& out, Figures const& figures);
 void printShadow(std::ostream& out, Figures const& figures);
 
 } // namespace Bench
