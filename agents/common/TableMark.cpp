@@ -7,26 +7,26 @@
 #include "Mirak/SlotTable.h"
 #include "Parcel/KestorFile.h"
 
-#include <cstddef>
 #include <fcntl.h>
 #include <unistd.h>
 
 namespace Agents {
 
-std::optional<TableMark> tableMark(std::string const& path) {
+std::optional<TableFacts> tableFacts(std::string const& path) {
    auto const handler = Lomi::Platform::getDebugHandler("Agents", true);
    Mem::Descriptor const folder = Mem::NaoRootPath(*handler, path, false).openDirectory();
    if (!folder) return std::nullopt;
    // While a table is formatted there is no generation.
-   Mem::Descriptor const generation(::openat(folder.get(), "kestor", O_PATH | O_NOFOLLOW | O_CLOEXEC));
+   Mem::Descriptor const generation(
+       ::openat(folder.get(), Parcel::KestorFile::KESTOR_NAME, O_PATH | O_NOFOLLOW | O_CLOEXEC));
    Mem::Descriptor const slots(
        ::openat(folder.get(), "slots", O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
-   std::uint64_t word = 0;
-   if (!generation || !slots ||
-       ::pread(slots.get(), &word, sizeof word, offsetof(Mirak::SlotTableHeader, scratchpad)) != sizeof word)
+   Mirak::SlotTableHeader header;
+   if (!generation || !slots || ::pread(slots.get(), &header, sizeof header, 0) != sizeof header)
       return std::nullopt;
-   auto const mark = static_cast<TableMark>(word);
-   return mark == TableMark::filling || mark == TableMark::complete ? mark : TableMark::nothing;
+   auto const mark = static_cast<TableMark>(header.scratchpad);
+   bool const known = mark == TableMark::filling || mark == TableMark::complete;
+   return TableFacts{known ? mark : TableMark::nothing, header.occupiedSlots};
 }
 
 } // namespace Agents

@@ -16,8 +16,12 @@ enum class TableMark : std::uint64_t {
    complete = 2, // all of the capture's flows are in it
 };
 
-/// What the table at `path` says; a number that means nothing here counts as `nothing`. Nothing at all where
-/// there is no table.
-std::optional<TableMark> tableMark(std::string const& path);
+struct TableFacts {
+   TableMark mark = TableMark::nothing; // a number that means nothing here counts as `nothing`
+   std::uint32_t rows = 0;
+};
+
+/// Of the table at `path`; nothing where there is none.
+std::optional<TableFacts> tableFacts(std::string const& path);
 
 } // namespace Agents

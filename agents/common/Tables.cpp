@@ -5,7 +5,10 @@
 #include "Lomi/Exception.h"
 #include "Lomi/Trace.h"
 #include "Mem/WriterLock.h"
+#include "PacketSource.h"
 
+#include <cerrno>
+#include <cstring>
 #include <string_view>
 
 namespace Agents {
@@ -50,6 +53,18 @@ std::string mountWriter(Zeb::Ptr<ZebMirak::CollectionControl> const& control, ch
    OpeningWords const words(collection);
    control->init(Mirak::MapDescriptor(rows));
    return words.lost();
+}
+
+void openTables(std::function<void()> const& mount) {
+   try {
+      mount();
+   } catch (Lomi::MemoryResourceException const&) {
+      throw;
+   } catch (Lomi::Exception const& e) {
+      if (std::string_view(e.what()).ends_with(std::strerror(ENOSPC)))
+         throw Lomi::MemoryResourceException(e.what());
+      throw CannotOpen(std::string("the tables can't be opened: ") + e.what());
+   }
 }
 
 unsigned writerOf(std::string const& path) {

@@ -9,6 +9,7 @@
 #include "RowStore.h"
 
 #include <array>
+#include <functional>
 #include <string>
 
 namespace Agents {
@@ -19,6 +20,9 @@ namespace Agents {
 ///         Lomi::MemoryResourceException: no room
 std::string mountWriter(Zeb::Ptr<ZebMirak::CollectionControl> const& control, char const* collection,
                         unsigned rows);
+
+/// Runs a start's mounting, and turns a refusal into CannotOpen. @throws also Lomi::MemoryResourceException
+void openTables(std::function<void()> const& mount);
 
 /// Rows that a table of flows is laid out for; above it the table grows by tenths instead of doubling.
 inline constexpr unsigned flowTableSize = 1u << 20;

@@ -17,10 +17,10 @@
 #include "Frame.h"
 #include "Nimbet/IntfId.h"
 #include "RowStore.h"
+#include "SeededHash.h"
 #include "Zeb/Seconds.h"
 
 #include <list>
-#include <random>
 #include <unordered_map>
 #include <unordered_set>
 
@@ -115,11 +115,6 @@ private:
       std::uint64_t packets = 0;
       double seen = 0;
    };
-   struct Hash {
-      unsigned seed = std::random_device()(); // whoever made the packets doesn't know it
-      std::size_t operator()(Key const& key) const { return key.hash(seed); }
-   };
-
    bool isChosen(Flow const& flow) const { return flow.packets >= rules_.offloadAfter; }
 
    /// The flow of `key`, seen now. `fill` completes a new one.
@@ -148,8 +143,8 @@ private:
    ChoiceRules const rules_;
    double clock_;
    std::list<Flow> flows_; // the one that was seen last is last
-   std::unordered_map<Key, typename std::list<Flow>::iterator, Hash> index_;
-   std::unordered_set<Key, Hash> unproven_; // rows of an earlier run that weren't met yet
+   std::unordered_map<Key, typename std::list<Flow>::iterator, Agents::SeededHash<Key>> index_;
+   std::unordered_set<Key, Agents::SeededHash<Key>> unproven_; // rows of an earlier run that weren't met yet
    std::uint64_t packets_ = 0, bytes_ = 0, stores_ = 0, removed_ = 0, foreign_ = 0;
 };
 

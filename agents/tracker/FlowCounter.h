@@ -31,10 +31,10 @@
 #pragma once
 
 #include "RowStore.h"
+#include "SeededHash.h"
 #include "Zeb/Seconds.h"
 
 #include <cstdint>
-#include <random>
 #include <unordered_map>
 
 namespace Tracker {
@@ -89,11 +89,6 @@ public:
    bool recounting() const { return recounting_; }
 
 private:
-   struct Hash {
-      unsigned seed = std::random_device()(); // whoever made the packets doesn't know it
-      std::size_t operator()(Key const& key) const { return key.hash(seed); }
-   };
-
    static void add(Record& row, bool known, std::uint64_t bytes, Zeb::Seconds time) {
       if (!known) row.createTimeIs(time);
       row.updateTimeIs(time);
@@ -143,7 +138,7 @@ private:
    // Of the start: what the table held, and its recount.
    std::uint64_t found_ = 0, foundRows_ = 0;
    bool recounting_ = false;
-   std::unordered_map<Key, Record, Hash> expected_;
+   std::unordered_map<Key, Record, Agents::SeededHash<Key>> expected_;
 };
 
 } // namespace Tracker

@@ -32,6 +32,7 @@ Offers::Offers(std::string const& type)
 Offers::Offers(Zeb::Ptr<Config> config, std::string const& type)
    : ip4(*config, config->hoIpFlowConfig())
    , ip6(*config, config->hoIp6FlowConfig())
+   , statusPath_(Status::mountPath(type).view())
    , config_(config) {
    tree_->entityIs(Config::mountPath(type), config_);
    lost4_ = Agents::mountWriter(config_->hoIpFlowConfigControl(), "hoIpFlowConfig", Agents::flowTableSize);
@@ -55,9 +56,7 @@ void Offers::markIs(Agents::TableMark mark) {
    config_->hoIp6FlowConfig().scratchpadIs(static_cast<Mem::u64>(mark));
 }
 
-bool Offers::answered() const {
-   return status_->hoIpFlowStatus().connected() || status_->hoIp6FlowStatus().connected();
-}
+bool Offers::answered() const { return Agents::writerOf(statusPath_ + "/hoIpFlowStatus") != 0; }
 
 bool Offers::knowsAnswers() const {
    return isKnown(status_->hoIpFlowStatus()) && isKnown(status_->hoIp6FlowStatus());

@@ -49,6 +49,7 @@ public:
 private:
    Offers(Zeb::Ptr<Config> config, std::string const& type);
 
+   std::string const statusPath_;
    Zeb::Ptr<Zeb::Dir> tree_ = Zeb::Dir::DirIs("");
    Zeb::Ptr<Config> config_;
    Zeb::Ptr<Status> status_ = FlowTracking::hoFlowStatusFactory("status");

@@ -21,13 +21,10 @@
 #include "Track.h"
 
 #include <CLI/CLI.hpp>
-#include <cerrno>
 #include <chrono>
-#include <cstring>
 #include <memory>
 #include <optional>
 #include <string>
-#include <string_view>
 
 namespace {
 
@@ -152,17 +149,11 @@ void Run::mountOffers() {
 }
 
 void Run::mount(Agents::PacketSource const& source) {
-   try {
+   Agents::openTables([this] {
       mountCounters();
       mountStates();
       mountOffers();
-   } catch (Lomi::MemoryResourceException const&) {
-      throw;
-   } catch (Lomi::Exception const& e) {
-      if (std::string_view(e.what()).ends_with(std::strerror(ENOSPC)))
-         throw Lomi::MemoryResourceException(e.what());
-      throw Agents::CannotOpen(std::string("the tables can't be opened: ") + e.what());
-   }
+   });
    if (!offers_) return;
    Tracker::ChoiceRules rules;
    rules.offloadAfter = options_.offloadAfter;
