@@ -196,6 +196,7 @@ bool Run::pass(Agents::PacketSource& source) {
    static_cast<Agents::Reading&>(figures_) = {};
    notHeld_ = 0;
    ++passes_;
+   auto const start = std::chrono::steady_clock::now();
    ip4_.counting.begin(options_.live());
    ip6_.counting.begin(options_.live());
    Agents::ProgressBar bar("counting");
@@ -216,6 +217,7 @@ bool Run::pass(Agents::PacketSource& source) {
       pace.hold(packets);
       return !Agents::stopRequested();
    });
+   figures_.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
    if (!figures_.complete) return false;
    ip4_.counting.finish();
    ip6_.counting.finish();
@@ -235,7 +237,8 @@ int Run::follow(std::unique_ptr<Agents::PacketSource> source) {
          complain("flows came after the packets of standard input; they are not counted");
          return Agents::incomplete;
       }
-      if (!source) source = Agents::openSource(options_);
+      // What an interface brought meanwhile was another's to count.
+      if (!source || options_.live()) source = Agents::openSource(options_);
       if (!pass(*source) || options_.live()) break;
       source.reset();
    }
@@ -254,9 +257,7 @@ int Run::follow(std::unique_ptr<Agents::PacketSource> source) {
 int Run::run(std::unique_ptr<Agents::PacketSource> source) {
    auto const timer = Lomi::TaskSchedulerRoot::root().timerTask(
        0.2, [this] { regularly(); }, Lomi::TaskPriority::normal, 0.2);
-   auto const start = std::chrono::steady_clock::now();
    int const status = follow(std::move(source));
-   figures_.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
    regularly();
    return report() ? status : int(Agents::incomplete);
 }

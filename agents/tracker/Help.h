@@ -26,7 +26,8 @@ Ethernet addresses and VLAN tags of its first packet, in
 hoflow-offload takes them from there, and says in .../status what came of them.
 
 Where hoflow-offload is running under the same TYPE and NAME, it counts, and the
-tracker doesn't; with --no-count the tracker never does.)";
+tracker doesn't; with --no-count the tracker never does. On an interface it leaves
+the counters to one that is started later, too.)";
 
 inline constexpr char const* epilogue =
     R"(What is counted:

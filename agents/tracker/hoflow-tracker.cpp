@@ -77,6 +77,7 @@ private:
    void mountStates();
    void mountOffers();
    void mount(Agents::PacketSource const& source);
+   void leaveCounters();
    void work(Agents::PacketSource& source);
    void awaitAnswers();
    void explain(Agents::PacketSource const& source) const;
@@ -166,13 +167,25 @@ void Run::mount(Agents::PacketSource const& source) {
    works_.ip6.choice.emplace(offers_->ip6, rules, now());
 }
 
+/// Leaves the counters to an offload agent that came later.
+void Run::leaveCounters() {
+   if (!counters_) return;
+   complain("hoflow-offload counts from here on");
+   works_.ip4.counter.reset();
+   works_.ip6.counter.reset();
+   states_.reset();
+   counters_.reset();
+}
+
 /// Reads the packets. Twice a second, and at the end, it does what time alone brings.
 void Run::work(Agents::PacketSource& source) {
    Agents::ProgressBar bar(counters_ ? "counting" : "choosing");
    auto const regularly = [&] {
+      if (offers_) answered_ |= offers_->answered();
       if (options_.live() && offers_) {
          works_.ip4.choice->timeIs(now());
          works_.ip6.choice->timeIs(now());
+         if (offers_->answered()) leaveCounters();
       }
       if (states_) {
          StateCounts counts4{}, counts6{};
