@@ -69,7 +69,7 @@ public:
    virtual bool localMem() const = 0;
    virtual u64 sequence() const = 0;
    /// "NAME:PID" of the process that writes the table, ":0" if none does. A damaged owner file stops the
-   /// process.
+   /// process. @throws Lomi::RuntimeException if the system doesn't let it be read
    virtual std::string owner() const = 0;
    /// Ends the mount; files stay. Nothing attaches the collection again by itself.
    virtual void controlDetach() = 0;
