@@ -280,6 +280,25 @@ TEST(Mount, AClientMayLetGoInAnyCallback) {
       }
 }
 
+TEST(Mount, ANameThatIsNoPathIsRefusedAndCanBeLetGo) {
+   Traces const traces(0);
+   std::string deep = "a";
+   while (deep.size() < 5000) deep += "/a";
+   for (std::string const& name : {std::string("/a"), std::string("a/../b"), std::string(256, 'a'), deep}) {
+      Client<QueuedOps> map(name);
+      EXPECT_TRUE(map.put(1, 1));
+      for (auto type : {MirakType::writer, MirakType::reader})
+         EXPECT_THAT(refusal(map, settings(type)), testing::StartsWith("bad table name \"")) << name;
+      EXPECT_EQ(map.get(1), 1u);
+      map.controlDetach(); // as an entity's that becomes an orphan
+      EXPECT_EQ(map.heard(), detachedLog);
+      EXPECT_FALSE(map.exists());
+      EXPECT_EQ(map.owner(), ":0");
+   }
+   Client<QueuedOps> map("a\n/");
+   EXPECT_EQ(refusal(map, settings(MirakType::writer)), "bad table name \"a\\x0a/\": a component is empty");
+}
+
 TEST(Mount, WhatACallbackThrowsLeavesNothingHalf) {
    Traces const traces(0);
    Client<QueuedOps> writer("mount/throws"), reader("mount/throws");

@@ -214,10 +214,11 @@ template <class Ops> bool MirakMap<Ops>::mountWriter() {
 template <class Ops> bool MirakMap<Ops>::mountReader() {
    LOMI_ASSERT(isFollower(mode()) || mode() == MirakType::reader, *debugHandler, "not a valid reader type:{}",
                formatMirakType(mode()));
+   Mem::NaoRootPath const place(*debugHandler, name, false); // refuses a name that no table can have
    backIs(std::make_unique<MirakDummy<Ops>>(*debugHandler, name, ops));
    Mem::Sentry* sentry = nullptr;
    try {
-      mounter_ = std::make_unique<Mem::ReaderSentry>(*debugHandler, rootPath(), this);
+      mounter_ = std::make_unique<Mem::ReaderSentry>(*debugHandler, place, this);
       sentry = mounter_.get();
       sentry->event(eventInit_, false);
    } catch (std::exception const& e) {
