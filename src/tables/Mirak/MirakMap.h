@@ -97,6 +97,7 @@ public:
 
    void cleanup() override { traced(__func__).cleanup(); }
    bool validate() override { return traced(__func__).validate(); }
+   bool inDirectMode() const override { return back().inDirectMode(); }
    bool validateFiles(std::string const&, unsigned) override { return traced(__func__).validateFiles(); }
    Mem::MountStatus mountStatus() const override { return traced(__func__).mountStatus(); }
    u64 sequence() const override { return traced(__func__).sequence(); }
