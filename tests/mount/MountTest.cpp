@@ -283,6 +283,22 @@ TEST(Mount, AClientMayLetGoInAnyCallback) {
       }
 }
 
+TEST(Mount, WithinItsOwnCallbacksACollectionIsMounted) {
+   Traces const traces(0);
+   Client<QueuedOps> writer("mount/within"), reader("mount/within");
+   for (auto* map : {&writer, &reader}) {
+      auto const type = map == &writer ? MirakType::writer : MirakType::reader;
+      map->inCall = [&](std::string const&) {
+         map->init(settings(type));
+         EXPECT_THAT(refusal(*map, settings(type, 999)), HasSubstr("already initialized, old size:100"));
+      };
+      map->init(settings(type));
+      EXPECT_EQ(map->heard(), mountedLog);
+      EXPECT_TRUE(map->initialized() && map->mounted());
+      map->inCall = {};
+   }
+}
+
 TEST(Mount, ANameThatIsNoPathIsRefusedAndCanBeLetGo) {
    Traces const traces(0);
    std::string deep = "a";

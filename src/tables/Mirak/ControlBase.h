@@ -50,7 +50,9 @@ public:
    ///         Lomi::InvalidInitializeException: another descriptor while it is mounted, a descriptor that
    ///         makes no sense, another writer lives, the files can't be made Lomi::MemoryResourceException: no
    ///         space
-   /// In a callback of controlDetach() the collection still counts as mounted: mount it again after that.
+   ///         What a callback throws passes through, too; a writer is mounted then.
+   /// In a callback of init() itself the collection counts as mounted. So it does in one of controlDetach():
+   /// mount it again after that.
    virtual void init(Mem::CollectionDescriptor const& descriptor) = 0;
    /// The same with a descriptor of these settings and the defaults.
    virtual void init(MirakType type, bool local, unsigned size) = 0;

@@ -165,6 +165,7 @@ private:
    void end(std::unique_ptr<BackEnd> back);
 
    std::unique_ptr<BackEnd> back_; ///< null until the first one is given
+   bool mounting_ = false;         ///< init() is on the stack, and its mount not let go again
    bool detaching_ = false;        ///< controlDetach() is on the stack
    u64 mountsEnded_ = 0;
 };
