@@ -189,8 +189,7 @@ TEST(Mount, RefusalsChangeNothing) {
 
 TEST(Mount, AShadowWaitsOnItsPlaceholder) {
    Traces const traces(0);
-   Client<QueuedOps> writer("mount/shadow"), map("mount/shadow");
-   writer.init(settings(MirakType::writer));
+   Client<QueuedOps> map("mount/shadow");
    auto wanted = settings(MirakType::shadow);
    wanted.synchronous = false;
    map.init(wanted);

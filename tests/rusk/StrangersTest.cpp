@@ -35,7 +35,7 @@ bool openDescriptorsLeft() {
 
 // Type of the first message, 0 if there is none before the end.
 int firstWord(Raw const& raw) {
-   for (double const end = Rusk::monotonicSeconds() + 20; Rusk::monotonicSeconds() < end; ::usleep(1000))
+   for (double const end = Lomi::monotonicTime() + 20; Lomi::monotonicTime() < end; ::usleep(1000))
       if (int const heard = raw.hear(); heard >= 0) return heard;
    return -1;
 }
@@ -204,9 +204,9 @@ TEST_F(Strangers, NoDescriptorsLeft) {
       Limit const limit(64);
       std::vector<Mem::Descriptor> all;
       while (openDescriptorsLeft()) all.emplace_back(::open("/dev/null", O_RDONLY | O_CLOEXEC));
-      double const start = Rusk::monotonicSeconds();
+      double const start = Lomi::monotonicTime();
       ASSERT_TRUE(runUntil([&] { return writer.acceptor().counters().paused >= 3; }));
-      elapsed = Rusk::monotonicSeconds() - start;
+      elapsed = Lomi::monotonicTime() - start;
    }
    // The socket is off in between: it does not turn the loop round and round.
    EXPECT_LE(static_cast<double>(writer.acceptor().counters().paused), elapsed / 0.25 + 1);

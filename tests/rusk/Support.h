@@ -31,8 +31,8 @@ inline Lomi::TaskSchedulerRoot& loop() { return Lomi::TaskSchedulerRoot::root();
 
 /// Runs the loop until `done` or for 30 seconds, which only a failure takes.
 template <class Done> bool runUntil(Done done) {
-   for (double const end = Rusk::monotonicSeconds() + 30; !done();) {
-      if (Rusk::monotonicSeconds() > end) return false;
+   for (double const end = Lomi::monotonicTime() + 30; !done();) {
+      if (Lomi::monotonicTime() > end) return false;
       loop().run(0.02);
    }
    return true;
@@ -43,8 +43,8 @@ template <class Done> bool driveUntil(Done done) {
    epoll_event event{};
    event.events = EPOLLIN;
    ::epoll_ctl(epoll, EPOLL_CTL_ADD, loop().fd(), &event);
-   double const end = Rusk::monotonicSeconds() + 30;
-   while (!done() && Rusk::monotonicSeconds() < end)
+   double const end = Lomi::monotonicTime() + 30;
+   while (!done() && Lomi::monotonicTime() < end)
       if (::epoll_wait(epoll, &event, 1, 20) == 1) loop().dispatch();
    ::close(epoll);
    return done();

@@ -58,7 +58,7 @@ TEST_F(Wake, NoChangeIsSleptThrough) {
 TEST_F(Wake, AWriterThatDoesNotReachItsLoop) {
    Child child([&] { return followInChild(scratch, *shared); });
    auto const await = [&](auto done) {
-      for (double const end = Rusk::monotonicSeconds() + 30; !done() && Rusk::monotonicSeconds() < end;)
+      for (double const end = Lomi::monotonicTime() + 30; !done() && Lomi::monotonicTime() < end;)
          ::usleep(1000);
       return done();
    };

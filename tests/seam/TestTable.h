@@ -56,6 +56,7 @@ template <u32 Words, bool queued = false> struct Row {
       for (u32 i = 1; i < Words; ++i) row.words[i] = rowWord(key, generation, i);
       return row;
    }
+   friend bool operator==(Row const&, Row const&) = default;
    Key const& key() const { return ownKey; }
    u32 generation() const { return words[0]; }
    bool sound() const {

@@ -63,6 +63,7 @@ Canary& canary() {
 } // namespace
 
 double time() { return seconds(CLOCK_REALTIME); }
+double monotonicTime() { return seconds(CLOCK_MONOTONIC); }
 
 double Rdtsc::calibrationRate() {
    static double const rate = calibrate();

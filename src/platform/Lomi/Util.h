@@ -18,6 +18,9 @@ using u64 = std::uint64_t;
 /// Seconds since 1970 by the system's clock.
 HOFLOW_EXPORT double time();
 
+/// Seconds since the system's start; never set back.
+HOFLOW_EXPORT double monotonicTime();
+
 /// "0a1bff": two hexadecimal digits a byte, no separators.
 HOFLOW_EXPORT std::string dumpHex(void const* bytes, std::size_t length);
 

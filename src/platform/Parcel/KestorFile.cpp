@@ -21,7 +21,7 @@ struct Content {
    u32 id;
    u32 check;
 };
-static_assert(sizeof(Content) == 16, "part of the file format");
+static_assert(sizeof(Content) == KestorFile::fileSize, "part of the file format");
 
 u32 checkOf(Content const& content) {
    Lomi::Impl::HashMix<unsigned int> hash(0x811c9dc5);

@@ -18,6 +18,7 @@ namespace Parcel {
 class HOFLOW_EXPORT KestorFile {
 public:
    static constexpr char const* KESTOR_NAME = "kestor";
+   static constexpr Mem::u32 fileSize = 16; ///< bytes
 
    KestorFile(Lomi::Platform::DebugHandler const& handler, Mem::NaoRootPath const& rootPath, bool local);
 

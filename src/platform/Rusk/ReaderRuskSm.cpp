@@ -100,20 +100,23 @@ void ReaderRuskSm::walk() {
    if (*epoch != before || !following()) return;
    retry_ = false;
    if (walked == Walked::more) {
-      if (monotonicSeconds() - reportedAt_ > reportEvery) reportNow();
+      if (Lomi::monotonicTime() - reportedAt_ > reportEvery) reportNow();
       walkSoon();
    } else if (walked == Walked::atEnd) {
       settle();
+   } else if (walked == Walked::later) {
+      retry_ = true;
+      pollAfter(longestPoll);
    }
 }
 
 Walked ReaderRuskSm::walkForAWhile(std::shared_ptr<u64> const& epoch) {
    u64 const before = *epoch;
-   double const until = monotonicSeconds() + std::max(yieldTime_, 0.0);
+   double const until = Lomi::monotonicTime() + std::max(yieldTime_, 0.0);
    while (true) {
       Walked const walked = follower_.walk();
       if (*epoch != before) return Walked::stopped;
-      if (walked != Walked::more || !following() || !(monotonicSeconds() < until)) return walked;
+      if (walked != Walked::more || !following() || !(Lomi::monotonicTime() < until)) return walked;
    }
 }
 
@@ -148,7 +151,7 @@ bool ReaderRuskSm::tell(MessageType type) {
    if (message.sequence == noSequence) message.sequence = 0;
    if (send(socket_.get(), message) != Sent::done) return false; // a lost connection is met by reading
    ++counters_.sequencesSent;
-   reportedAt_ = monotonicSeconds();
+   reportedAt_ = Lomi::monotonicTime();
    return true;
 }
 
@@ -164,11 +167,18 @@ void ReaderRuskSm::reportNow() {
 
 void ReaderRuskSm::onReadable() {
    bool woken = false;
+   bool const welcomedBefore = welcomed_;
    Message message;
    for (int i = 0; i < messagesInATurn; ++i) {
       Received const received = receive(socket_.get(), message);
       if (received == Received::nothing) break;
       if (received != Received::message || !handle(message, woken)) return lost();
+   }
+   if (welcomed_ && !welcomedBefore) {
+      auto const epoch = epoch_;
+      u64 const before = *epoch;
+      follower_.handleConnect();
+      if (*epoch != before) return; // the object may have ended in it
    }
    if (woken) walk();
 }
@@ -269,7 +279,7 @@ bool ReaderRuskSm::tryConnect() {
    hello.name = name_;
    if (send(socket_.get(), hello) != Sent::done) return false;
    ++counters_.sequencesSent;
-   reportedAt_ = monotonicSeconds();
+   reportedAt_ = Lomi::monotonicTime();
    readable_ = Lomi::TaskSchedulerRoot::root().descriptorTask(socket_.get(), EPOLLIN,
                                                               [this](std::uint32_t) { onReadable(); });
    return true;

@@ -15,7 +15,7 @@
 // All on one thread, as normal-priority tasks of its Lomi::TaskSchedulerRoot: the walk calls the client,
 // which must not happen in the middle of some other table's grow. What a walk throws goes out of the loop to
 // the agent, as with every normal task; the walk is tried again with the next poll. The follower may call
-// anything here from inside walk() and handleDisconnect(), and may end the object there.
+// anything here from inside walk(), handleConnect() and handleDisconnect(), and may end the object there.
 //
 // A forked child has no connection and must not use the object.
 #pragma once
@@ -34,6 +34,7 @@ namespace Rusk {
 enum class Walked {
    more,    ///< there is more
    atEnd,   ///< everything up to last() is taken in
+   later,   ///< it can't be read now: ask again in a moment
    stopped, ///< there is nothing to follow: don't ask again before processingIs(true)
 };
 
@@ -48,6 +49,8 @@ public:
    virtual Sequence last() const = 0;
    /// The generation that is followed.
    virtual Parcel::KestorId kestorId() const = 0;
+   /// The writer has welcomed this reader.
+   virtual void handleConnect() {}
    /// A connection that had come about is lost.
    virtual void handleDisconnect() = 0;
 

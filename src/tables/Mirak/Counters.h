@@ -56,6 +56,26 @@ struct Counters {
    u64 remaps = 0;
    BucketCounters buckets;
    u64 slotBytesMapped = 0; ///< filled in by readerCounters()
+   // Of shadows.
+   u64 sequence = 0;     ///< of the last change that the copy has taken in
+   u64 syncSequence = 0; ///< at the start of the last sweep that was completed
+   u32 members = 0;      ///< rows in the copy
+   u32 resyncs = 0;      ///< sweeps after the first one: changes had been lost to the queue's bound
+   u32 shadowBucketGrows = 0;
+   u32 shadowBucketShrinks = 0;
+   u32 shadowSlotGrows = 0;
+   u32 shadowSlotShrinks = 0;
+   u32 shadowPatches = 0;         ///< moves of the local slots in memory
+   u32 shadowKeyMismatches = 0;   ///< a shared slot no longer held the key of the local one
+   u32 shadowWrites = 0;          ///< rows taken in
+   u32 shadowKeyMoves = 0;        ///< of these, found in another slot than before
+   u32 pendingLookupHits = 0;     ///< lookups answered from the change in progress
+   u32 pendingLookupMisses = 0;   ///< lookups of other keys meanwhile
+   u32 failedNotifications = 0;   ///< queue entries that no longer counted when they were met
+   u64 sequencesSent = 0;         ///< messages to the writer of how far the copy is
+   u64 shadowMappedSize = 0;      ///< bytes of private memory; filled in by readerCounters()
+   u64 kestorMappedSize = 0;      ///< filled in by readerCounters()
+   u64 queueBytesMapped = 0;      ///< filled in by readerCounters()
 };
 } // namespace Reader
 

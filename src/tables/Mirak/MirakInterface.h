@@ -64,6 +64,9 @@ public:
    virtual bool criticalTaskCheck() const { return false; }
    virtual void scratchpadIs(u64) {}
    virtual u64 scratchpad() const { return 0; }
+   /// Whether the last initialize() returned false because the files are damaged: they won't get better by
+   /// waiting.
+   virtual bool damageFound() const { return false; }
    /// Whether it calls its client from work of its own (a sweep, a queue's walk). Such a back end may be on
    /// the stack of whoever lets it go, so it is deleted from the loop.
    virtual bool callsBack() const { return false; }

@@ -36,6 +36,7 @@
 #include "Mirak/MirakInterface.h"
 #include "Mirak/MirakMapBase.h"
 #include "Mirak/MirakReader.h"
+#include "Mirak/MirakShadow.h"
 #include "Mirak/MirakWriter.h"
 
 #include <memory>
@@ -134,10 +135,11 @@ protected:
    /// Replaces the back end. The old one ends at once, or in the loop if it may be on the stack.
    void backIs(std::unique_ptr<BackEnd> back);
 
-   /// The back end of a shadow or keyshadow with these options (bit 0: keys only, 1: attached before, 2: tell
-   /// removals when it is flushed). Null as long as no class follows a table's change queue: the collection
-   /// stays on its placeholder.
-   virtual std::unique_ptr<BackEnd> newShadow(u32 /*shadowFlags*/) { return nullptr; }
+   /// The back end of a shadow or keyshadow with these options (MirakShadowBase's flags). Null: the
+   /// collection stays on its placeholder.
+   virtual std::unique_ptr<BackEnd> newShadow(u32 shadowFlags) {
+      return std::make_unique<MirakShadow<Ops>>(*debugHandler, name, shadowFlags, ops, *this, notify);
+   }
 
    Mem::Notify<Key, Value> notify; ///< to the client
    Ops ops;                        ///< copied into each back end

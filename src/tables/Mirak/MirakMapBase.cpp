@@ -114,6 +114,19 @@ void add(Reader::Counters& sum, Reader::Counters const& more) {
    sum.remaps += more.remaps;
    sum.buckets.resizes += more.buckets.resizes;
    sum.buckets.remaps += more.buckets.remaps;
+   sum.resyncs += more.resyncs;
+   sum.shadowBucketGrows += more.shadowBucketGrows;
+   sum.shadowBucketShrinks += more.shadowBucketShrinks;
+   sum.shadowSlotGrows += more.shadowSlotGrows;
+   sum.shadowSlotShrinks += more.shadowSlotShrinks;
+   sum.shadowPatches += more.shadowPatches;
+   sum.shadowKeyMismatches += more.shadowKeyMismatches;
+   sum.shadowWrites += more.shadowWrites;
+   sum.shadowKeyMoves += more.shadowKeyMoves;
+   sum.pendingLookupHits += more.pendingLookupHits;
+   sum.pendingLookupMisses += more.pendingLookupMisses;
+   sum.failedNotifications += more.failedNotifications;
+   sum.sequencesSent += more.sequencesSent;
 }
 
 void add(Writer::Counters& sum, Writer::Counters const& more) {

@@ -238,8 +238,10 @@ template <class Ops> bool MirakMap<Ops>::mountReader() {
 template <class Ops> auto MirakMap<Ops>::newBackEnd(std::string const& event) -> std::unique_ptr<BackEnd> {
    if (mode() == MirakType::reader) return std::make_unique<MirakReader<Ops>>(*debugHandler, name, ops);
    bool const again = descriptor.reattach || event != eventInit_;
-   return newShadow((mode() == MirakType::keyshadow ? 1u : 0u) | (again ? 2u : 0u) |
-                    (descriptor.shadowOption ? 4u : 0u));
+   using Shadow = MirakShadowBase;
+   return newShadow((mode() == MirakType::keyshadow ? Shadow::shadowFlagKeyOnly : 0) |
+                    (again ? Shadow::shadowFlagResume : 0) |
+                    (descriptor.shadowOption ? Shadow::shadowFlagNotifyOnFlush : 0));
 }
 
 template <class Ops> void MirakMap<Ops>::attach(std::string const& event) {
@@ -271,6 +273,7 @@ template <class Ops> void MirakMap<Ops>::attach(std::string const& event) {
    if (backChanges_ != changes) return retire(std::move(fallback)); // the client let go in a callback
    if (!works) return notAttached(std::move(fallback));
    LOMI_TRACE(*debugHandler, 2, "MirakMap", "{}", "successful");
+   if (mounter_) mounter_->enabled = 1; // perhaps it ended a flush, for which the sentry was off
    retire(std::move(fallback));
    if (back_->type() == MirakType::reader)
       tellMounted();
@@ -280,8 +283,7 @@ template <class Ops> void MirakMap<Ops>::attach(std::string const& event) {
 
 template <class Ops> void MirakMap<Ops>::notAttached(std::unique_ptr<BackEnd> fallback) {
    LOMI_TRACE(*debugHandler, 1, "MirakMap", "initialize failed for {}", name);
-   auto const* const reader = dynamic_cast<MirakReader<Ops>*>(back_.get());
-   bool const damaged = reader && reader->damageFound();
+   bool const damaged = back_->damageFound();
    if (back_->mountStatus() == Mem::MountStatus::flushing) {
       LOMI_TRACE(*debugHandler, 0, "MirakMap", "{}", "not deleting Mirak, waiting for flush to complete");
       end(std::move(fallback));

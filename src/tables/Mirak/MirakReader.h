@@ -60,8 +60,7 @@ public:
    void detach(bool force) override;
    /// Why the last initialize() returned false; empty after one that returned true.
    std::string const& initializeError() const { return initializeError_; }
-   /// Whether it was because the files are damaged: they will not get better by waiting.
-   bool damageFound() const { return damageFound_; }
+   bool damageFound() const override { return damageFound_; }
    /// True when the path leads to other files than those that are mapped: the table was removed, and perhaps
    /// made again. Always false while detached.
    bool filesReplaced() const;
@@ -88,10 +87,24 @@ public:
    /// holds none, or null. @return whether it holds one
    bool getValue(u32 slot, Value& buffer, void* defaultOut) const;
 
-   void validateVersionAnchor() const override;
+   void validateVersionAnchor() const override { validateVersionAnchor(slots_.anchor()); }
+   /// The same for an anchor that was kept. @throws Mem::VersionMismatchException
+   void validateVersionAnchor(Mem::VersionAnchor const& anchor) const;
    Mem::CacheVersionAnchor getCacheVersionAnchor() const override {
       return {slots_.anchor().word, slots_.anchor().offset};
    }
+
+   // --- for a shadow, which keeps a copy of the table that is read ---
+
+   Ops const& ops() const { return ops_; }                              ///< with the open table's hash seed
+   Mem::VersionAnchor const& anchor() const { return slots_.anchor(); } ///< of the last read
+   /// An anchor for its owner to keep: it follows the mappings.
+   Mem::VersionAnchor& mappedAnchor() { return slots_.mappedAnchor(); }
+   /// Slots that the file has at this moment; capacity() says how many of them are mapped. 0 while detached.
+   u32 headerCapacity() const;
+   /// Follows both files to their present sizes. @return whether either had moved
+   /// @throws what following throws, or Mirak::TableReformattedException
+   bool resize() const { return follow(); }
 
    /// Both files' headers in words.
    std::string dumpHeaders() const;

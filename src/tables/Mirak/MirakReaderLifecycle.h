@@ -144,14 +144,17 @@ template <class Ops> u32 MirakReader<Ops>::maxSize() const {
    return header ? Mem::loadShared(header->maxSlots) : 0;
 }
 
+template <class Ops> u32 MirakReader<Ops>::headerCapacity() const {
+   auto const* header = slots_.header();
+   return header ? Mem::loadShared(header->numSlots.value) : 0;
+}
+
 template <class Ops> Reader::Counters MirakReader<Ops>::readerCounters() const {
    counters_.slotBytesMapped = slots_.mapping().mappedSize();
    counters_.buckets.bytesMapped = buckets_.buckets().mapping().mappedSize();
    return counters_;
 }
 
-/// Follows both files to their present sizes. @return whether either had moved
-/// @throws what following throws, or Mirak::TableReformattedException
 template <class Ops> bool MirakReader<Ops>::follow() const {
    try {
       bool const slotsMoved = slots_.doResize();
@@ -207,8 +210,7 @@ template <class Ops> void MirakReader<Ops>::reformatted(Parcel::KestorId found) 
    throw TableReformattedException(fmt::format("bad kestor:{} wanted:{}", found, kestorId_));
 }
 
-template <class Ops> void MirakReader<Ops>::validateVersionAnchor() const {
-   Mem::VersionAnchor const& anchor = slots_.anchor();
+template <class Ops> void MirakReader<Ops>::validateVersionAnchor(Mem::VersionAnchor const& anchor) const {
    LOMI_ASSERT(anchor.offset != Mem::anchorUnset, debugHandler_,
                "should not be called on a default-constructed VersionAnchor");
    // A table that was formatted anew begins its words again: the same one may stand for another row.

@@ -6,11 +6,19 @@
 #include "Lomi/HashMix.h"
 #include "Lomi/Util.h"
 #include "Mem/Local.h"
+#include "Mem/Page.h"
 
+#include <bit>
 #include <cstring>
 #include <fmt/format.h>
 
 namespace Mirak {
+
+u32 slotsInOnePage(u32 headerSize, u32 slotSize) {
+   u64 const page = Mem::pageSize_;
+   if (page <= headerSize || page - headerSize < slotSize) return 1;
+   return static_cast<u32>(std::bit_floor((page - headerSize) / slotSize));
+}
 
 std::string Compatibility::platformType(u32 platform) {
    if (platform == static_cast<u32>(Platform::x86)) return "x86";

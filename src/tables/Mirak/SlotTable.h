@@ -98,6 +98,9 @@ struct SlotTableFormat {
    u32 hashSeed;
 };
 
+/// The largest power of two of slots that fits beside the header in one page; 1 if none does.
+u32 slotsInOnePage(u32 headerSize, u32 slotSize);
+
 /// Writes the header's words in field order (not the slots, not the free list) and computes the checksum.
 /// @throws Lomi::InvalidInitializeException when the type name has 512 characters or more
 void formatHeader(SlotTableHeader& header, SlotTableFormat const& format);

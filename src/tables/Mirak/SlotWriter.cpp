@@ -2,10 +2,7 @@
 // Arithmetic of the slot file's growth and the draw of its hash seed. See SlotWriter.h.
 #include "Mirak/SlotWriter.h"
 
-#include "Mem/Page.h"
-
 #include <algorithm>
-#include <bit>
 #include <cerrno>
 #include <cfloat>
 #include <cmath>
@@ -20,12 +17,6 @@ u32 drawHashSeed() {
    while (getrandom(&noise, sizeof noise, 0) < 0 && errno == EINTR) {
    }
    return static_cast<u32>(std::rand()) ^ noise;
-}
-
-u32 slotsInOnePage(u32 headerSize, u32 slotSize) {
-   u64 const page = Mem::pageSize_;
-   if (page <= headerSize || page - headerSize < slotSize) return 1;
-   return static_cast<u32>(std::bit_floor((page - headerSize) / slotSize));
 }
 
 u32 grownCapacity(u32 capacity, u32 maxSlots) {

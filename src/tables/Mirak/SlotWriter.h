@@ -34,9 +34,6 @@ using MirakCore::AttachResult;
 /// Draws a hash seed: unpredictable to whoever sends the packets, and another one after each restart.
 u32 drawHashSeed();
 
-/// The largest power of two of slots that fits beside the header in one page; 1 if none does.
-u32 slotsInOnePage(u32 headerSize, u32 slotSize);
-
 /// The next capacity of a full table of `capacity` slots: doubled up to `maxSlots`, then a tenth more.
 u32 grownCapacity(u32 capacity, u32 maxSlots);
 

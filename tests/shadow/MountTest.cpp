@@ -1,0 +1,295 @@
+// SPDX-License-Identifier: Apache-2.0
+// A mounted shadow's states, and what its client hears in which order: the first sweep, the writer's end and
+// return, a re-format, a flush, a client that lets go in any of its callbacks.
+#include "Support.h"
+
+#include <fstream>
+
+namespace Test {
+namespace {
+
+using testing::ElementsAre;
+
+class ShadowMount : public testing::TestWithParam<bool> {
+protected:
+   ShadowMount() {
+      std::filesystem::remove_all(testRoot() + "/shadowed");
+      writer = newWriter("shadowed");
+      client = std::make_unique<Client>("shadowed");
+   }
+   ~ShadowMount() override {
+      client->inCall = {};
+      client->controlDetach();
+      settle();
+   }
+   static void settle() {
+      while (loop().run(0)) {
+      }
+   }
+   void put(u32 number, u32 generation) { writer->write(R::make(keyOf(number), generation), true); }
+   void fill(u32 rows) {
+      for (u32 number = 0; number < rows; ++number) put(number, 1);
+   }
+   MapDescriptor wanted(bool tellFlush = true, bool synchronous = true) const {
+      return shadowSettings(GetParam(), tellFlush, synchronous);
+   }
+   bool quiet() const {
+      return client->mountStatus() == Mem::MountStatus::synchronised && client->quiesced() &&
+             client->connected();
+   }
+   /// Everything that was written has come.
+   void expectTable() {
+      ASSERT_TRUE(runUntil([&] { return quiet() && difference(client->heard, contentOf(*writer)).empty(); }))
+          << difference(client->heard, contentOf(*writer));
+      EXPECT_EQ(difference(contentOf(client->back()), contentOf(*writer)), "");
+      EXPECT_EQ(client->complaint, "");
+   }
+   void mount(MapDescriptor const& descriptor) {
+      client->init(descriptor);
+      ASSERT_TRUE(runUntil([&] { return quiet(); }));
+   }
+   /// The other callbacks, without those that say once more what the one before has said.
+   Log heardOnce() {
+      Log log = client->takeLog();
+      log.erase(std::unique(log.begin(), log.end()), log.end());
+      return log;
+   }
+   /// As after a crash in the middle of a change: the next writer formats the table anew.
+   void killWriter(bool damaged) {
+      writer.reset();
+      if (!damaged) return;
+      std::fstream file(testRoot() + "/shadowed/slots", std::ios::in | std::ios::out | std::ios::binary);
+      file.seekp(offsetof(Mirak::SlotTableHeader, runtimeFlags)).put(1);
+   }
+
+   Silence const silence;
+   std::unique_ptr<Writer> writer;
+   std::unique_ptr<Client> client;
+};
+
+TEST_P(ShadowMount, FillsItsCopyAndFollows) {
+   fill(500);
+   client->yieldTimeIs(0); // a slot a step
+   client->init(wanted());
+   EXPECT_EQ(client->mountStatus(), Mem::MountStatus::mounted);
+   EXPECT_THAT(client->takeLog(), ElementsAre("status 1"));
+   EXPECT_EQ(client->calls(), 0u) << "the sweep begins in the loop";
+   loop().run(0);
+   put(1000, 1); // between two steps
+   ASSERT_TRUE(runUntil([&] { return client->changes >= 300; }));
+   EXPECT_LT(client->changes, 400u) << "the loop's other work comes between the steps";
+   ASSERT_TRUE(runUntil([&] { return quiet(); }));
+   EXPECT_THAT(heardOnce(), ElementsAre("status 1", "status 2", "not quiesced", "quiesced"));
+   expectTable();
+   EXPECT_EQ(client->readerCounters().members, 501u);
+   client->takeLog();
+   for (u32 n = 0; n < 50'000; ++n) {
+      put(n % 700, 2 + n);
+      if (n % 100 == 0) loop().run(0);
+   }
+   expectTable();
+   Log const log = client->takeLog();
+   EXPECT_LT(log.size(), 200u);
+   EXPECT_TRUE(log.empty() || log.back() == "quiesced");
+   EXPECT_EQ(client->readerCounters().resyncs, 0u);
+}
+
+TEST_P(ShadowMount, AnAsynchronousOneTellsNoRowBeforeItIsComplete) {
+   fill(300);
+   std::vector<u64> callsAt;
+   client->inCall = [&](std::string const& what) {
+      if (what == "status 2") callsAt.push_back(client->calls());
+   };
+   mount(wanted(true, false));
+   EXPECT_THAT(callsAt, testing::AllOf(testing::Not(testing::IsEmpty()), testing::Each(0u)));
+   EXPECT_EQ(client->calls(), 0u);
+   EXPECT_EQ(difference(contentOf(client->back()), contentOf(*writer)), "");
+   put(5, 7);
+   ASSERT_TRUE(runUntil([&] { return client->changes == 1; }));
+   // Let go before the copy is complete, and mounted again: the callbacks are not lost.
+   client->controlDetach();
+   client->heard.clear();
+   client->init(wanted(true, false));
+   client->controlDetach();
+   client->heard.clear();
+   mount(wanted(true, false));
+   u64 const before = client->calls();
+   put(6, 8);
+   ASSERT_TRUE(runUntil([&] { return client->calls() == before + 1; }));
+}
+
+TEST_P(ShadowMount, TheWritersReturnTellsNothingOfRowsThatStayed) {
+   fill(200);
+   mount(wanted());
+   u64 const calls = client->calls();
+   auto const kestor = client->kestorId();
+   for (u32 restart = 1; restart <= 20; ++restart) {
+      client->takeLog();
+      killWriter(false);
+      ASSERT_TRUE(runUntil([&] { return !client->connected(); }));
+      EXPECT_EQ(client->mountStatus(), Mem::MountStatus::synchronised) << "the copy is kept";
+      EXPECT_EQ(contentOf(client->back()).size(), GetParam() ? 200u : 200u);
+      writer = newWriter("shadowed");
+      if (restart % 4 == 0) put(restart, 100 + restart);
+      ASSERT_TRUE(runUntil([&] { return quiet(); }));
+      Log const log = client->takeLog();
+      EXPECT_THAT(log, testing::Contains("status 2")) << "loss and return are told by the mount status";
+      EXPECT_THAT(log, testing::Not(testing::Contains("status 0")));
+   }
+   expectTable();
+   EXPECT_EQ(client->kestorId(), kestor);
+   EXPECT_EQ(client->calls(), calls + 5);
+   EXPECT_EQ(client->readerCounters().resyncs, 0u);
+}
+
+TEST_P(ShadowMount, AReformatIsToldAsRemovalsBeforeTheFirstNewRow) {
+   fill(100);
+   mount(wanted());
+   for (u32 round = 2; round < 12; ++round) {
+      bool newSeen = false, removedLate = false;
+      client->inCall = [&](std::string const& what) {
+         newSeen |= what.starts_with("row");
+         removedLate |= newSeen && what.starts_with("removed");
+      };
+      auto const before = client->kestorId();
+      u64 const removals = client->removals;
+      killWriter(true);
+      writer = newWriter("shadowed");
+      for (u32 number = 50; number < 150; ++number) put(number, round);
+      ASSERT_TRUE(runUntil([&] { return client->kestorId() != before && quiet(); }));
+      expectTable();
+      EXPECT_EQ(client->removals - removals, 100u);
+      EXPECT_FALSE(removedLate);
+      client->inCall = {};
+   }
+   // Without the option the mount status alone says it.
+   client->controlDetach();
+   mount(wanted(false));
+   u64 const removals = client->removals;
+   killWriter(true);
+   writer = newWriter("shadowed");
+   put(1, 50);
+   ASSERT_TRUE(runUntil([&] { return quiet() && client->heard[keyOf(1)] == 50; }));
+   EXPECT_EQ(client->removals, removals);
+   EXPECT_EQ(difference(contentOf(client->back()), contentOf(*writer)), "");
+}
+
+TEST_P(ShadowMount, AFlushGoesInStepsAndCanBeForced) {
+   fill(300);
+   mount(wanted());
+   client->yieldTimeIs(0);
+   client->takeLog();
+   client->detach(false);
+   EXPECT_EQ(client->mountStatus(), Mem::MountStatus::flushing);
+   EXPECT_FALSE(client->back().initialized());
+   EXPECT_EQ(client->removals, 0u);
+   ASSERT_TRUE(runUntil([&] { return client->removals > 100; }));
+   EXPECT_LT(client->removals, 200u);
+   bool found = true;
+   R row;
+   client->safeLookup(keyOf(299), found, &row);
+   EXPECT_EQ(found, !GetParam()) << "a keyshadow has let the table go";
+   put(7, 2); // not heard of any more
+   u64 const changes = client->changes;
+   client->controlDetach();
+   EXPECT_EQ(client->removals, 300u);
+   EXPECT_EQ(client->mountStatus(), Mem::MountStatus::notMounted);
+   settle();
+   EXPECT_EQ(client->changes, changes);
+   EXPECT_TRUE(client->heard.empty());
+   EXPECT_THAT(heardOnce(), ElementsAre("not quiesced", "status 3", "status 0", "not quiesced", "status 0"));
+
+   // Left to itself, it ends, and the sentry attaches the table again.
+   mount(wanted());
+   client->takeLog();
+   client->detach(false);
+   ASSERT_TRUE(runUntil([&] { return quiet(); }));
+   expectTable();
+   EXPECT_THAT(heardOnce(), testing::IsSupersetOf({"status 3", "status 0", "status 1", "status 2"}));
+   // An attach in the middle of one: all removals come before the first row.
+   client->yieldTimeIs(0);
+   client->detach(false);
+   loop().run(0);
+   client->attach(Mirak::MirakMapBase::eventTryAttach_);
+   EXPECT_TRUE(client->heard.empty());
+   EXPECT_EQ(client->mountStatus(), Mem::MountStatus::mounted);
+   expectTable();
+}
+
+TEST_P(ShadowMount, ItsClientLetsGoInAnyCallback) {
+   fill(50);
+   for (std::string const callback : {"status 1", "row", "status 2", "not quiesced", "quiesced", "removed"}) {
+      bool letGo = false;
+      u64 after = 0;
+      client->inCall = [&](std::string const& what) {
+         if (letGo && client->initialized() == false && !what.starts_with("removed")) ++after;
+         if (letGo || !what.starts_with(callback)) return;
+         letGo = true;
+         client->controlDetach();
+         after = 0;
+      };
+      client->init(wanted(true));
+      auto const gone = [&] { return letGo; };
+      if (callback == "removed") {
+         ASSERT_TRUE(runUntil([&] { return quiet(); }));
+         client->detach(false);
+      }
+      ASSERT_TRUE(runUntil(gone)) << callback;
+      settle();
+      put(1, 77);
+      settle();
+      EXPECT_EQ(after, 0u) << callback;
+      EXPECT_EQ(client->mountStatus(), Mem::MountStatus::notMounted) << callback;
+      EXPECT_TRUE(client->heard.empty()) << callback;
+      client->heard.clear();
+      client->inCall = {};
+   }
+   mount(wanted());
+   expectTable();
+}
+
+TEST_P(ShadowMount, WaitsWhileItsClientWantsNoNotifications) {
+   fill(40);
+   client->notifyingIs(false);
+   client->init(wanted());
+   settle();
+   EXPECT_EQ(client->calls(), 0u);
+   client->notifyingIs(true);
+   ASSERT_TRUE(runUntil([&] { return quiet(); }));
+   client->notifyingIs(false);
+   u64 const calls = client->calls();
+   for (u32 n = 0; n < 1000; ++n) put(n % 90, n + 2);
+   settle();
+   EXPECT_EQ(client->calls(), calls);
+   client->notifyingIs(true);
+   expectTable();
+}
+
+TEST_P(ShadowMount, DamageTakesTheTableAwayAndLeavesAMarker) {
+   fill(40);
+   mount(wanted());
+   std::string const marker = testRoot() + "/shadowed/corruption-detected";
+   u32 const slots[2] = {0x40000001, 0x7fffffff}; // a version that has moved on, and an impossible count
+   std::fstream file(testRoot() + "/shadowed/slots", std::ios::in | std::ios::out | std::ios::binary);
+   file.seekp(offsetof(Mirak::SlotTableHeader, numSlots)).write(reinterpret_cast<char const*>(slots), 8);
+   file.close();
+   bool found = true;
+   try {
+      // A full shadow reads past its copy here; its client would meet the damage with the next change.
+      client->back().directLookup(keyOf(1), found, nullptr);
+      ADD_FAILURE() << "the damage isn't met";
+   } catch (Lomi::CorruptionDetectedException const& e) {
+      client->doCorruptionDetected(e.msg());
+   }
+   ASSERT_TRUE(runUntil([&] { return client->mountStatus() == Mem::MountStatus::notMounted; }));
+   EXPECT_TRUE(std::filesystem::exists(marker));
+   EXPECT_TRUE(client->heard.empty()) << "each row that went away was told";
+   writer.reset();
+   std::filesystem::remove_all(testRoot() + "/shadowed");
+}
+
+INSTANTIATE_TEST_SUITE_P(Both, ShadowMount, testing::Bool(),
+                         [](auto const& variant) { return variant.param ? "keyshadow" : "shadow"; });
+
+} // namespace
+} // namespace Test
