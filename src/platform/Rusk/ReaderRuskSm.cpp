@@ -175,10 +175,8 @@ void ReaderRuskSm::onReadable() {
       if (received != Received::message || !handle(message, woken)) return lost();
    }
    if (welcomed_ && !welcomedBefore) {
-      auto const epoch = epoch_;
-      u64 const before = *epoch;
-      follower_.handleConnect();
-      if (*epoch != before) return; // the object may have ended in it
+      if (woken) walkSoon();
+      return follower_.handleConnect(); // last: it may throw, and the object may end in it
    }
    if (woken) walk();
 }
