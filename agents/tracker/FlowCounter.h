@@ -23,41 +23,36 @@
 // start finds out by the same rule.
 //
 // The recount takes memory for the flows of those k packets, once per start; counting takes none.
+//
+// All this is for packets that come again at each start. Those of an interface don't: there the rows that are
+// found are believed, and counting goes on in them.
+//
 // Used on one thread, the one that owns the table.
 #pragma once
 
+#include "RowStore.h"
+#include "SeededHash.h"
 #include "Zeb/Seconds.h"
 
 #include <cstdint>
-#include <functional>
-#include <random>
 #include <unordered_map>
 
 namespace Tracker {
-
-/// What a counter needs of a table of `Record`s. `Record` is HoIpFlowCounter or HoIp6FlowCounter.
-template <class Record> class RowStore {
-public:
-   using Key = typename Record::Key;
-   virtual ~RowStore() = default;
-   /// Fills `row` and returns true if there is one.
-   virtual bool read(Key const& key, Record& row) const = 0;
-   /// Stores a row, whole or not at all.
-   virtual void write(Record const& row) = 0;
-   virtual std::uint64_t rows() const = 0;
-   virtual void forEach(std::function<void(Record const&)> const& visit) const = 0;
-   virtual void removeAll() = 0;
-};
 
 template <class Record> class FlowCounter {
 public:
    using Key = typename Record::Key;
 
-   explicit FlowCounter(RowStore<Record>& table)
+   /// @param live the packets are new ones at each start
+   explicit FlowCounter(Agents::RowStore<Record>& table, bool live = false)
       : table_(table) {
-      table_.forEach([this](Record const& row) { found_ += row.packets(); });
+      std::uint64_t foundBytes = 0;
+      table_.forEach([&](Record const& row) { found_ += row.packets(), foundBytes += row.bytes(); });
       foundRows_ = table_.rows();
-      recounting_ = foundRows_ != 0;
+      if (live)
+         packets_ = kept_ = found_, bytes_ = foundBytes;
+      else
+         recounting_ = foundRows_ != 0;
    }
 
    /// Counts one packet. Packets come in the capture's order.
@@ -79,7 +74,8 @@ public:
       if (recounting_) startOver();
    }
 
-   /// Of this capture so far; once `finish` was called they are also what the table holds.
+   /// Of this capture so far; once `finish` was called they are also what the table holds. Of an interface
+   /// what the table holds.
    std::uint64_t packets() const { return packets_; }
    std::uint64_t bytes() const { return bytes_; }
    std::uint64_t rows() const { return table_.rows(); }
@@ -93,11 +89,6 @@ public:
    bool recounting() const { return recounting_; }
 
 private:
-   struct Hash {
-      unsigned seed = std::random_device()(); // whoever made the packets doesn't know it
-      std::size_t operator()(Key const& key) const { return key.hash(seed); }
-   };
-
    static void add(Record& row, bool known, std::uint64_t bytes, Zeb::Seconds time) {
       if (!known) row.createTimeIs(time);
       row.updateTimeIs(time);
@@ -142,12 +133,12 @@ private:
       decltype(expected_)().swap(expected_);
    }
 
-   RowStore<Record>& table_;
+   Agents::RowStore<Record>& table_;
    std::uint64_t packets_ = 0, bytes_ = 0, stores_ = 0, kept_ = 0, removed_ = 0;
    // Of the start: what the table held, and its recount.
    std::uint64_t found_ = 0, foundRows_ = 0;
    bool recounting_ = false;
-   std::unordered_map<Key, Record, Hash> expected_;
+   std::unordered_map<Key, Record, Agents::SeededHash<Key>> expected_;
 };
 
 } // namespace Tracker

@@ -1,67 +1,70 @@
 // SPDX-License-Identifier: Apache-2.0
-// The tracker's main loop: packets of a capture, parsed, into the counters of both families. Takes tables by
-// their RowStore interface, so that it can be tested without any.
+// What the tracker does with its packets: count them, choose flows by them, or both. Takes tables by their
+// RowStore interface, so that it can be tested without any.
 #pragma once
 
-#include "Capture.h"
+#include "Choice.h"
 #include "FlowCounter.h"
+#include "FlowTracking/HoFlowConfig.h"
 #include "FlowTracking/HoFlowCounter.h"
-#include "Report.h"
+#include "ReadPackets.h"
 
-#include <functional>
+#include <optional>
 
 namespace Tracker {
 
-/// Counts all of `capture`, whose link type must be a supported one. `pulse` is called with the number of
-/// packets read, before the first and after each one; it returns false to stop the work, which leaves the
-/// tables exact for the packets counted so far. Fills all figures but paths and time.
-template <class Pulse>
-void track(Capture& capture, RowStore<FlowTracking::HoIpFlowCounter>& table4,
-           RowStore<FlowTracking::HoIp6FlowCounter>& table6, Figures& figures, Pulse pulse) {
-   FlowCounter ip4(table4);
-   FlowCounter ip6(table6);
-   LinkLayer const layer = capture.linkLayer().value();
-   Packet packet;
-   Frame frame;
-   figures.complete = false;
-   while (pulse(capture.packets())) {
-      if (!capture.next(packet)) {
-         figures.complete = !capture.interrupted();
-         break;
-      }
-      parseFrame(packet.captured, layer, frame);
-      switch (frame.verdict) {
-      case Verdict::ip4:
-         ip4.count(frame.key4, frame.bytes, packet.time);
-         break;
-      case Verdict::ip6:
-         ip6.count(frame.key6, frame.bytes, packet.time);
-         break;
-      case Verdict::notIp:
-         ++figures.notIp;
-         break;
-      case Verdict::malformed:
-         ++figures.malformed;
-         break;
+/// One family's work. Either may be missing.
+template <class Counter, class Config> struct Work {
+   std::optional<FlowCounter<Counter>> counter;
+   std::optional<Choice<Config>> choice;
+
+   template <class Key> void packet(Key const& key, Agents::Frame const& frame, Zeb::Seconds time) {
+      if (counter) counter->count(key, frame.bytes, time);
+      if (choice) choice->packet(key, frame, time);
+   }
+   void finish() {
+      if (counter) counter->finish();
+      if (choice) choice->finish();
+   }
+   void fill(Agents::FamilyFigures& figures) const {
+      if (counter) {
+         figures.flows = counter->rows();
+         figures.packets = counter->packets();
+         figures.bytes = counter->bytes();
+         figures.packetsKept = counter->packetsKept();
+         figures.rowsRemoved = counter->rowsRemoved();
+         figures.stores = counter->stores();
+      } else if (choice) {
+         figures.flows = choice->flows();
+         figures.packets = choice->packets();
+         figures.bytes = choice->bytes();
       }
    }
+};
+
+struct Works {
+   Work<FlowTracking::HoIpFlowCounter, FlowTracking::HoIpFlowConfig> ip4;
+   Work<FlowTracking::HoIp6FlowCounter, FlowTracking::HoIp6FlowConfig> ip6;
+};
+
+/// Gives all packets of `source` to the work, as Agents::readPackets does. A stop leaves the tables exact for
+/// the packets read so far. Fills all figures but paths and time.
+template <class Pulse>
+void track(Agents::PacketSource& source, Works& works, Agents::Figures& figures, Pulse pulse) {
+   auto const use = [&](auto const& key, Agents::Frame const& frame, Zeb::Seconds time) {
+      if constexpr (std::is_same_v<decltype(key), FlowTracking::IpFlowKey const&>)
+         works.ip4.packet(key, frame, time);
+      else
+         works.ip6.packet(key, frame, time);
+   };
+   Agents::readPackets(source, figures, use, pulse);
    // Stopped in the middle of a recount, a table stays as it was: what it holds isn't judged yet.
    if (figures.complete) {
-      ip4.finish();
-      ip6.finish();
+      works.ip4.finish();
+      works.ip6.finish();
    }
-   figures.packetsRead = capture.packets();
-   figures.damage = capture.damage();
-   auto fill = [](FamilyFigures& family, auto const& counter) {
-      family.flows = counter.rows();
-      family.packets = counter.packets();
-      family.bytes = counter.bytes();
-      family.packetsKept = counter.packetsKept();
-      family.rowsRemoved = counter.rowsRemoved();
-      family.stores = counter.stores();
-   };
-   fill(figures.ip4, ip4);
-   fill(figures.ip6, ip6);
+   works.ip4.fill(figures.ip4);
+   works.ip6.fill(figures.ip6);
 }
 
 } // namespace Tracker

@@ -13,7 +13,7 @@
 
 namespace FuzzFrame {
 
-inline std::string text(Tracker::Frame const& frame) {
+inline std::string text(Agents::Frame const& frame) {
    auto flow = [&](char family, auto const& key) {
       auto hex = [](auto const& address) {
          std::string digits;
@@ -29,32 +29,32 @@ inline std::string text(Tracker::Frame const& frame) {
              " " + std::to_string(frame.bytes);
    };
    switch (frame.verdict) {
-   case Tracker::Verdict::ip4:
+   case Agents::Verdict::ip4:
       return flow('4', frame.key4);
-   case Tracker::Verdict::ip6:
+   case Agents::Verdict::ip6:
       return flow('6', frame.key6);
-   case Tracker::Verdict::notIp:
+   case Agents::Verdict::notIp:
       return "not IP";
-   case Tracker::Verdict::malformed:
+   case Agents::Verdict::malformed:
       return "malformed";
    }
    return "?";
 }
 
 /// @return the verdict, so that a caller can see what its inputs reach
-inline Tracker::Verdict compare(unsigned char const* data, std::size_t size) {
-   if (size == 0) return Tracker::Verdict::notIp;
-   auto const layer = static_cast<Tracker::LinkLayer>(data[0] % 9);
+inline Agents::Verdict compare(unsigned char const* data, std::size_t size) {
+   if (size == 0) return Agents::Verdict::notIp;
+   auto const layer = static_cast<Agents::LinkLayer>(data[0] % 9);
    // A buffer of exactly the frame's size: the sanitizer sees a read beyond it.
    std::size_t const length = size - 1;
    std::unique_ptr<unsigned char[]> const exact(new unsigned char[length]);
    std::memcpy(exact.get(), data + 1, length);
    std::span<unsigned char const> const bytes(exact.get(), length);
-   Tracker::Frame frame;
+   Agents::Frame frame;
    parseFrame(bytes, layer, frame);
    std::string wanted;
-   if (layer == Tracker::LinkLayer::ethernet) wanted = Reference::Parser(bytes).ethernet();
-   if (layer == Tracker::LinkLayer::raw) wanted = Reference::Parser(bytes).raw();
+   if (layer == Agents::LinkLayer::ethernet) wanted = Reference::Parser(bytes).ethernet();
+   if (layer == Agents::LinkLayer::raw) wanted = Reference::Parser(bytes).raw();
    if (!wanted.empty() && wanted != text(frame)) {
       std::fprintf(stderr, "the parser says:    %s\nthe reference says: %s\n", text(frame).c_str(),
                    wanted.c_str());

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// libFuzzer program for the tracker's frame parser: no read beyond the captured bytes, no undefined
+// libFuzzer program for the agents' frame parser: no read beyond the captured bytes, no undefined
 // behaviour, and the same answer as the reference parser. ./dev fuzz runs it for a bounded time.
 #include "Compare.h"
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The rules of agents/tracker/Frame.h a second time, written to be obvious rather than quick, and in another
+// The rules of agents/common/Frame.h a second time, written to be obvious rather than quick, and in another
 // way: each byte is asked for by its offset in the whole frame and may turn out not to be there. The fuzzer
 // and a test compare the two parsers. Only Ethernet and the raw link types, which all others lead to.
 #pragma once

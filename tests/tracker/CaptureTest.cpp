@@ -12,6 +12,7 @@ namespace Tracker {
 namespace {
 
 using namespace Packets;
+using Agents::Capture, Agents::NotACapture;
 
 struct Read {
    std::string failure; // nothing if the file could be opened
@@ -25,9 +26,8 @@ Read read(std::string const& path) {
       Capture capture(path);
       MemoryStore<FlowTracking::HoIpFlowCounter> table4;
       MemoryStore<FlowTracking::HoIp6FlowCounter> table6;
-      Figures figures;
       if (!capture.linkLayer()) throw NotACapture("link type");
-      track(capture, table4, table6, figures, [](std::uint64_t) { return true; });
+      auto const figures = countAll(capture, table4, table6);
       EXPECT_TRUE(figures.complete);
       result.packets = figures.packetsRead;
       table4.forEach([&](auto const& row) { result.counted += row.packets(); });
@@ -125,8 +125,7 @@ TEST(Capture, TimesAreThoseOfTheCapture) {
    Capture capture(folder.write("times", pcap.bytes));
    MemoryStore<FlowTracking::HoIpFlowCounter> table4;
    MemoryStore<FlowTracking::HoIp6FlowCounter> table6;
-   Figures figures;
-   track(capture, table4, table6, figures, [](std::uint64_t) { return true; });
+   countAll(capture, table4, table6);
    ASSERT_EQ(table4.rows(), 1u);
    auto const row = table4.content().begin()->second;
    EXPECT_EQ(row.createTime(), 1700000000.25);

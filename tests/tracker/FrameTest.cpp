@@ -9,7 +9,7 @@
 #include <gtest/gtest.h>
 #include <memory>
 
-namespace Tracker {
+namespace Agents {
 namespace {
 
 using namespace Packets;
@@ -62,6 +62,23 @@ TEST(Frame, PlainPackets) {
       EXPECT_EQ(text(ip4 + Ip4{.protocol = protocol}.bytes()),
                 fmt::format("4 0 {} 10.0.0.1:0 > 10.0.0.2:0 40", protocol));
    EXPECT_EQ(text(ip4 + Ip4{.versionAndLength = 0x4f}.bytes()), "4 0 6 10.0.0.1:1234 > 10.0.0.2:80 80");
+}
+
+TEST(Frame, AddressesAndTags) {
+   auto tags = [](std::initializer_list<std::pair<unsigned, unsigned>> list) {
+      Frame const frame = parse(ethernet(0x0800, list) + Ip4{}.bytes());
+      EXPECT_EQ(frame.srcEthAddr.str().view(), "02:00:00:00:00:02");
+      EXPECT_EQ(frame.dstEthAddr.str().view(), "02:00:00:00:00:01");
+      return fmt::format("{} / {}", frame.vlanTag.str().view(), frame.customerVlanTag.str().view());
+   };
+   EXPECT_EQ(tags({}), "none / none");
+   EXPECT_EQ(tags({{0x8100, 0x602a}}), "42 priority 3 / none");
+   EXPECT_EQ(tags({{0x88a8, 10}, {0x8100, 0x1014}, {0x8100, 30}}),
+             "10 protocol 0x88a8 / 20 drop-eligible depth 1");
+   Frame frame = parse(ethernet(0x0800, {{0x8100, 7}}) + Ip4{}.bytes());
+   parseFrame(Ip4{}.bytes(), LinkLayer::raw, frame); // nothing of the last frame stays
+   EXPECT_EQ(frame.srcEthAddr, Nimbet::EthAddr());
+   EXPECT_FALSE(frame.vlanTag.isSet());
 }
 
 TEST(Frame, LinkLayers) {
@@ -130,4 +147,4 @@ TEST(Frame, EveryCut) {
 }
 
 } // namespace
-} // namespace Tracker
+} // namespace Agents

@@ -7,6 +7,7 @@
 //
 // What it can't see: stores that reach memory out of order, which x86 doesn't do between a process's death
 // and the next process. Half a minute on a quiet machine.
+#include "Capture.h"
 #include "Lomi/Trace.h"
 #include "Mem/Paths.h"
 #include "Mem/Seam.h"
@@ -23,6 +24,7 @@ namespace Tracker {
 namespace {
 
 using namespace Packets;
+using Agents::Figures;
 using FlowTracking::HoIp6FlowCounter;
 using FlowTracking::HoIpFlowCounter;
 
@@ -60,15 +62,13 @@ Pcap someTraffic() {
    return pcap;
 }
 
-Figures count(std::string const& path, RowStore<HoIpFlowCounter>& table4,
-              RowStore<HoIp6FlowCounter>& table6) {
-   Capture capture(path);
-   Figures figures;
-   track(capture, table4, table6, figures, [](std::uint64_t) { return true; });
-   return figures;
+Figures count(std::string const& path, Agents::RowStore<HoIpFlowCounter>& table4,
+              Agents::RowStore<HoIp6FlowCounter>& table6) {
+   Agents::Capture capture(path);
+   return countAll(capture, table4, table6);
 }
 
-template <class Record> std::map<typename Record::Key, Record> rowsIn(RowStore<Record> const& table) {
+template <class Record> std::map<typename Record::Key, Record> rowsIn(Agents::RowStore<Record> const& table) {
    std::map<typename Record::Key, Record> rows;
    table.forEach([&](Record const& row) { rows.emplace(row.key(), row); });
    return rows;
@@ -92,7 +92,7 @@ protected:
       pid_t const child = fork();
       if (child == 0) {
          Death const death(at);
-         Tables tables("kill", "test");
+         Agents::CounterTables tables("kill", "test");
          count(path_, tables.ip4, tables.ip6);
          _exit(0);
       }
@@ -104,7 +104,7 @@ protected:
 
    /// A whole run that nobody kills; then the tables must be right.
    Figures endsRight() {
-      Tables tables("kill", "test");
+      Agents::CounterTables tables("kill", "test");
       Figures const figures = count(path_, tables.ip4, tables.ip6);
       EXPECT_TRUE(rowsIn(tables.ip4) == wanted4_.content());
       EXPECT_TRUE(rowsIn(tables.ip6) == wanted6_.content());
@@ -156,7 +156,7 @@ TEST_F(Kill, WhileForeignRowsAreRemoved) {
    for (std::uint64_t at = 0;; at += step) {
       freshRoot();
       {
-         Tables tables("kill", "test");
+         Agents::CounterTables tables("kill", "test");
          count(otherPath, tables.ip4, tables.ip6);
       }
       bool const died = dies(at);

@@ -3,7 +3,8 @@
 // tried at every point without files. What real tables do when their writer dies is tried in KillTest.cpp.
 #pragma once
 
-#include "FlowCounter.h"
+#include "RowStore.h"
+#include "Track.h"
 
 #include <map>
 #include <vector>
@@ -12,9 +13,9 @@ namespace Tracker {
 
 struct Killed {};
 
-template <class Record> class MemoryStore final : public RowStore<Record> {
+template <class Record> class MemoryStore final : public Agents::RowStore<Record> {
 public:
-   using typename RowStore<Record>::Key;
+   using typename Agents::RowStore<Record>::Key;
    using Rows = std::map<Key, Record>;
 
    bool read(Key const& key, Record& row) const override {
@@ -25,6 +26,10 @@ public:
    void write(Record const& row) override {
       step();
       rows_.insert_or_assign(row.key(), row);
+   }
+   void remove(Key const& key) override {
+      step();
+      rows_.erase(key);
    }
    std::uint64_t rows() const override { return rows_.size(); }
    void forEach(std::function<void(Record const&)> const& visit) const override {
@@ -51,5 +56,16 @@ private:
    Rows rows_;
    std::uint64_t changes_ = 0, deadline_ = ~0ull;
 };
+
+/// Counts a whole capture, and chooses nothing.
+template <class Table4, class Table6>
+Agents::Figures countAll(Agents::PacketSource& source, Table4& table4, Table6& table6) {
+   Works works;
+   works.ip4.counter.emplace(table4);
+   works.ip6.counter.emplace(table6);
+   Agents::Figures figures;
+   track(source, works, figures, [](std::uint64_t) { return true; });
+   return figures;
+}
 
 } // namespace Tracker

@@ -29,14 +29,16 @@ struct Result {
    std::string out, err;
 };
 
-/// One running tracker. Whoever starts it waits for it; a minute is the limit.
+/// One running tracker, or another program. Whoever starts it waits for it; a minute is the limit.
 class Tracker {
 public:
    /// @param folder takes its output, in files named by `name`
    /// @param in its standard input
    /// @param out its standard output, if not in the folder
+   /// @param program another one
    Tracker(std::string const& folder, std::vector<std::string> arguments, std::string const& name = "run",
-           std::string const& in = "/dev/null", std::string const& out = {})
+           std::string const& in = "/dev/null", std::string const& out = {},
+           std::string const& program = HOFLOW_TRACKER)
       : out_(out.empty() ? folder + "/" + name + ".out" : out)
       , err_(folder + "/" + name + ".err") {
       posix_spawn_file_actions_t actions;
@@ -45,12 +47,12 @@ public:
       posix_spawn_file_actions_addopen(&actions, 0, in.c_str(), O_RDONLY, 0);
       posix_spawn_file_actions_addopen(&actions, 1, out_.c_str(), flags, 0600);
       posix_spawn_file_actions_addopen(&actions, 2, err_.c_str(), flags, 0600);
-      arguments.insert(arguments.begin(), HOFLOW_TRACKER);
+      arguments.insert(arguments.begin(), program);
       std::vector<char*> argv;
       for (auto& argument : arguments) argv.push_back(argument.data());
       argv.push_back(nullptr);
-      if (posix_spawn(&pid_, HOFLOW_TRACKER, &actions, nullptr, argv.data(), environ) != 0)
-         throw std::runtime_error("can't start " HOFLOW_TRACKER);
+      if (posix_spawn(&pid_, program.c_str(), &actions, nullptr, argv.data(), environ) != 0)
+         throw std::runtime_error("can't start " + program);
       posix_spawn_file_actions_destroy(&actions);
    }
 

@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // Capture.h by libpcap. The file is opened here rather than by libpcap, so that "can't open" and "isn't a
-// capture" stay two different things.
+// capture" stay two different things, and so that a wait for a pipe's next bytes is one in the event loop.
 #include "Capture.h"
+
+#include "Stop.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -12,16 +14,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-namespace Tracker {
-
-void Capture::Close::operator()(pcap* handle) const { pcap_close(handle); }
-
-Capture::~Capture() {
-   if (nothing_ >= 0) close(nothing_);
-}
+namespace Agents {
+namespace {
 
 /// What a compressed file would be read with, or null.
-static char const* unpackerOf(int fd) {
+char const* unpackerOf(int fd) {
    char start[6] = {};
    if (pread(fd, start, sizeof start, 0) != sizeof start) return nullptr;
    auto const begins = [&](std::string_view magic) { return std::string_view(start, 6).starts_with(magic); };
@@ -34,6 +31,28 @@ static char const* unpackerOf(int fd) {
                                        : nullptr;
 }
 
+/// A pipe, a device or the like as a stream that waits in the event loop, and ends once the program is to
+/// stop.
+std::FILE* streamOf(int fd) {
+   cookie_io_functions_t const functions{
+       .read = [](void* cookie, char* into, std::size_t size) -> ssize_t {
+          int const from = static_cast<int>(reinterpret_cast<std::intptr_t>(cookie));
+          for (;;) {
+             waitInLoop(from, -1);
+             if (stopRequested()) return 0;
+             ssize_t const got = read(from, into, size);
+             if (got >= 0 || (errno != EINTR && errno != EAGAIN)) return got;
+          }
+       },
+       .write = nullptr,
+       .seek = nullptr,
+       .close = [](void* cookie) { return close(static_cast<int>(reinterpret_cast<std::intptr_t>(cookie))); },
+   };
+   return fopencookie(reinterpret_cast<void*>(static_cast<std::intptr_t>(fd)), "rb", functions);
+}
+
+} // namespace
+
 Capture::Capture(std::string const& path) {
    auto cannot = [&](char const* why) { return CannotOpen(path + ": " + why); };
    int const fd =
@@ -41,54 +60,25 @@ Capture::Capture(std::string const& path) {
    if (fd < 0) throw cannot(std::strerror(errno));
    struct stat status {};
    fstat(fd, &status);
-   std::FILE* const file = S_ISDIR(status.st_mode) ? nullptr : fdopen(fd, "rb");
+   bool const regular = S_ISREG(status.st_mode);
+   std::FILE* const file = S_ISDIR(status.st_mode) ? nullptr : regular ? fdopen(fd, "rb") : streamOf(fd);
    if (!file) {
       int const error = S_ISDIR(status.st_mode) ? EISDIR : errno;
       close(fd);
       throw cannot(std::strerror(error));
    }
-   if (S_ISREG(status.st_mode)) size_ = static_cast<double>(status.st_size);
+   if (regular) size_ = static_cast<double>(status.st_size);
    char text[PCAP_ERRBUF_SIZE] = "";
    pcap_.reset(
        pcap_fopen_offline_with_tstamp_precision(file, PCAP_TSTAMP_PRECISION_NANO, text)); // owns the file
    if (!pcap_) {
       std::string why = path + ": no capture that can be read: " + text + "; expected a pcap or pcapng file";
       if (auto const* const unpacker = unpackerOf(fd))
-         why += "; it is compressed, try: " + std::string(unpacker) + " -dc " + path + " | hoflow-tracker -";
+         why += "; it is compressed, try: " + std::string(unpacker) + " -dc " + path + " | " +
+                program_invocation_short_name + " -";
       std::fclose(file);
       throw NotACapture(why);
    }
-   file_ = fd;
-   if (!S_ISREG(status.st_mode)) nothing_ = open("/dev/null", O_RDONLY | O_CLOEXEC);
-   linkLayer_ = linkLayerOf(pcap_datalink(pcap_.get()));
-}
-
-bool Capture::next(Packet& packet) {
-   if (damage_) return false;
-   pcap_pkthdr* header = nullptr;
-   unsigned char const* bytes = nullptr;
-   int const result = pcap_next_ex(pcap_.get(), &header, &bytes);
-   if (result != 1) {
-      if (result == PCAP_ERROR && !interrupted_) damage_ = pcap_geterr(pcap_.get());
-      return false;
-   }
-   ++packets_;
-   packet.captured = {bytes, header->caplen};
-   packet.time = static_cast<double>(header->ts.tv_sec) + static_cast<double>(header->ts.tv_usec) / 1e9;
-   return true;
-}
-
-// A read that waits ends by the signal itself, and one that would begin a moment later meets the end of the
-// file.
-void Capture::interrupt() noexcept {
-   interrupted_ = true;
-   if (nothing_ >= 0) dup2(nothing_, file_);
-}
-
-std::string Capture::linkTypeText() const {
-   int const dlt = pcap_datalink(pcap_.get());
-   char const* const name = pcap_datalink_val_to_name(dlt);
-   return (name ? name : "unnamed") + (" (" + std::to_string(dlt) + ")");
 }
 
 double Capture::progress() const {
@@ -97,4 +87,4 @@ double Capture::progress() const {
    return at < 0 ? 0 : at > size_ ? 1 : at / size_;
 }
 
-} // namespace Tracker
+} // namespace Agents

@@ -2,9 +2,10 @@
 // The parser of Frame.h. Every read goes through `Bytes`, which knows where the captured bytes end.
 #include "Frame.h"
 
+#include <array>
 #include <cstring>
 
-namespace Tracker {
+namespace Agents {
 namespace {
 
 using std::uint16_t;
@@ -26,6 +27,11 @@ public:
       return static_cast<uint16_t>(at_[offset] << 8 | at_[offset + 1]);
    }
    unsigned char const* at(std::size_t offset) const { return at_ + offset; }
+   Nimbet::EthAddr ethAddr(std::size_t offset) const {
+      std::array<uint8_t, 6> bytes;
+      std::memcpy(bytes.data(), at_ + offset, bytes.size());
+      return Nimbet::EthAddr(bytes);
+   }
 
 private:
    unsigned char const* at_;
@@ -120,9 +126,15 @@ void parseIp6(Bytes const& packet, Ovie::VlanId vlanId, Frame& frame) {
 /// The network header behind an EtherType and the tags that it may announce.
 void parseEtherType(Bytes rest, uint16_t etherType, Frame& frame) {
    Ovie::VlanId vlanId = 0;
-   for (bool outermost = true; etherType == etherVlan || etherType == etherProviderVlan; outermost = false) {
+   for (unsigned depth = 0; etherType == etherVlan || etherType == etherProviderVlan; ++depth) {
       if (!rest.has(4)) return; // what is behind the tag wasn't captured: not known to be IP
-      if (outermost) vlanId = rest.u16(0) & 0x0fff;
+      Ovie::VlanTag const tag(rest.u16(0), etherType, static_cast<uint8_t>(depth));
+      if (depth == 0) {
+         vlanId = tag.vlanId();
+         frame.vlanTag = tag;
+      } else if (depth == 1) {
+         frame.customerVlanTag = tag;
+      }
       etherType = rest.u16(2);
       rest.skip(4);
    }
@@ -196,6 +208,8 @@ std::optional<LinkLayer> linkLayerOf(int dlt) {
 
 void parseFrame(std::span<unsigned char const> captured, LinkLayer layer, Frame& frame) {
    frame.verdict = Verdict::notIp;
+   frame.srcEthAddr = frame.dstEthAddr = {};
+   frame.vlanTag = frame.customerVlanTag = {};
    Bytes rest(captured);
    /// An EtherType at `offset` of a link header of `size` bytes.
    auto behind = [&](std::size_t offset, std::size_t size) {
@@ -207,6 +221,10 @@ void parseFrame(std::span<unsigned char const> captured, LinkLayer layer, Frame&
    constexpr uint16_t netlink = 824; // cooked frames of this device type carry a netlink family, no EtherType
    switch (layer) {
    case LinkLayer::ethernet:
+      if (rest.has(12)) {
+         frame.dstEthAddr = rest.ethAddr(0);
+         frame.srcEthAddr = rest.ethAddr(6);
+      }
       return behind(12, 14);
    case LinkLayer::cooked:
       return rest.has(4) && rest.u16(2) == netlink ? void() : behind(14, 16);
@@ -227,4 +245,4 @@ void parseFrame(std::span<unsigned char const> captured, LinkLayer layer, Frame&
    }
 }
 
-} // namespace Tracker
+} // namespace Agents

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // From the bytes of a captured frame to the flow that it belongs to, or the reason why it isn't counted. A
 // pure function: no state, no allocation, never a read beyond the captured bytes, whatever they are.
-// fuzz/frame holds it to that. Reading the capture file is Capture.h's part, counting is FlowCounter.h's.
+// fuzz/frame holds it to that. Where frames come from is PacketSource.h's part.
 //
 // What counts as an IP packet: a frame whose outermost network header, behind the link layer and any number
 // of 802.1Q or 802.1ad tags, is IPv4 or IPv6. IP behind anything else (MPLS, PPPoE, LLC) is not counted, nor
@@ -16,13 +16,15 @@
 #pragma once
 
 #include "FlowTracking/IpFlowKey.h"
+#include "Nimbet/EthAddr.h"
+#include "Ovie/VlanTag.h"
 
 #include <cstdint>
 #include <optional>
 #include <span>
 #include <string>
 
-namespace Tracker {
+namespace Agents {
 
 /// How a frame begins. Several link types of captures share one of these.
 enum class LinkLayer {
@@ -47,9 +49,13 @@ struct Frame {
    FlowTracking::IpFlowKey key4;  // if ip4
    FlowTracking::Ip6FlowKey key6; // if ip6
    std::uint64_t bytes = 0;       // of the IP packet by its header, whatever was captured; if ip4 or ip6
+   // Of an Ethernet frame, zeros on other link layers.
+   Nimbet::EthAddr srcEthAddr, dstEthAddr;
+   // The outermost VLAN tag and the one behind it, not set where there is none; if ip4 or ip6.
+   Ovie::VlanTag vlanTag, customerVlanTag;
 };
 
 /// Fills `frame` from the captured bytes of one frame. vrfId and direction of the keys are 0.
 void parseFrame(std::span<unsigned char const> captured, LinkLayer layer, Frame& frame);
 
-} // namespace Tracker
+} // namespace Agents
