@@ -152,7 +152,8 @@ template <class Ops> void MirakMap<Ops>::cleanupBeforeInit() {
 }
 
 template <class Ops> bool MirakMap<Ops>::alreadyMounted(MapDescriptor const& wanted) const {
-   if (!initialized_) return false;
+   if (!initialized_ && !mounter_)
+      return false; // with a sentry alone: in a callback of the mount that is made
    if (descriptor == wanted) {
       LOMI_TRACE(*debugHandler, 5, "MirakMap", "name:{} already initialized, new {}", name, wanted);
       return true;
