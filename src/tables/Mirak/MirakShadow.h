@@ -125,6 +125,7 @@ template <class Ops> bool MirakShadow<Ops>::initialize(std::string const& event)
       this->initializedIs(true);
       syncer_.forceSyncCompletion();
       this->initializedIs(false);
+      if (flushing_) return false; // a callback out of one that is being forced: it goes on behind this call
    }
    if (this->initialized()) {
       maybeConnect();
