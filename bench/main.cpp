@@ -24,20 +24,21 @@ struct Options {
    bool quick = false;
    bool smoke = false;
    bool unoptimised = false;
-   bool single = true, busy = true, growth = true, restart = true, layers = true, follow = true;
+   bool single = true, busy = true, growth = true, restart = true, layers = true, follow = true,
+        pauses = true, shadow = true;
 };
 
 void parse(int argc, char** argv, Options& options) {
    CLI::App app{"Flow tables beside their peers: ns an operation on the same rows"};
    allowedCores(options.setting.core, options.setting.otherCore);
-   std::string parts = "single,busy,growth,restart,layers,follow";
+   std::string parts = "single,busy,growth,restart,layers,follow,pauses,shadow";
    app.add_option("--rows", options.setting.rows, "table sizes")
        ->delimiter(',')
        ->check(CLI::Range(100, 4'000'000));
    app.add_option("--keys", options.keys, "network, random or both")
        ->check(CLI::IsMember({"network", "random", "both"}));
    app.add_option("--only", options.setting.only, "contenders by name")->delimiter(',');
-   app.add_option("--parts", parts, "of single,busy,growth,restart,layers,follow");
+   app.add_option("--parts", parts, "of single,busy,growth,restart,layers,follow,pauses,shadow");
    app.add_option("--repetitions", options.setting.repetitions,
                   "at 10^6 rows; small sizes get 2 and 4 times as many");
    app.add_option("--seed", options.setting.seed, "of the orders");
@@ -61,6 +62,8 @@ void parse(int argc, char** argv, Options& options) {
    options.restart = wanted("restart");
    options.layers = wanted("layers");
    options.follow = wanted("follow");
+   options.pauses = wanted("pauses");
+   options.shadow = wanted("shadow");
    if (options.keys == "network") options.setting.families = {KeyFamily::network};
    if (options.keys == "random") options.setting.families = {KeyFamily::random};
    if (options.quick) {
@@ -152,11 +155,18 @@ int run(Options const& options, std::string const& command) {
       figures.print(std::cout, layers, layerOperations,
                     "calls through the layers before a table, ns a call; ratios to the bare back end");
    }
+   if (options.shadow) {
+      for (u64 const rows : setting.rows) runShadow(workload(rows), setting, figures);
+      printShadow(std::cout, figures);
+   }
    if (options.follow) {
       runWake(workload(*std::min_element(setting.rows.begin(), setting.rows.end())), setting, figures);
       for (u64 const rows : setting.rows) runChanges(workload(rows), setting, figures);
-      runPauses(workload(largest), setting, figures);
       printFollow(std::cout, figures);
+   }
+   if (options.pauses) {
+      runPauses(workload(largest), setting, figures);
+      printPauses(std::cout, figures);
    }
    if (options.busy && setting.otherCore >= 0) {
       for (u64 const rows : setting.rows) runBusy(all, workload(rows), setting, figures);

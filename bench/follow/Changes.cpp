@@ -33,8 +33,8 @@ public:
    ~Run() { writer_->detach(false); }
    Run(Run const&) = delete;
 
-   void cost(char const* who, int followers, bool stopped) {
-      Crowd crowd(*this, followers);
+   template <class Kind> void cost(char const* who, int followers, bool stopped) {
+      Crowd<Kind> crowd(*this, followers);
       if (stopped) crowd.stop();
       auto const [changes, ns] = write(*writer_);
       add(who, ns / static_cast<double>(changes));
@@ -49,8 +49,9 @@ public:
       add("no queue", ns / static_cast<double>(changes));
       writer->detach(false);
    }
-   void rate() {
-      Crowd crowd(*this, 1);
+   /// @param who "" for the bare queue reader, else what its figures begin with
+   template <class Kind> void rate(std::string const& who) {
+      Crowd<Kind> crowd(*this, 1);
       u64 const before = crowd.front().calls;
       auto const start = Clock::now();
       auto const [changes, ns] = write(*writer_);
@@ -58,14 +59,14 @@ public:
       double const seconds = nsSince(start, 1) / 1e9;
       u64 const taken = crowd.front().calls - before;
       if (taken > changes || taken == 0) wrong("hoflow", "a follower has taken in what nobody wrote");
-      add("written/s", static_cast<double>(changes) / ns * 1e6);
-      add("taken/s", static_cast<double>(taken) / seconds / 1e3);
-      add("collapsed/s", static_cast<double>(changes - taken) / seconds / 1e3);
+      add(who + "written/s", static_cast<double>(changes) / ns * 1e6);
+      add(who + "taken/s", static_cast<double>(taken) / seconds / 1e3);
+      add(who + "collapsed/s", static_cast<double>(changes - taken) / seconds / 1e3);
    }
 
 private:
    /// Followers in processes of their own, connected and at rest to begin with.
-   class Crowd {
+   template <class Kind> class Crowd {
    public:
       Crowd(Run& run, int size)
          : run_(run) {
@@ -73,10 +74,10 @@ private:
             State& state = *states_.emplace_back();
             processes_.emplace_back([&] {
                pinTo(run_.setting_.otherCore);
-               Follower follower(run_.place_);
+               Kind follower(run_.place_);
                for (auto& loop = Lomi::TaskSchedulerRoot::root();; loop.run(0.05)) {
                   state.calls = follower.calls();
-                  state.sum = follower.sum();
+                  state.sum = follower.sum(); // before `last`, which says that it is the last one
                   state.last = follower.last();
                }
             });
@@ -142,7 +143,7 @@ private:
       return {changes, ns};
    }
 
-   void add(char const* operation, double value) {
+   void add(std::string const& operation, double value) {
       figures_.add({nameOf(load_.family), load_.rows, "hoflow", operation}, value);
    }
 
@@ -165,14 +166,18 @@ void runChanges(Workload const& load, Setting const& setting, Figures& figures) 
    // Each follower takes a look at the whole table first: dozens of them at the small sizes only.
    bool const crowds = load.rows <= 200'000;
    for (int time = 0; time < setting.repetitions; ++time) {
-      run.rate();
+      run.rate<Follower>("");
+      run.rate<ShadowFollower>("shadow ");
       if (!crowds) continue;
       run.costWithoutQueue();
-      run.cost("nobody", 0, false);
-      run.cost("one stopped", 1, true);
-      run.cost("1 follows", 1, false);
-      run.cost("8 follow", 8, false);
-      run.cost("32 follow", 32, false);
+      run.cost<Follower>("nobody", 0, false);
+      run.cost<Follower>("one stopped", 1, true);
+      run.cost<Follower>("1 follows", 1, false);
+      run.cost<Follower>("8 follow", 8, false);
+      run.cost<Follower>("32 follow", 32, false);
+      run.cost<ShadowFollower>("1 shadow", 1, false);
+      run.cost<ShadowFollower>("8 shadows", 8, false);
+      run.cost<ShadowFollower>("64 shadows", 64, false);
    }
 }
 

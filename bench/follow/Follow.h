@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The part "follow": what it takes to have another process know of a change. It has contenders, tables and
-// figures of its own, since none of the others' operations occur here.
+// The parts "follow", "pauses" and "shadow": what it takes to have another process know of a change. It has
+// contenders, tables and figures of its own, since none of the others' operations occur here.
 #pragma once
 
 #include "core/Runs.h"
@@ -19,6 +19,12 @@ void runChanges(Workload const& load, Setting const& setting, Figures& figures);
 /// again; and the longest time for which critical tasks had to wait in one.
 void runPauses(Workload const& load, Setting const& setting, Figures& figures);
 
+/// A private copy of a table whose writer is at rest, beside a hash map of the process's own: the first
+/// sweep, memory, lookups, walks.
+void runShadow(Workload const& load, Setting const& setting, Figures& figures);
+
 void printFollow(std::ostream& out, Figures const& figures);
+void printPauses(std::ostream& out, Figures const& figures);
+void printShadow(std::ostream& out, Figures const& figures);
 
 } // namespace Bench

@@ -81,4 +81,42 @@ void Follower::sweep() {
    queue_.sweptTo(start);
 }
 
+ShadowFollower::ShadowFollower(Place const& place, bool keyOnly)
+   : MirakMap(path) {
+   rooted(place);
+   notify.changeFn = [this](auto const& value) {
+      Row row;
+      tableRow(row) = value;
+      hear(row);
+   };
+   notify.keyFn = [this](auto const& key) {
+      bool found = false;
+      Row row;
+      back().lookup(key, found, &tableRow(row));
+      hear(row);
+   };
+   Mirak::MapDescriptor wanted(0);
+   wanted.type = keyOnly ? Mirak::MirakType::keyshadow : Mirak::MirakType::shadow;
+   wanted.synchronous = true;
+   installDummy();
+   init(wanted);
+}
+
+void ShadowFollower::hear(Row const& row) {
+   ++calls_;
+   if (onChange) onChange(row);
+}
+
+u64 ShadowFollower::sum() {
+   if (summedAt_ == calls_ || !quiesced()) return sum_;
+   sum_ = 0;
+   Row row;
+   Mirak::IterHint hint;
+   for (bool more = back().first(tableRow(row), hint); more;
+        more = back().next(tableKey(row.key), tableRow(row), hint))
+      sum_ += rowSum(row);
+   summedAt_ = calls_;
+   return sum_;
+}
+
 } // namespace Bench

@@ -6,6 +6,7 @@
 #include "core/Machine.h"
 #include "peers/HoflowTable.h"
 
+#include "Mirak/MirakMap.h"
 #include "Rusk/ReaderRuskSm.h"
 #include "Tessel/TesselReader.h"
 
@@ -100,6 +101,7 @@ public:
    Parcel::KestorId kestorId() const override { return reader_.kestorId(); }
    void handleDisconnect() override {}
 
+   bool quiesced() const { return queue_.quiesced(); }
    u64 calls() const { return calls_; }
    u64 sweeps() const { return sweeps_; }
    /// rowSum over all rows.
@@ -116,6 +118,26 @@ private:
    u64 sum_ = 0;
    u64 calls_ = 0;
    u64 sweeps_ = 0;
+};
+
+/// The same by a whole collection, mounted as shadow or keyshadow: it keeps the rows, too.
+class ShadowFollower final : public Mirak::MirakMap<QueueOps> {
+public:
+   /// Mounted; the copy fills as the loop runs.
+   explicit ShadowFollower(Place const& place, bool keyOnly = false);
+
+   bool complete() const { return mountStatus() == Mem::MountStatus::synchronised; }
+   u64 calls() const { return calls_; }
+   Rusk::Sequence last() const { return sequence(); }
+   /// rowSum over all rows, by a walk. Remembered while nothing changes.
+   u64 sum();
+   std::function<void(Row const&)> onChange; ///< called for each new or changed row
+
+private:
+   void hear(Row const& row);
+   u64 calls_ = 0;
+   u64 summedAt_ = ~u64{0};
+   u64 sum_ = 0;
 };
 
 } // namespace Bench

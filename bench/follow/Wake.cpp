@@ -69,20 +69,23 @@ public:
       figures_.add(key, us[us.size() - 1 - us.size() / 100]);
    }
 
-   void ourTable() {
+   /// @param Sleeper a Follower or a ShadowFollower
+   template <class Sleeper> void ourTable(char const* who) {
       Folder const folder;
       Place const place{folder.path(), load_.rows, setting_.core};
       auto const writer = openFollowed(place);
       for (Row const& row : load_.inserts) writer->write(tableRow(row), true);
       auto& loop = Lomi::TaskSchedulerRoot::root();
       auto const sleeper = [&](Heard& heard) {
-         Follower follower(place);
+         Sleeper follower(place);
+         auto& there = Lomi::TaskSchedulerRoot::root();
+         while (!follower.quiesced()) there.run(0.1);
          follower.onChange = [&](Row const& row) { heard.say(row); };
          heard.ready = true;
-         for (;;) Lomi::TaskSchedulerRoot::root().run(-1);
+         for (;;) there.run(-1);
       };
       run(
-          "hoflow", sleeper,
+          who, sleeper,
           [&] {
              loop.dispatch();
              return writer->ruskSm().sleepingReaders() == 1;
@@ -162,7 +165,8 @@ void runWake(Workload const& load, Setting const& setting, Figures& figures) {
    auto const server = startRedis();
    Measurement measurement(load, setting, figures);
    for (int time = 0; time < setting.repetitions; ++time) {
-      measurement.ourTable();
+      measurement.ourTable<Follower>("hoflow");
+      measurement.ourTable<ShadowFollower>("hoflow shadow");
       measurement.socketPair();
       if (server) measurement.redis(*server);
    }

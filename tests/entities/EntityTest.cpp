@@ -174,6 +174,13 @@ TYPED_TEST(Entity, LosesItsRowsWithItsFirstParentAndHasOneOnlyOnce) {
    EXPECT_THROW(control->init(MapDescriptor(100)), Lomi::InvalidInitializeException);
    EXPECT_THROW(tree->entityIs("two/e", e), Lomi::InvalidInitializeException);
    control->collection().cleanup(); // still reaches the table's files
+
+   // Mounted past its control before it had a place: that mount ends with the first parent.
+   auto const early = C::make("early");
+   C::map(*early).init(MapDescriptor(100));
+   tree->entityIs("one/early", early);
+   EXPECT_FALSE(C::map(*early).initialized());
+   EXPECT_EQ(C::map(*early).rootPath().name(), std::string("one/early/") + C::name);
 }
 
 TYPED_TEST(Entity, EndsWithItsLastReferenceAndItsControlsKnow) {

@@ -29,12 +29,12 @@ public:
    String name() const override { return name_; }
    NotifieeListPtr notifieeList() const override { return {1, const_cast<NotifieeList*>(&list), {0, 0}}; }
    void handleParent(Ptr<Entity> const& parent) override {
-      if (refuse && parent) throw Lomi::InvalidInitializeException("refused");
+      if (parent ? refuse : refuseEnd) throw Lomi::InvalidInitializeException("refused");
       heard.push_back(parent ? ZebParcel::Util::fullName(this).str() : "orphan");
    }
 
    std::function<void()> onEnd;
-   bool refuse = false;
+   bool refuse = false, refuseEnd = false;
    std::vector<std::string> heard;
    NotifieeList list;
 
@@ -205,7 +205,11 @@ TEST(ZebDir, GivesPlacesAndOrphansWhatLosesThem) {
    tree->entityDel("a");
    EXPECT_EQ(leaf->heard, (std::vector<std::string>{"a/b/leaf", "orphan"}));
    EXPECT_FALSE(leaf->parent() || tree->entity("a"));
+   auto const angry = thing("angry");
+   tree->entityIs("angry", angry);
+   angry->refuseEnd = true; // nobody is left who could be told
    tree = nullptr;
+   EXPECT_FALSE(angry->parent());
    EXPECT_EQ(other->heard, (std::vector<std::string>{"other", "orphan"}));
    EXPECT_EQ(ZebParcel::Util::fullName(other), "other");
 }

@@ -5,6 +5,9 @@
 
 #include "Mem/VersionMismatchException.h"
 
+#include <fstream>
+#include <sys/resource.h>
+
 using namespace Test;
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -277,6 +280,94 @@ TEST(Mount, AClientMayLetGoInAnyCallback) {
             settle();
          }
       }
+}
+
+TEST(Mount, WithinItsOwnCallbacksACollectionIsMounted) {
+   Traces const traces(0);
+   Client<QueuedOps> writer("mount/within"), reader("mount/within");
+   for (auto* map : {&writer, &reader}) {
+      auto const type = map == &writer ? MirakType::writer : MirakType::reader;
+      map->inCall = [&](std::string const&) {
+         map->init(settings(type));
+         EXPECT_THAT(refusal(*map, settings(type, 999)), HasSubstr("already initialized, old size:100"));
+      };
+      map->init(settings(type));
+      EXPECT_EQ(map->heard(), mountedLog);
+      EXPECT_TRUE(map->initialized() && map->mounted());
+      map->inCall = {};
+   }
+}
+
+TEST(Mount, ANameThatIsNoPathIsRefusedAndCanBeLetGo) {
+   Traces const traces(0);
+   std::string deep = "a";
+   while (deep.size() < 5000) deep += "/a";
+   for (std::string const& name : {std::string("/a"), std::string("a/../b"), std::string(256, 'a'), deep}) {
+      Client<QueuedOps> map(name);
+      EXPECT_TRUE(map.put(1, 1));
+      for (auto type : {MirakType::writer, MirakType::reader})
+         EXPECT_THAT(refusal(map, settings(type)), testing::StartsWith("bad table name \"")) << name;
+      EXPECT_EQ(map.get(1), 1u);
+      map.controlDetach(); // as an entity's that becomes an orphan
+      EXPECT_EQ(map.heard(), detachedLog);
+      EXPECT_FALSE(map.exists());
+      EXPECT_EQ(map.owner(), ":0");
+   }
+   Client<QueuedOps> map("a\n/");
+   EXPECT_EQ(refusal(map, settings(MirakType::writer)), "bad table name \"a\\x0a/\": a component is empty");
+}
+
+TEST(Mount, AMarkerIsProvedWhenTheTableIsWhole) {
+   Traces const traces(0);
+   Mem::DirectoryWatch::pollPeriodIs(0.02);
+   Client<QueuedOps> map("mount/marker");
+   map.init(settings(MirakType::writer));
+   map.put(1, 1);
+   std::string const marker = fileOf("mount/marker", "corruption-detected");
+   auto* const row = map.back().directUpdate({1, 1});
+   ASSERT_TRUE(row);
+   std::ofstream{marker};
+   for (int i = 0; i < 5; ++i) loop().run(0.05);
+   EXPECT_TRUE(fs::exists(marker));
+   *row = Client<QueuedOps>::Value::make({1, 1}, 2);
+   map.directCommit();
+   EXPECT_TRUE(runUntil([&] { return !fs::exists(marker); }));
+   EXPECT_EQ(map.get(1), 2u);
+
+   // One that a reader left before the sentry had its first look.
+   struct Proofs : Mem::WriterSentry::Notifiee {
+      int count = 0;
+      Parcel::KestorId kestorId() const override { return {}; }
+      bool inDirectMode() const override { return false; }
+      bool validate() override { return ++count; }
+      bool validateFiles(std::string const&, unsigned) override { return true; }
+   } proofs;
+   map.controlDetach();
+   std::ofstream{marker};
+   Mem::WriterSentry sentry(quiet(), &proofs, map.rootPath());
+   sentry.event(Mem::Sentry::eventInit, false);
+   EXPECT_TRUE(runUntil([&] { return proofs.count == 1; }));
+   Mem::DirectoryWatch::pollPeriodIs(5);
+}
+
+TEST(Mount, AReaderKeepsItsTableWhileItCantLook) {
+   NoPoll const noPoll;
+   Traces const traces(0);
+   Client<QueuedOps> writer("mount/blind"), reader("mount/blind");
+   writer.init(settings(MirakType::writer));
+   writer.put(1, 1);
+   reader.init(settings(MirakType::reader));
+   settle();
+   reader.heard();
+   std::ofstream{fileOf("mount/blind", "something")};
+   rlimit before;
+   ::getrlimit(RLIMIT_NOFILE, &before);
+   rlimit const few{3, before.rlim_max};
+   ::setrlimit(RLIMIT_NOFILE, &few);
+   settle();
+   ::setrlimit(RLIMIT_NOFILE, &before);
+   EXPECT_TRUE(reader.mounted() && reader.heard().empty());
+   EXPECT_EQ(reader.get(1), 1u);
 }
 
 TEST(Mount, WhatACallbackThrowsLeavesNothingHalf) {

@@ -77,6 +77,11 @@ TEST(SmallFiles, AShortageOfDescriptorsIsNoDamage) {
       ::setrlimit(RLIMIT_NOFILE, &none);
       if (!owner.validate()) return 1;
       try {
+         OwnerFile(handler(), scratch.table(), false).tunnetInfo();
+         return 4;
+      } catch (Lomi::RuntimeException const&) {
+      }
+      try {
          kestor.readOrThrow();
          return 2;
       } catch (Lomi::RuntimeException const& e) {

@@ -33,7 +33,8 @@ public:
 
    /// Stores a row, over an old one of that key. @throws what the table throws; nobody is told then
    void hoIpFlowConfigIs(HoIpFlowConfig const& v) { ip_.is(v); }
-   /// Removes a row. @return it, or the default row if there was none, of which nobody is told
+   /// Removes a row. @param k lies outside the table: notifiees are told by it when the row is gone
+   /// @return the row, or the default row if there was none, of which nobody is told
    HoIpFlowConfig hoIpFlowConfigDel(HoIpFlowKey const& k) { return ip_.del(k); }
    /// Removes every row that the walk meets.
    void hoIpFlowConfigDelAll() { ip_.delAll(); }
@@ -56,7 +57,8 @@ public:
 
    /// Stores a row, over an old one of that key. @throws what the table throws; nobody is told then
    void hoIp6FlowConfigIs(HoIp6FlowConfig const& v) { ip6_.is(v); }
-   /// Removes a row. @return it, or the default row if there was none, of which nobody is told
+   /// Removes a row. @param k lies outside the table: notifiees are told by it when the row is gone
+   /// @return the row, or the default row if there was none, of which nobody is told
    HoIp6FlowConfig hoIp6FlowConfigDel(HoIp6FlowKey const& k) { return ip6_.del(k); }
    /// Removes every row that the walk meets.
    void hoIp6FlowConfigDelAll() { ip6_.delAll(); }

@@ -36,7 +36,8 @@ public:
 
    /// Stores a row, over an old one of that key. @throws what the table throws; nobody is told then
    void hoIpFlowCounterIs(HoIpFlowCounter const& v) { ip_.is(v); }
-   /// Removes a row. @return it, or the default row if there was none, of which nobody is told
+   /// Removes a row. @param k lies outside the table: notifiees are told by it when the row is gone
+   /// @return the row, or the default row if there was none, of which nobody is told
    HoIpFlowCounter hoIpFlowCounterDel(IpFlowKey const& k) { return ip_.del(k); }
    /// Removes every row that the walk meets.
    void hoIpFlowCounterDelAll() { ip_.delAll(); }
@@ -59,7 +60,8 @@ public:
 
    /// Stores a row, over an old one of that key. @throws what the table throws; nobody is told then
    void hoIp6FlowCounterIs(HoIp6FlowCounter const& v) { ip6_.is(v); }
-   /// Removes a row. @return it, or the default row if there was none, of which nobody is told
+   /// Removes a row. @param k lies outside the table: notifiees are told by it when the row is gone
+   /// @return the row, or the default row if there was none, of which nobody is told
    HoIp6FlowCounter hoIp6FlowCounterDel(Ip6FlowKey const& k) { return ip6_.del(k); }
    /// Removes every row that the walk meets.
    void hoIp6FlowCounterDelAll() { ip6_.delAll(); }

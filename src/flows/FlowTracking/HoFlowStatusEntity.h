@@ -32,7 +32,8 @@ public:
 
    /// Stores a row, over an old one of that key. @throws what the table throws; nobody is told then
    void hoIpFlowStatusIs(HoIpFlowStatus const& v) { ip_.is(v); }
-   /// Removes a row. @return it, or the default row if there was none, of which nobody is told
+   /// Removes a row. @param k lies outside the table: notifiees are told by it when the row is gone
+   /// @return the row, or the default row if there was none, of which nobody is told
    HoIpFlowStatus hoIpFlowStatusDel(HoIpFlowKey const& k) { return ip_.del(k); }
    /// Removes every row that the walk meets.
    void hoIpFlowStatusDelAll() { ip_.delAll(); }
@@ -55,7 +56,8 @@ public:
 
    /// Stores a row, over an old one of that key. @throws what the table throws; nobody is told then
    void hoIp6FlowStatusIs(HoIp6FlowStatus const& v) { ip6_.is(v); }
-   /// Removes a row. @return it, or the default row if there was none, of which nobody is told
+   /// Removes a row. @param k lies outside the table: notifiees are told by it when the row is gone
+   /// @return the row, or the default row if there was none, of which nobody is told
    HoIp6FlowStatus hoIp6FlowStatusDel(HoIp6FlowKey const& k) { return ip6_.del(k); }
    /// Removes every row that the walk meets.
    void hoIp6FlowStatusDelAll() { ip6_.delAll(); }

@@ -15,8 +15,8 @@ Zeb::Ptr<CollectionControl> CollectionControl::CollectionControlIs(Mirak::Contro
 void CollectionControl::init(Mem::CollectionDescriptor const& descriptor) {
    auto& mounted = collection();
    if (!entity() || !entity()->parent())
-      throw Lomi::InvalidInitializeException(
-          fmt::format("cannot initialize collection {}: its entity has no parent", mounted.collName()));
+      throw Lomi::InvalidInitializeException(fmt::format(
+          "cannot initialize collection {}: its entity has no parent", mounted.rootPath().name()));
    mounted.init(descriptor);
 }
 

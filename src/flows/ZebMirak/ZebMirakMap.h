@@ -127,6 +127,7 @@ void ZebMirakMap<Entity, Record, Key, Ops>::handleParent() {
       throw Lomi::InvalidInitializeException(fmt::format("Entity {} already initialized", entity_->name()));
    parentSeen_ = true;
    LOMI_TRACE(*this->debugHandler, 5, "ZebMirakMap", "old:{} new:{}", oldName, this->name);
+   if (this->initialized()) this->controlDetach(); // a mount at the old name, made past the control
    this->backIs(this->createDefaultLocalWriter(*this->debugHandler));
 }
 

@@ -110,7 +110,12 @@ std::unique_ptr<LockedFile> LockedFile::open(NaoRootPath const& rootPath, char c
          return nullptr;
       }
       // Who cleans a directory up unlinks the file with the lock held. What was locked here may be that file.
-      if (::lstat(path.c_str(), &named) == 0 && file->isFile(named.st_dev, named.st_ino)) return file;
+      bool const seen = ::lstat(path.c_str(), &named) == 0;
+      if (seen && file->isFile(named.st_dev, named.st_ino)) return file;
+      if (!seen && errno != ENOENT && errno != ENOTDIR) {
+         error = path + ": " + std::strerror(errno);
+         return nullptr;
+      }
    }
 }
 

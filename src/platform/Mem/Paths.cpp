@@ -7,6 +7,7 @@
 #include <fmt/format.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
@@ -31,30 +32,33 @@ Root& root() {
    return only;
 }
 
+/// One line, whatever the name holds.
 std::string printable(std::string const& name) {
    std::string text;
    for (char const c : name) {
-      if (c)
-         text.push_back(c);
-      else
+      if (c == 0)
          text.append("\\0");
+      else if (static_cast<unsigned char>(c) < ' ' || c == 0x7f)
+         text.append(fmt::format("\\x{:02x}", c));
+      else
+         text.push_back(c);
    }
    return text;
 }
 
-void checkName(std::string const& name) {
-   auto const refuse = [&](char const* why) {
-      throw Lomi::InvalidInitializeException(fmt::format("bad table name \"{}\": {}", printable(name), why));
-   };
-   if (name.find('\0') != std::string::npos) refuse("it holds a NUL");
+/// Why a name is no path below the root; null if it is one. `path` is the whole.
+char const* faultOf(std::string const& name, std::string const& path) {
+   constexpr std::size_t mostForFiles = 64; // a slash and a file's name
+   if (path.size() + mostForFiles > PATH_MAX) return "the path is too long for the system";
+   if (name.find('\0') != std::string::npos) return "it holds a NUL";
    std::size_t from = 0;
    while (true) {
       std::size_t const end = name.find('/', from);
       std::string const part = name.substr(from, end == std::string::npos ? end : end - from);
-      if (part.empty()) refuse("a component is empty");
-      if (part == "." || part == "..") refuse("a component is \".\" or \"..\"");
-      if (part.size() > 255) refuse("a component is longer than 255 bytes");
-      if (end == std::string::npos) return;
+      if (part.empty()) return "a component is empty";
+      if (part == "." || part == "..") return "a component is \".\" or \"..\"";
+      if (part.size() > 255) return "a component is longer than 255 bytes";
+      if (end == std::string::npos) return nullptr;
       from = end + 1;
    }
 }
@@ -99,7 +103,8 @@ NaoRootPath::NaoRootPath(Lomi::Platform::DebugHandler const& handler, std::strin
    , name_(std::move(name))
    , path_(fmt::format("{}/{}", root_ == "/" ? "" : root_, name_))
    , shared_(!local) {
-   if (shared_) checkName(name_);
+   if (char const* const why = shared_ ? faultOf(name_, path_) : nullptr)
+      throw Lomi::InvalidInitializeException(fmt::format("bad table name \"{}\": {}", printable(name_), why));
    LOMI_TRACE(handler, 8, "NaoRootPath", "{} local:{}", path_, local);
 }
 
@@ -148,6 +153,10 @@ void NaoRootPath::makeDirectories() const {
 }
 
 Descriptor NaoRootPath::openDirectory() const {
+   if (!shared_ && faultOf(name_, path_)) {
+      errno = ENOENT;
+      return {};
+   }
    std::string failedAt;
    return walk(name_, false, failedAt);
 }

@@ -46,9 +46,9 @@ public:
 /// A table's directory. Building one touches no file.
 class HOFLOW_EXPORT NaoRootPath {
 public:
-   /// `name` is the path below the root. Throws Lomi::InvalidInitializeException if a component is empty, "."
-   /// or
-   /// ".." or if there is a NUL; the name of a local table is never a path and isn't checked.
+   /// `name` is the path below the root. Throws Lomi::InvalidInitializeException if there is a NUL in it, if
+   /// a component is empty, "." or "..", or longer than 255 bytes, or if the whole is too long for a path.
+   /// The name of a local table may be any text; where it is no path there is no directory.
    NaoRootPath(Lomi::Platform::DebugHandler const& handler, std::string name, bool local);
 
    std::string const& str() const { return path_; } // absolute

@@ -68,6 +68,7 @@ void ReaderSentry::process(std::string const& event, Reason reason) {
    for (int looks = 0; looks < mostLooks; ++looks) {
       if (!notifiee_ || !enabled) return;
       TableState const now = look();
+      if (now.unseen) return; // the next poll looks again
       if (notifiee_->readerFullyAttached()) {
          if (leave(now)) continue;
          if (notifiee_ && notifiee_->disconnectedActiveReader()) notifiee_->attach(event);

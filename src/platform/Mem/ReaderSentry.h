@@ -10,6 +10,7 @@
 //   attach didn't succeed                   once more when something happens in the directory; and after some
 //                                           polls, at first after each, then more and more seldom, at last
 //                                           once in twelve
+//   no descriptor or memory is left to look  nothing; the next poll looks again
 //
 // So it never spins on a table that can't be read, and does nothing while nothing happens. A collection that
 // is being emptied (`enabled` is 0) is left alone until its "flushComplete".

@@ -26,6 +26,7 @@ struct TableState {
    u64 kestorTime = 0;      ///< when it was made, nanoseconds: numbers of files are used again
    FileIdentity slots;      ///< the slot file
    bool damageMarked = false;
+   bool unseen = false; ///< no descriptor or memory was left to look with: nothing here says anything
 
    /// Whether a reader may find a table there.
    bool published() const { return kestor.value() != 0 && slots; }
@@ -38,7 +39,7 @@ struct TableState {
    friend bool operator==(TableState const&, TableState const&) = default;
 };
 
-/// What is there now. Never throws; what can't be seen is not there.
+/// What is there now. Never throws; what others may not see is not there.
 TableState tableState(Lomi::Platform::DebugHandler const& handler, NaoRootPath const& rootPath);
 
 } // namespace Mem

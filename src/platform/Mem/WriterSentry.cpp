@@ -24,6 +24,8 @@ void WriterSentry::event(std::string const& name, bool) {
    if (!notifiee_) return;
    if (name == eventInit) {
       seen_ = tableState(handler_, rootPath_);
+      // The writer removes the old one before it lets readers in: this is of a reader that was quick.
+      seen_.damageMarked = false;
    } else if (!deferred_.active()) {
       deferred_ = Lomi::TaskSchedulerRoot::root().deferredTask([this, name] { process(name); });
    }
@@ -31,17 +33,17 @@ void WriterSentry::event(std::string const& name, bool) {
 
 void WriterSentry::process(std::string const& event) {
    if (!notifiee_ || !enabled || inCall()) return;
-   TableState const before = seen_;
-   seen_ = tableState(handler_, rootPath_);
-   bool const marked = seen_.damageMarked && !before.damageMarked;
-   if (marked && !mayProve()) seen_.damageMarked = false; // a later look sees it
-   if (seen_ == before) return;
+   TableState const now = tableState(handler_, rootPath_);
+   bool const marked = now.damageMarked && !seen_.damageMarked;
+   if (now == seen_ || now.unseen || (marked && !mayProve())) return; // the next poll looks again
+   seen_ = now;
    Call const call(*this);
-   if (seen_.damageMarked && !before.damageMarked) prove();
+   if (marked) prove();
    checkFiles(event);
 }
 
 bool WriterSentry::mayProve() {
+   if (notifiee_->inDirectMode()) return false;
    auto const now = std::chrono::steady_clock::now();
    if (proved_ && now - *proved_ < std::chrono::minutes(1)) return false;
    proved_ = now;
@@ -58,7 +60,8 @@ void WriterSentry::prove() {
 void WriterSentry::checkFiles(std::string const& event) {
    try {
       notifiee_->validateFiles(event, 0);
-      seen_ = tableState(handler_, rootPath_); // it removed the marker
+      seen_ = tableState(handler_, rootPath_);
+      seen_.damageMarked = false; // it was removed; what stands there is a new one
    } catch (Lomi::Exception const& e) {
       LOMI_TRACE(handler_, 0, "WriterSentry",
                  "the table {} that is written here is no longer where it was: {}", rootPath_.str(),

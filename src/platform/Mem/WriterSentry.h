@@ -10,7 +10,8 @@
 //   that nobody finds any more; they can't be put back, and what the agent wants then is its own matter
 //
 // The proof walks the whole table on the loop's thread. It is made only for a marker, and at most once a
-// minute: a reader that is itself at fault must not keep the writer busy.
+// minute: a reader that is itself at fault must not keep the writer busy. It waits until a row that is built
+// in place has been committed.
 #pragma once
 
 #include "Lomi/TaskSchedulerRoot.h"
@@ -30,6 +31,8 @@ public:
    public:
       virtual ~Notifiee() = default;
       virtual Parcel::KestorId kestorId() const = 0;
+      /// A row is being built in place: the table isn't whole, and must not be proved.
+      virtual bool inDirectMode() const = 0;
       /// Proves the open table. @return whether it is sound
       virtual bool validate() = 0;
       /// Whether the files are all there, and whole as far as their sizes say; removes the marker. The

@@ -24,6 +24,8 @@ public:
 
    /// The stored id, value 0 if the file is absent, unreadable or malformed.
    KestorId read() const;
+   /// The same. @param error the errno of a file that the system doesn't let be read, else 0
+   KestorId read(int& error) const;
    /// The same for a writer, who formats a table that has no id: value 0 only if the file is absent or
    /// malformed. Throws Lomi::RuntimeException naming the file if the system doesn't let it be read (no
    /// right, no descriptor left).
@@ -40,8 +42,6 @@ public:
    std::string getFilename() const;
 
 private:
-   KestorId read(int& error) const;
-
    Lomi::Platform::DebugHandler const& handler_;
    Mem::NaoRootPath rootPath_;
    bool local_;

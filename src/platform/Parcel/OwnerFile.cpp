@@ -97,7 +97,8 @@ void OwnerFile::lock() {
 
 // A writer may be at work on the record: a copy whose checksum fails is taken again before it counts as
 // damage.
-bool OwnerFile::read(Record& record, std::string& error) const {
+// `refused` tells apart what the system doesn't let us see.
+bool OwnerFile::read(Record& record, std::string& error, bool* refused) const {
    // Under lock() the file is open already: a lack of descriptors must not look like damage.
    int fd = locked_ ? locked_->fd() : -1;
    Mem::Descriptor file;
@@ -108,7 +109,11 @@ bool OwnerFile::read(Record& record, std::string& error) const {
       fd = file.get();
    }
    if (fd < 0) {
-      error = fmt::format("{}: {}", getFilename(), std::strerror(errno));
+      int const reason = errno;
+      if (refused)
+         *refused =
+             reason == EACCES || reason == EPERM || reason == EMFILE || reason == ENFILE || reason == ENOMEM;
+      error = fmt::format("{}: {}", getFilename(), std::strerror(reason));
       return false;
    }
    auto const bad = [&](std::string const& why) {
@@ -138,9 +143,10 @@ bool OwnerFile::read(Record& record, std::string& error) const {
 OwnerFile::Record OwnerFile::readOrThrow() const {
    Record record{};
    std::string error;
-   if (local_) return record;
-   if (!read(record, error)) throw Lomi::CorruptionDetectedException(error);
-   return record;
+   bool refused = false;
+   if (local_ || read(record, error, &refused)) return record;
+   if (refused) throw Lomi::RuntimeException("cannot read " + error);
+   throw Lomi::CorruptionDetectedException(error);
 }
 
 OwnerFile::Record OwnerFile::readOrNew() const {
@@ -194,7 +200,7 @@ bool OwnerFile::validate(std::string& error) const {
    struct stat status {};
    bool const fresh = ::lstat(getFilename().c_str(), &status) == 0
                           ? S_ISREG(status.st_mode) && status.st_size == 0
-                          : errno == ENOENT;
+                          : errno == ENOENT || errno == ENAMETOOLONG;
    if (!fresh || directoryHoldsTable()) return false;
    error.clear();
    return true;

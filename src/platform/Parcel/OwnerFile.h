@@ -69,7 +69,7 @@ public:
    /// True if the record is sound, or if there is none and the directory holds no table either.
    bool validate() const;
    bool validate(std::string& error) const;
-   /// True if the record is sound, else throws Lomi::CorruptionDetectedException naming the file.
+   /// True if the record is sound, else throws as tunnetInfo().
    bool validateFile() const;
 
    /// Each setter writes the whole record, with this process as the owner. Over a damaged record it begins an
@@ -81,7 +81,8 @@ public:
    /// Writes this process into the record, if there is a sound one.
    void refreshOwner();
 
-   /// Throw Lomi::CorruptionDetectedException if the record is damaged or missing.
+   /// Throw Lomi::CorruptionDetectedException if the record is damaged or missing, Lomi::RuntimeException if
+   /// the system doesn't let it be read (no right, no descriptor left). Both name the file.
    TunnetInfo tunnetInfo() const;
    std::string typeName() const;
    ParcelType parcelType() const;
@@ -98,7 +99,7 @@ public:
 
 private:
    struct Record;
-   bool read(Record& record, std::string& error) const;
+   bool read(Record& record, std::string& error, bool* refused = nullptr) const;
    Record readOrThrow() const;
    Record readOrNew() const;
    void write(Record& record);

@@ -3,6 +3,7 @@
 #include "Zeb/Entity.h"
 
 #include "Lomi/Exception.h"
+#include "Lomi/Trace.h"
 
 #include <algorithm>
 #include <exception>
@@ -46,7 +47,14 @@ Ptr<Dir> Dir::DirIs(String const& name) {
    return dir;
 }
 
-Dir::~Dir() { releaseAll(); }
+Dir::~Dir() {
+   try {
+      releaseAll();
+   } catch (std::exception const& e) { // of a client that heard of its mount's end
+      static auto const handler = Lomi::Platform::getDebugHandler("Zeb", true);
+      LOMI_TRACE(*handler, 0, "Dir", "{}: an entity's end threw: {}", name_, e.what());
+   }
+}
 
 void Dir::handleParent(Ptr<Entity> const& parent) {
    if (!parent) return releaseAll();

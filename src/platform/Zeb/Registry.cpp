@@ -13,10 +13,11 @@
 namespace Zeb {
 namespace {
 
-/// Made at its first use, which may be before this file's own initialisation.
+/// Made at its first use, which may be before this file's own initialisation, and left to the system at the
+/// process's end: a static object may look a type up in its destructor.
 std::vector<Module const*>& list() {
-   static std::vector<Module const*> modules;
-   return modules;
+   static auto& only = *new std::vector<Module const*>;
+   return only;
 }
 
 template <class Matches> Attribute const* find(std::span<Attribute const> attributes, Matches&& matches) {

@@ -50,7 +50,9 @@ public:
    ///         Lomi::InvalidInitializeException: another descriptor while it is mounted, a descriptor that
    ///         makes no sense, another writer lives, the files can't be made Lomi::MemoryResourceException: no
    ///         space
-   /// In a callback of controlDetach() the collection still counts as mounted: mount it again after that.
+   ///         What a callback throws passes through, too; a writer is mounted then.
+   /// In a callback of init() itself the collection counts as mounted. So it does in one of controlDetach():
+   /// mount it again after that.
    virtual void init(Mem::CollectionDescriptor const& descriptor) = 0;
    /// The same with a descriptor of these settings and the defaults.
    virtual void init(MirakType type, bool local, unsigned size) = 0;
@@ -69,7 +71,7 @@ public:
    virtual bool localMem() const = 0;
    virtual u64 sequence() const = 0;
    /// "NAME:PID" of the process that writes the table, ":0" if none does. A damaged owner file stops the
-   /// process.
+   /// process. @throws Lomi::RuntimeException if the system doesn't let it be read
    virtual std::string owner() const = 0;
    /// Ends the mount; files stay. Nothing attaches the collection again by itself.
    virtual void controlDetach() = 0;

@@ -27,7 +27,7 @@ public:
       : ops_(ops)
       , debugHandler_(handler)
       , name_(std::move(name))
-      , rootPath_(handler, name_, false)
+      , rootPath_(handler, name_, true) // a collection that no table can be mounted at has one, too
       , prevBack_(std::move(prevBack)) {}
 
    bool validate() override { return trace(__func__), true; }

@@ -71,6 +71,9 @@ public:
    /// the stack of whoever lets it go, so it is deleted from the loop.
    virtual bool callsBack() const { return false; }
 
+   /// Whether a row is being built in place, between directWrite() or directUpdate() and directCommit().
+   virtual bool inDirectMode() const { return false; }
+
    bool initialized() const { return initialized_; }
    void initializedIs(bool initialized) { initialized_ = initialized; }
 

@@ -98,6 +98,7 @@ public:
 
    void cleanup() override { traced(__func__).cleanup(); }
    bool validate() override { return traced(__func__).validate(); }
+   bool inDirectMode() const override { return back().inDirectMode(); }
    bool validateFiles(std::string const&, unsigned) override { return traced(__func__).validateFiles(); }
    Mem::MountStatus mountStatus() const override { return traced(__func__).mountStatus(); }
    u64 sequence() const override { return traced(__func__).sequence(); }
@@ -166,6 +167,7 @@ private:
    void end(std::unique_ptr<BackEnd> back);
 
    std::unique_ptr<BackEnd> back_; ///< null until the first one is given
+   bool mounting_ = false;         ///< init() is on the stack, and its mount not let go again
    bool detaching_ = false;        ///< controlDetach() is on the stack
    u64 mountsEnded_ = 0;
 };

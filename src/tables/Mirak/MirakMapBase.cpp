@@ -33,7 +33,7 @@ bool MirakMapBase::ready() const {
 
 bool MirakMapBase::exists() const {
    if (localMem()) return initialized_;
-   return Parcel::KestorFile(*debugHandler, Mem::NaoRootPath(*debugHandler, name, false), false)
+   return Parcel::KestorFile(*debugHandler, Mem::NaoRootPath(*debugHandler, name, true), false)
               .read()
               .value() != 0;
 }

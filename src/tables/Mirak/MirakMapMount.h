@@ -93,8 +93,11 @@ public:
       , descriptor_(std::exchange(map.descriptor, wanted))
       , debugHandler_(map.debugHandler)
       , notifyWasLive_(map.notify.notifyLive)
-      , back_(map.exchangeBack(nullptr)) {}
+      , back_(map.exchangeBack(nullptr)) {
+      map_.mounting_ = true;
+   }
    ~Mounting() {
+      map_.mounting_ = false;
       if (done_) return;
       map_.dropMounter();
       map_.end(map_.exchangeBack(std::move(back_)));
@@ -152,7 +155,7 @@ template <class Ops> void MirakMap<Ops>::cleanupBeforeInit() {
 }
 
 template <class Ops> bool MirakMap<Ops>::alreadyMounted(MapDescriptor const& wanted) const {
-   if (!initialized_) return false;
+   if (!initialized_ && !mounting_) return false;
    if (descriptor == wanted) {
       LOMI_TRACE(*debugHandler, 5, "MirakMap", "name:{} already initialized, new {}", name, wanted);
       return true;
@@ -214,10 +217,11 @@ template <class Ops> bool MirakMap<Ops>::mountWriter() {
 template <class Ops> bool MirakMap<Ops>::mountReader() {
    LOMI_ASSERT(isFollower(mode()) || mode() == MirakType::reader, *debugHandler, "not a valid reader type:{}",
                formatMirakType(mode()));
+   Mem::NaoRootPath const place(*debugHandler, name, false); // refuses a name that no table can have
    backIs(std::make_unique<MirakDummy<Ops>>(*debugHandler, name, ops));
    Mem::Sentry* sentry = nullptr;
    try {
-      mounter_ = std::make_unique<Mem::ReaderSentry>(*debugHandler, rootPath(), this);
+      mounter_ = std::make_unique<Mem::ReaderSentry>(*debugHandler, place, this);
       sentry = mounter_.get();
       sentry->event(eventInit_, false);
    } catch (std::exception const& e) {
@@ -353,7 +357,7 @@ template <class Ops> void MirakMap<Ops>::controlDetach() {
       }
       ~End() {
          map.dropMounter();
-         map.initialized_ = false;
+         map.initialized_ = map.mounting_ = false;
          ++map.mountsEnded_;
          map.detaching_ = false;
       }

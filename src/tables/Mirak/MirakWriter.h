@@ -126,6 +126,7 @@ public:
       if (attached()) Mem::storeShared(slots_.header().scratchpad, value);
    }
    u64 scratchpad() const override { return attached() ? Mem::loadShared(slots_.header().scratchpad) : 0; }
+   bool inDirectMode() const override { return directSlot_ != noSlot || directNew_; }
    void handleQuiesced(bool quiesced) { quiesce_(quiesced); }
 
    // For the validator and for tests that look inside.
@@ -158,7 +159,6 @@ private:
    };
 
    bool attached() const { return slots_.attached(); }
-   bool inDirectMode() const { return directSlot_ != noSlot || directNew_; }
    bool busy() const { return inDirectMode() || restructuring_; }
    [[gnu::always_inline]] inline Place locate(Key const& key);
    Slot& slotBehind(SlotLink const* prev) { return slots_.slot(Mem::loadPair(*prev).next); }

@@ -160,9 +160,9 @@ template <class Slot> bool ShadowHashMap<Slot>::remove(u32 slotIndex, Slot& slot
 
 template <class Slot> Slot* ShadowHashMap<Slot>::find(Key const& key) const {
    u32 const hash = hashOf(key);
-   Slot* slot = buckets_[bucketOf(hash)];
-   while (slot && before(*slot, hash, key)) slot = slot->next;
-   return slot && slot->hash == hash && slot->rowKey() == key ? slot : nullptr;
+   for (Slot* slot = buckets_[bucketOf(hash)]; slot && slot->hash <= hash; slot = slot->next)
+      if (slot->hash == hash && slot->rowKey() == key) return slot;
+   return nullptr;
 }
 
 template <class Slot> Slot* ShadowHashMap<Slot>::first(u32 bucket) const {

@@ -218,7 +218,7 @@ bool WriterHashMap<Ops>::seek(Key const& key, u32 bucket, SlotLink** prev, SlotL
          corrupt(corruptKey, index);
       u32 const rhash = Mem::loadShared(slot.rhash);
       if (target < rhash) return false;
-      if (target == rhash && !(found < key)) return !(key < found);
+      if (target == rhash && (same || key < found)) return same;
       *prev = &slot.link;
       index = Mem::loadPair(slot.link).next;
    }
