@@ -22,8 +22,7 @@ std::string now() {
 Style styleOf(std::string_view what) {
    if (what == "new") return Style::good;
    if (what == "removed") return Style::bad;
-   if (what == "changed") return Style::warning;
-   return what == "present" ? Style::plain : Style::bold;
+   return what == "changed" ? Style::warning : Style::bold;
 }
 
 } // namespace
@@ -87,7 +86,7 @@ bool Changes::mayTell() {
    return true;
 }
 
-void Changes::tellNew(void const* row) { tellRow(mode_ == Mode::present ? "present" : "new", "is", row); }
+void Changes::tellNew(void const* row) { tellRow("new", "is", row); }
 
 void Changes::tellRemoved(void const* row) { tellRow("removed", "was", row); }
 

@@ -22,7 +22,8 @@ public:
    Changes(Common const& common, std::string const& table, Mirak::TableType const& type, Filter filter,
            std::uint64_t most);
 
-   /// How the rows are told of that are met first: while the table's rows are taken in for the first time.
+   /// How the rows are told of that are met first, while the table's rows are taken in for the first time.
+   /// They are no changes, and don't count as such.
    enum class Present { silent, told };
    void takingIn(Present how) { mode_ = how == Present::told ? Mode::present : Mode::silent; }
    void takenIn() { mode_ = Mode::changes; }

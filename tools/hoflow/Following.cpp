@@ -93,8 +93,11 @@ public:
       syncSequence_ = counters.syncSequence;
       if (!attached_ && Clock::now() >= nextCheck_) {
          nextCheck_ = Clock::now() + std::chrono::seconds(1);
-         isThere(changes_, inspect(changes_.table()));
+         bool const there = isThere(changes_, inspect(changes_.table()));
+         if (there && checks_++ == 2)
+            say(changes_.table() + ": is there, but can't be followed; it is tried again and again");
       }
+      if (attached_) checks_ = 0;
    }
    bool quiet() const override { return follower_->quiesced() || !attached_; }
    double pause() const override { return 1; }
@@ -133,6 +136,7 @@ private:
    bool attached_ = false, synchronised_ = false;
    std::uint64_t resyncs_ = 0, syncSequence_ = 0;
    Clock::time_point nextCheck_;
+   unsigned checks_ = 0; ///< that found the table there, and it not attached
 };
 
 class ByWalking final : public Following {

@@ -82,6 +82,8 @@ std::string fitted(std::string text, std::size_t width, bool right, bool keepEnd
 }
 
 class View {
+   static constexpr std::size_t gap = 2, leastName = 24, leastState = 12;
+
 public:
    View(Terminal const& terminal, Pulses const& pulses)
       : terminal_(terminal)
@@ -155,25 +157,33 @@ private:
          put(1, trouble, terminal_.attributes(Style::bad));
       put(2, fmt::format("q quit   s sort (by {})   arrows scroll", orderText(order_)), A_DIM);
    }
-   /// The name gives way to the other columns, down to its last words.
+   /// 0 for a column that isn't shown. Where the terminal is narrow, names lose their beginnings, then the
+   /// columns go that tell least.
    std::vector<std::size_t> columnWidths() const {
       std::vector<std::size_t> widths;
       for (auto const& column : topColumns()) widths.push_back(column.name.size());
       for (TopLine const& line : lines_)
          for (std::size_t i = 0; i < widths.size(); ++i)
             widths[i] = std::max(widths[i], line.words[i].size());
-      std::size_t others = 0;
-      for (std::size_t i = 1; i < widths.size(); ++i) others += widths[i] + 2;
-      auto const columns = static_cast<std::size_t>(COLS);
-      std::size_t const left = columns > others ? columns - others : 0;
-      widths[0] = std::min(widths[0], std::max<std::size_t>(left, 20));
+      auto const screen = static_cast<std::size_t>(COLS);
+      auto const others = [&](std::size_t last) {
+         std::size_t sum = std::min(widths.back(), last);
+         for (std::size_t i = 1; i + 1 < widths.size(); ++i) sum += widths[i] ? widths[i] + gap : 0;
+         return sum + gap;
+      };
+      for (std::string_view const dispensable : {"gen", "capacity", "resyncs", "rows/s", "writer"}) {
+         if (leastName + others(leastState) <= screen) break;
+         for (std::size_t i = 0; i < widths.size(); ++i)
+            if (topColumns()[i].name == dispensable) widths[i] = 0;
+      }
+      widths[0] = std::min(widths[0], std::max(screen - std::min(screen, others(screen)), leastName));
       return widths;
    }
    void drawLine(int y, TopLine const& line, std::vector<std::size_t> const& widths, attr_t attributes) {
       std::string text;
-      for (std::size_t i = 0; i < widths.size(); ++i) {
-         if (i + 1 == widths.size()) break;
-         text += fitted(line.words[i], widths[i], topColumns()[i].right, i == 0) + "  ";
+      for (std::size_t i = 0; i + 1 < widths.size(); ++i) {
+         if (widths[i] == 0) continue;
+         text += fitted(line.words[i], widths[i], topColumns()[i].right, i == 0) + std::string(gap, ' ');
       }
       put(y, text, attributes);
       int const x = static_cast<int>(text.size());
