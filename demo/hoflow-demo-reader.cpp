@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// A reader process of the demo: it reads both counter tables as fast as it can until SIGTERM, and judges what
-// it reads. `lookup` looks up every key that it has ever seen, `walk` walks the tables from end to end.
+// A reader process of the demo: it reads both counter tables again and again until SIGTERM, and judges what it
+// reads. `lookup` looks up every key that it has ever seen, `walk` walks the tables from end to end.
 //
-// While a table is of one generation its tracker only adds rows and adds to their counts. So a key that was
+// While a table is of one generation its writer only adds rows and adds to their counts. So a key that was
 // there must be there, its counts must not fall, and no walk may pass a row twice: each breach is an anomaly.
 // A re-format or a new file ends the generation; the reader then attaches again and starts from nothing.
 //
@@ -73,9 +73,9 @@ int main(int argc, char** argv) {
    Demo::Table<Demo::Ip6Ops> ip6(mount + "/hoIp6FlowCounter", tally);
    auto due = std::chrono::steady_clock::now();
    while (!stopped) {
-      bool const some4 = mode == "walk" ? ip4.walk() : ip4.lookups();
-      bool const some6 = mode == "walk" ? ip6.walk() : ip6.lookups();
-      if (!some4 && !some6) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+      mode == "walk" ? ip4.walk() : ip4.lookups();
+      mode == "walk" ? ip6.walk() : ip6.lookups();
+      std::this_thread::sleep_for(std::chrono::milliseconds(1)); // leaves processors to the agents
       auto const now = std::chrono::steady_clock::now();
       if (now >= due) {
          report(mode, tally, ip4, ip6, false);
