@@ -334,4 +334,26 @@ TEST_F(Impostors, AWriterThatIsNone) {
       ASSERT_TRUE(runUntil([&] { return follower.taken == shared->count; }));
    }
    EXPECT_EQ(follower.disconnects, 1u) << "only the one that said WELCOME was a connection";
+
+   // All in one turn, and the client throws when it is told of the connection: the WAKE isn't lost.
+   int thrown = 0;
+   follower.onConnect = [&] {
+      ++thrown;
+      throw std::runtime_error("client");
+   };
+   Rusk::Socket visitor;
+   ASSERT_TRUE(runUntil([&] { return bool(visitor = Rusk::Socket::accept(socket)); }));
+   char bytes[200];
+   int heard = 0;
+   ASSERT_TRUE(runUntil([&] { return (heard += ::recv(visitor.get(), bytes, sizeof(bytes), 0) > 0) == 2; }));
+   ++shared->count;
+   for (u32 const type : {4, 5, 6}) ::send(visitor.get(), signal(type).data(), 8, MSG_NOSIGNAL);
+   ASSERT_TRUE(runUntil([&] {
+      try {
+         loop().run(0);
+      } catch (std::runtime_error const&) {
+      }
+      return thrown == 1;
+   }));
+   EXPECT_TRUE(runUntil([&] { return follower.taken == shared->count; }));
 }

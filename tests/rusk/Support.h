@@ -136,6 +136,9 @@ struct Follower : Rusk::Follower {
    bool behind() const override { return taken != shared.count; }
    Rusk::Sequence last() const override { return taken; }
    Parcel::KestorId kestorId() const override { return followed; }
+   void handleConnect() override {
+      if (onConnect) onConnect();
+   }
    void handleDisconnect() override {
       ++disconnects;
       if (onDisconnect) onDisconnect();
@@ -158,7 +161,7 @@ struct Follower : Rusk::Follower {
    u64 taken = 0;
    u64 disconnects = 0;
    Parcel::KestorId followed = generation;
-   std::function<void()> onWalk, onDisconnect;
+   std::function<void()> onWalk, onConnect, onDisconnect;
    std::unique_ptr<Rusk::ReaderRuskSm> rusk;
 };
 

@@ -57,11 +57,6 @@ public:
    Mirak::ShadowHashMap<Slot> map;
 };
 
-struct MovingMemory {
-   MovingMemory() { Mem::ParcelWrapper::moveAlways = true; }
-   ~MovingMemory() { Mem::ParcelWrapper::moveAlways = false; }
-};
-
 TEST(ShadowHashMapTest, KeepsItsOrderWhateverComesAndGoes) {
    MovingMemory const moving;
    constexpr u32 slots = 3000;

@@ -214,6 +214,50 @@ TEST_P(ShadowMount, AFlushGoesInStepsAndCanBeForced) {
    EXPECT_TRUE(client->heard.empty());
    EXPECT_EQ(client->mountStatus(), Mem::MountStatus::mounted);
    expectTable();
+   // One that finds no table any more: the sentry waits for the next.
+   client->detach(false);
+   writer.reset();
+   std::filesystem::remove_all(testRoot() + "/shadowed");
+   client->attach(Mirak::MirakMapBase::eventTryAttach_);
+   EXPECT_TRUE(client->heard.empty());
+   EXPECT_EQ(client->mountStatus(), Mem::MountStatus::notMounted);
+   writer = newWriter("shadowed");
+   fill(20);
+   expectTable();
+}
+
+TEST_P(ShadowMount, AClientThatThrowsMissesNothing) {
+   struct Thrown {};
+   fill(50);
+   for (std::string const callback : {"row", "status 2", "not quiesced", "quiesced", "removed", "status 3"}) {
+      client->init(wanted());
+      bool thrown = false;
+      client->inCall = [&](std::string const& what) {
+         if (!what.starts_with(callback) || std::exchange(thrown, true)) return;
+         throw Thrown();
+      };
+      auto const turns = [&](auto done) {
+         return runUntil([&] {
+            try {
+               loop().run(0.01);
+            } catch (Thrown const&) {
+            }
+            return done();
+         });
+      };
+      ASSERT_TRUE(turns([&] { return quiet(); })) << callback;
+      put(1, static_cast<u32>(client->calls()) + 2);
+      R removed;
+      writer->remove(keyOf(2), removed);
+      ASSERT_TRUE(turns([&] { return difference(client->heard, contentOf(*writer)).empty(); })) << callback;
+      try {
+         client->controlDetach();
+      } catch (Thrown const&) {
+      }
+      EXPECT_TRUE(client->heard.empty());
+      EXPECT_TRUE(thrown || callback == "status 3");
+      put(2, 1);
+   }
 }
 
 TEST_P(ShadowMount, ItsClientLetsGoInAnyCallback) {
@@ -280,6 +324,16 @@ TEST_P(ShadowMount, WaitsWhileItsClientWantsNoNotifications) {
    for (u32 n = 0; n < 1000; ++n) put(n % 90, n + 2);
    settle();
    EXPECT_EQ(client->calls(), calls);
+   client->notifyingIs(true);
+   expectTable();
+   // In a callback: that was the last one.
+   client->inCall = [&](std::string const&) { client->notifyingIs(false); };
+   u64 const before = client->calls();
+   for (u32 n = 0; n < 90; ++n) put(n, 5000 + n);
+   ASSERT_TRUE(runUntil([&] { return client->calls() != before; }));
+   settle();
+   EXPECT_EQ(client->calls(), before + 1);
+   client->inCall = {};
    client->notifyingIs(true);
    expectTable();
 }

@@ -3,6 +3,8 @@
 // copy does, what its client hears, and what it reads in its callbacks.
 #include "Support.h"
 
+#include <sys/resource.h>
+
 namespace Test {
 namespace {
 
@@ -234,6 +236,21 @@ TYPED_TEST(ShadowStoreTest, AnExceptionLosesNothing) {
    copy.inCall = {};
    EXPECT_EQ(copy.change(slot, 3), Log{});
    EXPECT_EQ(copy.get(2), 0u);
+
+   // No memory for a larger index: the row is told when there is some.
+   if (slow > 1) return; // a sanitizer needs memory of its own
+   MovingMemory const moving;
+   for (u32 const number : {1, 2}) copy.change(copy.put(number, 1), 4);
+   u32 const third = copy.put(3, 1);
+   rlimit allowed{};
+   ASSERT_EQ(::getrlimit(RLIMIT_AS, &allowed), 0);
+   rlimit const nothing{1, allowed.rlim_max};
+   ::setrlimit(RLIMIT_AS, &nothing);
+   EXPECT_ANY_THROW(copy.change(third, 5));
+   ::setrlimit(RLIMIT_AS, &allowed);
+   EXPECT_EQ(copy.get(3), 0u);
+   EXPECT_EQ(copy.change(third, 5), Log{copy.told(3, 1)});
+   EXPECT_EQ(copy.get(1) + copy.get(2) + copy.get(3), 3u);
 }
 
 TYPED_TEST(ShadowStoreTest, ACallbackMayDisableIt) {

@@ -87,6 +87,12 @@ inline MapDescriptor shadowSettings(bool keyOnly, bool tellFlush = true, bool sy
    return descriptor;
 }
 
+/// Each resize of memory moves it.
+struct MovingMemory {
+   MovingMemory() { Mem::ParcelWrapper::moveAlways = true; }
+   ~MovingMemory() { Mem::ParcelWrapper::moveAlways = false; }
+};
+
 /// No traces while it lives: readers that are overtaken say so by the thousand.
 struct Silence {
    Silence() { Lomi::Platform::defaultMaskIs(0); }

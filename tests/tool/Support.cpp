@@ -2,6 +2,7 @@
 // Running the program, and the tests' files. See Support.h.
 #include "Support.h"
 
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
@@ -58,7 +59,8 @@ Pipe makeTerminal() {
 }
 
 [[noreturn]] void becomeTool(std::vector<std::string> const& arguments, Surroundings const& around, int out,
-                             int err) {
+                             int err, bool outIsIn = false) {
+   if (outIsIn) dup2(out, STDIN_FILENO);
    dup2(out, STDOUT_FILENO);
    dup2(err, STDERR_FILENO);
    if (around.uid && (setgid(around.uid) != 0 || setuid(around.uid) != 0)) _exit(99);
@@ -130,6 +132,79 @@ Result hoflow(std::vector<std::string> const& arguments, Surroundings const& aro
    waitpid(child, &status, 0);
    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
    return result;
+}
+
+Running::Running(std::vector<std::string> arguments, bool terminal) {
+   arguments.insert(arguments.begin(), {"--root", Mem::RootPath::get()});
+   Pipe const out = terminal ? makeTerminal() : makePipe();
+   Pipe const err = makePipe();
+   pid_ = fork();
+   if (pid_ == 0) becomeTool(arguments, {.environment = {"TERM=xterm"}}, out.writing, err.writing, terminal);
+   close(out.writing);
+   close(err.writing);
+   out_ = out.reading;
+   err_ = err.reading;
+}
+
+Running::~Running() {
+   if (pid_ > 0) end(SIGKILL);
+   close(out_);
+   close(err_);
+}
+
+/// Waits for something to be said. @return false if nothing more is
+bool Running::more() {
+   pollfd from[2] = {{out_, POLLIN, 0}, {err_, POLLIN, 0}};
+   if (poll(from, 2, 60000) <= 0) return false;
+   char buffer[65536];
+   bool got = false;
+   for (int i = 0; i < 2; ++i) {
+      if (!from[i].revents) continue;
+      ssize_t const bytes = ::read(from[i].fd, buffer, sizeof buffer);
+      if (bytes <= 0) continue;
+      (i ? complained_ : said_).append(buffer, static_cast<std::size_t>(bytes));
+      got = true;
+   }
+   return got;
+}
+
+std::string Running::line() {
+   std::size_t end;
+   while ((end = said_.find('\n')) == std::string::npos)
+      if (!more()) {
+         ADD_FAILURE() << "no line comes: " << said_ << complained_;
+         return {};
+      }
+   std::string const line = said_.substr(0, end);
+   said_.erase(0, end + 1);
+   return line;
+}
+
+json Running::object() {
+   std::string const text = line();
+   auto const object = json::parse(text, nullptr, false);
+   EXPECT_TRUE(object.is_object()) << text;
+   return object.is_object() ? object : json::object();
+}
+
+void Running::says(std::string const& text, bool error) {
+   std::string& in = error ? complained_ : said_;
+   std::size_t at;
+   while ((at = in.find(text)) == std::string::npos)
+      if (!more()) {
+         ADD_FAILURE() << "\"" << text << "\" isn't said: " << in;
+         return;
+      }
+   in.erase(0, at + text.size());
+}
+
+void Running::type(char key) const { EXPECT_EQ(::write(out_, &key, 1), 1); }
+
+int Running::end(int signal) {
+   if (signal) kill(pid_, signal);
+   int status = 0;
+   waitpid(std::exchange(pid_, -1), &status, 0);
+   return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
 Lomi::Platform::DebugHandler const& handler() {

@@ -45,6 +45,31 @@ struct Surroundings {
 /// Runs `hoflow` with the arguments; ended after a minute.
 Result hoflow(std::vector<std::string> const& arguments, Surroundings const& around = {});
 
+/// A `hoflow` that runs beside the test, in the test's root. Ended with it.
+class Running {
+public:
+   /// @param terminal stdin and stdout are one
+   explicit Running(std::vector<std::string> arguments, bool terminal = false);
+   Running(Running const&) = delete;
+   Running& operator=(Running const&) = delete;
+   ~Running();
+
+   /// The next line of stdout. Fails the test, and is empty, where none comes in a minute.
+   std::string line();
+   /// The next line as an object.
+   json object();
+   /// Waits until stdout, or stderr, says this. What was said up to there isn't looked at again.
+   void says(std::string const& text, bool error = false);
+   void type(char key) const;
+   /// Sends a signal, if any, and waits for the end, also without reading. @return as Result::status
+   int end(int signal = 0);
+
+private:
+   bool more();
+   int pid_ = -1, out_ = -1, err_ = -1;
+   std::string said_, complained_;
+};
+
 /// The same types with a writer that feeds no queue.
 template <class Record>
 using PlainOps = typename FlowTracking::TablePolicy<Record, FlowTracking::NoQueue>::Ops;

@@ -2,12 +2,13 @@
 // The tool's commands. Each takes what the command line said, writes its data through `out`, and returns the
 // exit status; a Failure ends it. Which file holds which: list, show, header in CommandsFiles.cpp; get, dump,
 // count in CommandsRows.cpp; load in CommandsLoad.cpp; types and schema in CommandsTypes.cpp; check and stat
-// in CommandsWalk.cpp.
+// in CommandsWalk.cpp; watch in CommandsWatch.cpp; top in CommandsTop.cpp.
 #pragma once
 
 #include "Output.h"
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -51,6 +52,23 @@ Exit showSchemas(Common const& common, std::vector<std::string> const& types);
 
 Exit checkTables(Common const& common, std::vector<std::string> const& tables);
 Exit statTables(Common const& common, std::vector<std::string> const& tables);
+
+struct WatchOptions {
+   std::vector<std::string> words; ///< a key or tests
+   std::vector<std::string> where;
+   bool all = false;              ///< the rows that are there come first
+   std::uint64_t count = 0;       ///< ends after so many changes; 0: none
+   std::optional<double> timeout; ///< seconds
+   double interval = 1;           ///< seconds between walks, where there is no queue
+};
+Exit watchTable(Common const& common, std::string const& table, WatchOptions const& options);
+
+struct TopOptions {
+   std::vector<std::string> patterns; ///< as listTables()
+   bool once = false;
+   double interval = 1; ///< seconds between two looks
+};
+Exit topTables(Common const& common, TopOptions const& options);
 
 /// What `hoflow` alone says: what it is, what there is, what to type.
 Exit overview(Common const& common);

@@ -51,10 +51,6 @@ bool hasNumbers(Inspection const& t) {
           t.slotHeader->version == Mirak::SlotTableHeader::formatVersion;
 }
 
-bool hasQueue(Mirak::SlotTableHeader const& h) {
-   return (h.constFlags & Mirak::SlotTableHeader::hasChangeQueue) != 0;
-}
-
 ordered_json summary(Inspection const& t) {
    ordered_json j{{"table", t.name}, {"state", stateText(t.state)}};
    if (hasNumbers(t)) {
@@ -128,6 +124,7 @@ void showJson(Common const& common, Inspection const& t) {
       j["maxSlots"] = h.maxSlots;
       j["mostSlots"] = h.mostSlots;
       j["changeQueue"] = hasQueue(h);
+      if (t.queueHeader && t.queueTable) j["queue"] = queueJson(t);
       j["inOperation"] = t.inOperation();
    }
    if (t.bucketHeader) j["buckets"] = t.bucketHeader->numBuckets.value;
@@ -140,6 +137,14 @@ void showJson(Common const& common, Inspection const& t) {
                  {"kestor", fileJson(t.kestor)},
                  {"owner", fileJson(t.owner)}};
    common.out.line(jsonLine(j));
+}
+
+std::string queueText(Inspection const& t) {
+   if (!hasQueue(*t.slotHeader)) return "none: readers look, nobody tells them";
+   if (!t.queueHeader || !t.queueTable) return "the writer feeds a change queue";
+   return fmt::format("{} entries of {}, generation {}; {} changes so far, {} followers", t.queueTable->count,
+                      t.queueTable->capacity, t.queueHeader->generation, t.queueHeader->next - 1,
+                      t.writerAlive ? t.queueHeader->followers : 0);
 }
 
 void showText(Common const& common, Inspection const& t) {
@@ -171,9 +176,7 @@ void showText(Common const& common, Inspection const& t) {
       add("row", fmt::format("{} bytes in a slot of {}", h.valueSize, h.slotSize));
    }
    if (t.bucketHeader) add("buckets", std::to_string(t.bucketHeader->numBuckets.value));
-   if (hasNumbers(t))
-      add("queue", hasQueue(*t.slotHeader) ? "the writer feeds a change queue"
-                                           : "none: readers look, nobody tells them");
+   if (hasNumbers(t)) add("queue", queueText(t));
    add("kestor",
        t.kestorId.value() ? fmt::format("{} since {}", t.kestorId.text(), timeText(t.kestorTime)) : "none");
    add("owner", printable(t.ownerText));

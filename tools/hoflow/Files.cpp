@@ -3,6 +3,7 @@
 #include "Files.h"
 
 #include "FlowTracking/TableTypes.h"
+#include "Json.h"
 #include "Lomi/Exception.h"
 #include "Mem/WriterLock.h"
 #include "Parcel/KestorFile.h"
@@ -206,6 +207,18 @@ private:
    int directoryError_;
 };
 
+void readQueue(Inspection& t, Mem::Descriptor const& directory) {
+   FileFacts facts;
+   std::string error;
+   t.queueHeader = readHeader<Tessel::QueueHeader>(openFile(directory, "tessel", facts),
+                                                   [](auto const& h) { return h.generation; });
+   if (t.queueHeader && !t.queueHeader->validate(t.kestorId, error)) t.queueHeader.reset();
+   if (!t.queueHeader) return;
+   char const* const current = t.queueHeader->generation & 1 ? "tessel.1" : "tessel.0";
+   t.queueTable = readHeader<Tessel::QueueTable>(openFile(directory, current, facts),
+                                                 [](auto const& h) { return h.generation; });
+}
+
 Inspection look(Mem::NaoRootPath const& place) {
    Inspection t;
    t.name = place.name();
@@ -223,6 +236,7 @@ Inspection look(Mem::NaoRootPath const& place) {
                                                  [](auto const& h) { return h.numSlots.version; });
       t.bucketHeader = readHeader<BucketTableHeader>(openFile(directory, "buckets", t.buckets),
                                                      [](auto const& h) { return h.numBuckets.version; });
+      if (t.slotHeader && hasQueue(*t.slotHeader)) readQueue(t, directory);
       Parcel::OwnerFile const ownerFile(handler, place, false);
       openFile(directory, Parcel::OwnerFile::FILENAME, t.owner);
       bool const mayRead =
@@ -316,17 +330,32 @@ std::uint64_t fingerprint(std::string const& name) {
    return hash;
 }
 
-Inspection inspect(std::string const& name) {
-   using namespace std::chrono_literals;
-   std::optional<Mem::NaoRootPath> place;
+bool hasQueue(SlotTableHeader const& header) {
+   return (header.constFlags & SlotTableHeader::hasChangeQueue) != 0;
+}
+
+ordered_json queueJson(Inspection const& t) {
+   return {{"held", t.queueTable->count},
+           {"bound", t.queueTable->capacity},
+           {"generation", t.queueHeader->generation},
+           {"sequence", t.queueHeader->next - 1},
+           {"followers", t.writerAlive ? t.queueHeader->followers : 0},
+           {"resyncs", t.writerAlive ? t.queueHeader->resyncs : 0}};
+}
+
+Inspection glance(std::string const& name) {
    try {
-      place.emplace(quietHandler(), name, false);
+      return look(Mem::NaoRootPath(quietHandler(), name, false));
    } catch (Lomi::InvalidInitializeException const& e) {
       throw Failure{Exit::usage, fmt::format("\"{}\" can't be a table's name: {}", name, e.what())};
    }
+}
+
+Inspection inspect(std::string const& name) {
+   using namespace std::chrono_literals;
    // A moment after a writer's step, what looked half made or damaged is whole.
    for (int attempt = 0;; ++attempt) {
-      Inspection seen = look(*place);
+      Inspection seen = glance(name);
       bool const transient =
           seen.writerAlive && (seen.state == State::halfMade || seen.state == State::corrupt);
       if (!transient || attempt == 5) return seen;

@@ -14,8 +14,10 @@
 #include "Output.h"
 #include "Parcel/KestorId.h"
 #include "Parcel/OwnerFile.h"
+#include "Tessel/QueueFormat.h"
 
 #include <memory>
+#include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
 
@@ -36,6 +38,8 @@ struct Inspection {
    FileFacts slots, buckets, kestor, owner;
    std::optional<Mirak::SlotTableHeader> slotHeader; ///< as far as there is one, sound or not
    std::optional<MirakCore::BucketTableHeader> bucketHeader;
+   std::optional<Tessel::QueueHeader> queueHeader; ///< sound ones of this generation, or none
+   std::optional<Tessel::QueueTable> queueTable;   ///< the current table's header
    Parcel::KestorId kestorId;
    double kestorTime = 0; ///< when the writer let readers in
    bool writerAlive = false;
@@ -63,6 +67,13 @@ struct Inspection {
 /// again, for a quarter of a second.
 /// @throws Failure if the name can't be a path below the root
 Inspection inspect(std::string const& name);
+/// One look, and no second one.
+Inspection glance(std::string const& name);
+
+/// Whether the table's writer feeds a change queue.
+bool hasQueue(Mirak::SlotTableHeader const& header);
+/// REQUIRES: both of the queue's headers.
+nlohmann::ordered_json queueJson(Inspection const& table);
 
 /// A hash over the bytes of both mapped files: equal before and after something means that nobody stored
 /// anything in between. 0 if they can't be read.

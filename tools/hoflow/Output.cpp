@@ -5,10 +5,12 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
+#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -44,10 +46,27 @@ std::string Output::styled(Style style, std::string_view text) const {
    return fmt::format("\033[{}m{}\033[0m", codes[static_cast<std::size_t>(style)], text);
 }
 
+bool Output::readerGone() {
+   pollfd out{STDOUT_FILENO, 0, 0};
+   return poll(&out, 1, 0) == 1 && (out.revents & (POLLERR | POLLHUP)) != 0;
+}
+
+/// @return false if the output is to be given up
+bool Output::waitForRoom() const {
+   pollfd either[2] = {{STDOUT_FILENO, POLLOUT, 0}, {stop_, POLLIN, 0}};
+   while (poll(either, 2, -1) < 0 && errno == EINTR) {
+   }
+   return either[0].revents != 0;
+}
+
 void Output::flush() {
    std::size_t done = 0;
    while (done < buffer_.size()) {
-      ssize_t const wrote = write(STDOUT_FILENO, buffer_.data() + done, buffer_.size() - done);
+      // A pipe that has room has it for PIPE_BUF bytes at least: a write of no more doesn't wait.
+      std::size_t const left = buffer_.size() - done;
+      if (stop_ >= 0 && !waitForRoom()) break;
+      ssize_t const wrote = write(STDOUT_FILENO, buffer_.data() + done,
+                                  stop_ >= 0 ? std::min<std::size_t>(left, PIPE_BUF) : left);
       if (wrote < 0 && errno == EINTR) continue;
       if (wrote < 0) {
          int const why = errno;

@@ -52,10 +52,18 @@ public:
    bool isFile() const { return file_; }
    /// @throws Failure if it can't be written. A reader that went away ends the process by SIGPIPE, silently.
    void flush();
+   /// From now on a flush that would wait for its reader gives up as soon as this descriptor is readable, and
+   /// what is left is thrown away.
+   void givesUpOn(int descriptor) { stop_ = descriptor; }
+   /// Whether stdout is a pipe or a terminal that nobody reads any more.
+   static bool readerGone();
 
 private:
    static constexpr std::size_t flushSize = 64 * 1024;
+   bool waitForRoom() const;
+
    bool colour_, file_;
+   int stop_ = -1;
    fmt::memory_buffer buffer_;
 };
 

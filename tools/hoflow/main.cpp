@@ -36,6 +36,9 @@ struct Arguments {
    bool strep = false;
    DumpOptions dump;
    LoadOptions load;
+   WatchOptions watch;
+   TopOptions top;
+   double interval = 1;
 };
 
 class CommandLine {
@@ -62,6 +65,7 @@ public:
       addFileCommands();
       addRowCommands();
       addWalkCommands();
+      addLiveCommands();
       addTypeCommands();
    }
 
@@ -101,6 +105,17 @@ private:
           ->take_all();
    }
 
+   template <class Number> static CLI::Validator aboveZero(Number most) {
+      return {[most](std::string& text) {
+                 Number number{};
+                 bool const good = text[0] != '-' && CLI::detail::lexical_cast(text, number) && number > 0 &&
+                                   number <= most;
+                 return good ? std::string() : "\"" + text + "\": expected a number above 0";
+              },
+              ""};
+   }
+   static CLI::Validator aCount() { return aboveZero(~std::uint64_t{0}); }
+   static CLI::Validator seconds() { return aboveZero(1e9); }
    void takesStrep(CLI::App* sub) {
       sub->add_flag("--strep", args.strep, "text forms of whole rows, one a line, which load reads back");
    }
@@ -168,13 +183,7 @@ private:
           ->join(',');
       dump->add_option("-n,--limit", args.dump.limit, "at most so many rows")
           ->type_name("ROWS")
-          ->check(CLI::Validator(
-              [](std::string& text) {
-                 std::uint64_t rows = 0;
-                 bool const good = text[0] != '-' && CLI::detail::lexical_cast(text, rows) && rows > 0;
-                 return good ? std::string() : "\"" + text + "\": expected a number above 0";
-              },
-              ""));
+          ->check(aCount());
       dump->add_flag("--no-header", args.dump.noHeader, "no line with the columns' names");
 
       auto* const load = command(
@@ -208,6 +217,80 @@ private:
       takesTables(command("stat", "Load, chains, memory a row, growth ahead",
                           "  hoflow stat hoIpFlowCounter\n",
                           [](Common const& c, Arguments const& a) { return statTables(c, a.words); }));
+   }
+
+   void addLiveCommands() {
+      auto* const watch = command(
+          "watch", "Says each change of a table's rows, as it happens",
+          "  hoflow watch hoIpFlowStatus\n"
+          "  hoflow watch hoIpFlowConfig src=10.0.0.0/8 -j | jq -c '.is.key'\n"
+          "  hoflow watch hoIpFlowStatus tcp 10.0.0.1:443 10.0.0.2:50000 --count 1 --timeout 5\n"
+          "  hoflow watch hoIpFlowStatus --all > history\n\n"
+          "A line, or with -j an object, each:\n"
+          "  new             a row came          its fields        {\"event\",\"time\",\"is\"}\n"
+          "  changed         a row was written   key, OLD->NEW     {\"event\",\"time\",\"was\",\"is\"}\n"
+          "  removed         a row went          what it was       {\"event\",\"time\",\"was\"}\n"
+          "  synchronised    all rows that were there are known (--all: were said as new); what follows is "
+          "changes\n"
+          "  disconnected    the table's writer is gone; its rows stay\n"
+          "  reconnected     a writer is there again, with the same rows\n"
+          "  resynchronised  all rows were looked at again, as changes may have been missed, for the n-th "
+          "time\n"
+          "  detached        the table was removed or is formatted anew; its rows are removed, one by one\n\n"
+          "With a key, or with tests as in get and dump, only rows for which everything holds: a row that\n"
+          "begins to pass is new, one that ceases to is removed. A table that isn't there yet is waited "
+          "for.\n"
+          "A row that changes faster than its lines are read is told with its last value. A table without a\n"
+          "change queue is walked again and again. SIGINT ends it with status 0; --timeout with 1 if it saw\n"
+          "less than --count changes, or none, and with 3 if there was no table.\n",
+          [](Common const& c, Arguments const& a) {
+             WatchOptions options = a.watch;
+             options.words = a.words;
+             options.where = a.where;
+             options.interval = a.interval;
+             return watchTable(c, a.table, options);
+          });
+      takesTable(watch);
+      watch->add_option("FILTER", args.words, "a key or tests, as for get and dump")->type_name("");
+      takesWhere(watch);
+      watch->add_flag("-a,--all", args.watch.all, "first the rows that are there already");
+      watch->add_option("-n,--count", args.watch.count, "end after so many changes")
+          ->type_name("CHANGES")
+          ->check(aCount());
+      watch->add_option("-t,--timeout", args.watch.timeout, "end after so long")
+          ->type_name("SECONDS")
+          ->check(seconds());
+      watch->add_option("-i,--interval", args.interval, "from walk to walk of a table without a queue (1)")
+          ->type_name("SECONDS")
+          ->check(seconds());
+
+      auto* const top =
+          command("top", "A live view of all tables: rows, rates, queues, followers",
+                  "  hoflow top\n  hoflow top hwOffload -i 5\n  hoflow top -1\n"
+                  "  hoflow top -j | jq -r 'select(.writerAlive | not) | .table'\n\n"
+                  "  rows/s, changes/s  since the look before; changes as the change queue counts them\n"
+                  "  queue, gen         entries in the queue's current table, of how many; it moves to the "
+                  "other table,\n"
+                  "                     and to the next generation, when this one is full\n"
+                  "  followers          processes' copies of the table that are connected to its writer\n"
+                  "  resyncs            how often these had to look at all rows again\n"
+                  "  state              of the files; and how many rows stand in each state, where a table "
+                  "counts them\n\n"
+                  "Keys: q quits, s sorts by another column, arrows scroll. Only headers are read. -1 and -j "
+                  "look twice,\n"
+                  "an interval apart, and print what they saw.\n",
+                  [](Common const& c, Arguments const& a) {
+                     TopOptions options = a.top;
+                     options.patterns = a.words;
+                     options.interval = a.interval;
+                     return topTables(c, options);
+                  });
+      top->add_option("PATTERN", args.words, "only tables with this in their names, or matching it")
+          ->type_name("");
+      top->add_flag("-1,--once", args.top.once, "print it once");
+      top->add_option("-i,--interval", args.interval, "from look to look (1)")
+          ->type_name("SECONDS")
+          ->check(seconds());
    }
 
    void addTypeCommands() {

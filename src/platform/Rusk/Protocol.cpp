@@ -15,7 +15,7 @@ struct Signal {
 };
 struct Position {
    u32 type;
-   u32 spare;
+   u32 resyncs;
    u64 sequence;
 };
 struct Hello {
@@ -24,7 +24,7 @@ struct Hello {
    u32 version;
    u32 tableId;
    u32 kestor;
-   u32 spare;
+   u32 resyncs;
    u64 sequence;
    char name[longestName + 1]; // ends with a NUL and is filled up with NULs
 };
@@ -54,7 +54,7 @@ std::size_t sizeOf(MessageType type) {
 }
 
 bool readHello(Hello const& hello, Message& message) {
-   if (hello.magic != protocolMagic || hello.version != protocolVersion || hello.spare) return false;
+   if (hello.magic != protocolMagic || hello.version != protocolVersion) return false;
    std::size_t const length = ::strnlen(hello.name, sizeof(hello.name));
    if (length == sizeof(hello.name)) return false;
    if (std::any_of(hello.name + length, hello.name + sizeof(hello.name), [](char c) { return c != 0; }))
@@ -62,6 +62,7 @@ bool readHello(Hello const& hello, Message& message) {
    message.tableId = hello.tableId;
    message.kestor = hello.kestor;
    message.sequence = hello.sequence;
+   message.resyncs = hello.resyncs;
    message.name.assign(hello.name, length);
    return message.sequence != noSequence && nameAllowed(message.name);
 }
@@ -83,9 +84,11 @@ Sent send(int socket, Message const& message) {
       packet.hello.tableId = message.tableId;
       packet.hello.kestor = message.kestor;
       packet.hello.sequence = message.sequence;
+      packet.hello.resyncs = message.resyncs;
       std::memcpy(packet.hello.name, message.name.data(), std::min(message.name.size(), longestName));
    } else if (sizeOf(message.type) == sizeof(Position)) {
       packet.position.sequence = message.sequence;
+      packet.position.resyncs = message.resyncs;
    }
    while (true) {
       if (::send(socket, &packet, sizeOf(message.type), MSG_DONTWAIT | MSG_NOSIGNAL) >= 0) return Sent::done;
@@ -114,7 +117,8 @@ Received receive(int socket, Message& message) {
       return readHello(packet.hello, message) ? Received::message : Received::bad;
    if (got == sizeof(Position)) {
       message.sequence = packet.position.sequence;
-      if (packet.position.spare || message.sequence == noSequence) return Received::bad;
+      message.resyncs = packet.position.resyncs;
+      if (message.sequence == noSequence) return Received::bad;
    } else if (packet.signal.spare) {
       return Received::bad;
    }

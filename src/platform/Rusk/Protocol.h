@@ -11,8 +11,9 @@
 //    SLEEP   sequence                              ARMED    a change after `sequence` will be told by WAKE
 //    REPORT  sequence                              WAKE     there is something after `sequence`
 //
-// `sequence` is the last one that the reader has taken in, 0 if none or unknown. Each SLEEP is answered by
-// WAKE exactly once, with or without ARMED in between, and the next SLEEP comes only after that WAKE.
+// `sequence` is the last one that the reader has taken in, 0 if none or unknown. Beside it stands how often
+// the reader had to look at all slots again: the writer shows that to people. Each SLEEP is answered by WAKE
+// exactly once, with or without ARMED in between, and the next SLEEP comes only after that WAKE.
 //
 // Why no wake-up is lost. The writer's side runs on one thread, the table's, and its events don't interrupt
 // each other: the loop, critical tasks included, is never run between the two stores of W.
@@ -67,7 +68,7 @@ using Mem::u64;
 
 inline constexpr u32 protocolMagic = 0x4b535552; // "RUSK"
 /// Goes up with each change of a message or its meaning. Both ends must have the same one.
-inline constexpr u32 protocolVersion = 1;
+inline constexpr u32 protocolVersion = 2;
 inline constexpr std::size_t longestName = 63;
 
 enum class MessageType : u32 { hello = 1, sleep = 2, report = 3, welcome = 4, armed = 5, wake = 6 };
@@ -80,6 +81,8 @@ struct Message {
    u32 tableId = 0;
    u32 kestor = 0;
    std::string name; // see nameAllowed
+   // HELLO, SLEEP and REPORT, as the sequence:
+   u32 resyncs = 0;
 };
 
 /// Up to longestName printable ASCII characters, no blanks. May be empty.

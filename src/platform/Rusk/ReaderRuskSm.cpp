@@ -149,6 +149,7 @@ bool ReaderRuskSm::tell(MessageType type) {
    message.type = type;
    message.sequence = follower_.last();
    if (message.sequence == noSequence) message.sequence = 0;
+   message.resyncs = static_cast<u32>(follower_.resyncs());
    if (send(socket_.get(), message) != Sent::done) return false; // a lost connection is met by reading
    ++counters_.sequencesSent;
    reportedAt_ = Lomi::monotonicTime();
@@ -175,10 +176,8 @@ void ReaderRuskSm::onReadable() {
       if (received != Received::message || !handle(message, woken)) return lost();
    }
    if (welcomed_ && !welcomedBefore) {
-      auto const epoch = epoch_;
-      u64 const before = *epoch;
-      follower_.handleConnect();
-      if (*epoch != before) return; // the object may have ended in it
+      if (woken) walkSoon();
+      return follower_.handleConnect(); // last: it may throw, and the object may end in it
    }
    if (woken) walk();
 }
@@ -276,6 +275,7 @@ bool ReaderRuskSm::tryConnect() {
    hello.tableId = info.tableId;
    hello.kestor = follower_.kestorId().value();
    hello.sequence = follower_.last() == noSequence ? 0 : follower_.last();
+   hello.resyncs = static_cast<u32>(follower_.resyncs());
    hello.name = name_;
    if (send(socket_.get(), hello) != Sent::done) return false;
    ++counters_.sequencesSent;

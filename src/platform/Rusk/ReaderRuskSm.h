@@ -47,6 +47,8 @@ public:
    virtual bool behind() const = 0;
    /// The last sequence taken in, 0 if none. While a sweep runs: its start.
    virtual Sequence last() const = 0;
+   /// How often all slots had to be looked at again since changes may have been missed.
+   virtual u64 resyncs() const { return 0; }
    /// The generation that is followed.
    virtual Parcel::KestorId kestorId() const = 0;
    /// The writer has welcomed this reader.

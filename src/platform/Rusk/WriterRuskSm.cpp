@@ -1,11 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Rusk/WriterRuskSm.h"
 
+#include "Lomi/Fork.h"
 #include "Rusk/TunnetAcceptSm.h"
 
 #include <algorithm>
 #include <atomic>
 #include <sys/epoll.h>
+#include <utility>
 
 namespace Rusk {
 namespace {
@@ -30,6 +32,7 @@ struct WriterRuskSm::Peer {
    std::string name;
    Lomi::Task task{};
    Sequence reported = 0;
+   u32 resyncs = 0;
    Sequence wokenAt = 0; // the tail when it was last sent WAKE
    bool marked = false;  // sleeps, and is to be woken
    Allowance allowance{messagesInASecond, messagesAtOnce};
@@ -56,6 +59,7 @@ Parcel::TunnetInfo WriterRuskSm::tunnetInfo() {
 void WriterRuskSm::doEnableListen() {
    if (listening_ || tunnetInfo().socketName.empty()) return;
    acceptor_->tableIs(tableId_, *this);
+   forks_ = Lomi::forkGeneration();
    listening_ = true;
 }
 
@@ -63,6 +67,7 @@ void WriterRuskSm::disableListen() {
    if (listening_) acceptor_->tableDel(tableId_);
    listening_ = false;
    peers_.clear();
+   publish();
    sleeping_ = 0;
    asleep_ = false;
    acceptor_.reset();
@@ -88,7 +93,8 @@ void WriterRuskSm::join(Socket socket, Credentials const& credentials, Message c
       throw;
    }
    ++counters_.joined;
-   reportIs(peer, hello.sequence, tail_());
+   reportIs(peer, hello, tail_());
+   publish();
    LOMI_TRACE(handler_, 2, "WriterRuskSm", "{} reader \"{}\" joined", rootPath_.str(), hello.name);
    if (answer(peer, MessageType::welcome) == Handled::going) onReadable(peer, messagesInATurn);
 }
@@ -114,19 +120,20 @@ WriterRuskSm::Handled WriterRuskSm::onReadable(Peer& peer, int most) {
 }
 
 WriterRuskSm::Handled WriterRuskSm::handle(Peer& peer, Message const& message) {
-   if (message.type == MessageType::sleep) return handleSleep(peer, message.sequence);
+   if (message.type == MessageType::sleep) return handleSleep(peer, message);
    if (message.type != MessageType::report) return drop(peer, Drop::badMessage);
    if (!peer.allowance.take()) return drop(peer, Drop::tooOften);
-   reportIs(peer, message.sequence, tail_());
+   reportIs(peer, message, tail_());
    return Handled::going;
 }
 
 // E in Protocol.h: one event, since no change can come between the comparison and the mark.
-WriterRuskSm::Handled WriterRuskSm::handleSleep(Peer& peer, Sequence sequence) {
+WriterRuskSm::Handled WriterRuskSm::handleSleep(Peer& peer, Message const& message) {
+   Sequence const sequence = message.sequence;
    if (peer.marked) return drop(peer, Drop::secondSleep);
    if (sequence < peer.wokenAt && !peer.allowance.take()) return drop(peer, Drop::tooOften);
    Sequence const tail = tail_();
-   reportIs(peer, sequence, tail);
+   reportIs(peer, message, tail);
    // A reader that is ahead follows another past of this table. It has to look, too.
    if (sequence != tail) {
       if (sequence > tail && !peer.allowance.take()) return drop(peer, Drop::tooOften);
@@ -141,9 +148,18 @@ WriterRuskSm::Handled WriterRuskSm::handleSleep(Peer& peer, Sequence sequence) {
    return answer(peer, MessageType::armed);
 }
 
-void WriterRuskSm::reportIs(Peer& peer, Sequence sequence, Sequence tail) {
+void WriterRuskSm::reportIs(Peer& peer, Message const& message, Sequence tail) {
    ++counters_.sequencesProcessed;
-   peer.reported = sequence <= tail ? sequence : 0;
+   peer.reported = message.sequence <= tail ? message.sequence : 0;
+   if (std::exchange(peer.resyncs, message.resyncs) != message.resyncs) publish();
+}
+
+void WriterRuskSm::publish() const {
+   // Where it is published may not be mapped in a forked child that ends the object.
+   if (!publish_ || forks_ != Lomi::forkGeneration()) return;
+   u32 resyncs = 0;
+   for (auto const& peer : peers_) resyncs += peer->resyncs;
+   publish_(readers(), resyncs);
 }
 
 WriterRuskSm::Handled WriterRuskSm::answer(Peer& peer, MessageType type) {
@@ -221,6 +237,7 @@ WriterRuskSm::Handled WriterRuskSm::remove(Peer& peer) {
        std::find_if(peers_.begin(), peers_.end(), [&](auto const& one) { return one.get() == &peer; });
    std::swap(*found, peers_.back());
    peers_.pop_back();
+   publish();
    return Handled::gone;
 }
 

@@ -35,6 +35,7 @@ class HOFLOW_EXPORT WriterRuskSm final : public Tessel::Followers {
 public:
    using Tail = std::function<Sequence()>;               ///< last sequence given; private to the writer
    using Generation = std::function<Parcel::KestorId()>; ///< of the table's content
+   using Publish = std::function<void(u32 readers, u32 resyncs)>;
 
    struct Counters {
       u64 wakesSent = 0;
@@ -51,6 +52,10 @@ public:
    ~WriterRuskSm() override;
    WriterRuskSm(WriterRuskSm const&) = delete;
    WriterRuskSm& operator=(WriterRuskSm const&) = delete;
+
+   /// `publish` is called whenever a reader comes or goes, or says that it had to look at all slots again:
+   /// with the readers that are connected, and how often they had to, together. It must not throw.
+   void publishIs(Publish publish) { publish_ = std::move(publish); }
 
    /// Not used by any other table of this process, ever.
    u32 tableId() const { return tableId_; }
@@ -85,9 +90,10 @@ private:
    void join(Socket socket, Credentials const& credentials, Message const& hello);
    Handled onReadable(Peer& peer, int most);
    Handled handle(Peer& peer, Message const& message);
-   Handled handleSleep(Peer& peer, Sequence sequence);
+   Handled handleSleep(Peer& peer, Message const& message);
    Handled answer(Peer& peer, MessageType type);
-   void reportIs(Peer& peer, Sequence sequence, Sequence tail);
+   void reportIs(Peer& peer, Message const& message, Sequence tail);
+   void publish() const;
    // The peer is gone after each of these.
    Handled drop(Peer& peer, Drop why); // for what it did
    Handled leave(Peer& peer);          // of its own accord, or dead
@@ -98,9 +104,11 @@ private:
    std::string const file_;
    Tail const tail_;
    Generation const generation_;
+   Publish publish_;
    u32 const tableId_;
    std::shared_ptr<TunnetAcceptSm> acceptor_;
    bool listening_ = false;
+   std::uint32_t forks_ = 0; ///< when listening began
    std::vector<std::unique_ptr<Peer>> peers_;
    u32 sleeping_ = 0;
    Counters counters_;

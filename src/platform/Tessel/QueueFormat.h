@@ -52,16 +52,19 @@ struct HOFLOW_EXPORT QueueHeader {
                     ///< heed
    u64 corralEnd;   ///< its last sequence; 0 while it runs
    u64 floor;       ///< changes up to this one may be missing
+   // For people alone, as the writer knows it at the moment; as it was at its end if it isn't there any more.
+   u32 followers; ///< that are connected
+   u32 resyncs;   ///< how often these had to look at all slots again, together
 
    u32 checksum() const;
    std::string toString() const;
    /// Checks the constants and, unless `wantedKestor` is 0, the generation. False with the reason in `error`.
    bool validate(Parcel::KestorId wantedKestor, std::string& error) const;
 };
-static_assert(sizeof(QueueHeader) == 88 && offsetof(QueueHeader, kestor) == 12 &&
+static_assert(sizeof(QueueHeader) == 96 && offsetof(QueueHeader, kestor) == 12 &&
                   offsetof(QueueHeader, next) == 32 && offsetof(QueueHeader, generation) == 40 &&
                   offsetof(QueueHeader, base) == 48 && offsetof(QueueHeader, corralStart) == 64 &&
-                  offsetof(QueueHeader, floor) == 80,
+                  offsetof(QueueHeader, floor) == 80 && offsetof(QueueHeader, followers) == 88,
               "offsets are part of the file format");
 inline constexpr u64 headerFileSize = Mem::pageSize_;
 

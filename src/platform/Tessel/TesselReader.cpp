@@ -139,7 +139,7 @@ template <class Slot> WalkResult TesselReader<Slot>::place() {
 template <class Slot> WalkResult TesselReader<Slot>::walk(u32 budget) {
    if (!attached()) return WalkResult::detached;
    u64 const attachment = attachments_;
-   for (; budget != 0; --budget) {
+   for (paused_ = false; budget != 0 && !paused_; --budget) {
       WalkResult const result = placed_ && same(generation_) ? step(attachment) : place();
       if (result != WalkResult::more) return result;
    }

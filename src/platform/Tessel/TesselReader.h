@@ -65,6 +65,8 @@ public:
    WalkResult walk(u32 budget);
    /// Inside doSlot of a walk, or after it threw: the entry counts as taken in, whatever doSlot says.
    void consume() { consumed_ = true; }
+   /// Inside doSlot of a walk: the walk ends behind this entry, as if its budget were used up.
+   void pause() { paused_ = true; }
 
    /// Inside doSlot of a walk: whether the entry still counts. False means that a newer one for its slot, or
    /// for the row that was in it, is on its way or that the place in the queue has to be found again.
@@ -98,6 +100,7 @@ private:
    bool placed_ = false; ///< generation_, base_ and position_ hold
    bool synced_ = false; ///< last_ means something
    bool consumed_ = false;
+   bool paused_ = false;
    u32 generation_ = 0;
    u32 position_ = 0;
    u64 base_ = 0;

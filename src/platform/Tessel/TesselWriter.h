@@ -99,6 +99,10 @@ public:
    /// that is const, and nothing else.
    void longOperationHookIs(std::function<void()> hook) { hook_ = std::move(hook); }
 
+   /// For people who look at the queue's header. Does nothing while detached. May be called at any time, also
+   /// in the middle of a turn.
+   void figuresIs(u32 followers, u32 resyncs);
+
    /// Makes room for changes of the slots below `slots`, for good: after a growth, before a row in a new slot
    /// becomes visible. May be called in steps; fewer than before is a load and a comparison.
    /// @throws Lomi::MemoryResourceException with the queue as it was

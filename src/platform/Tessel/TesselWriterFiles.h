@@ -12,6 +12,7 @@
 #include <fmt/format.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 
 namespace Tessel {
 
@@ -54,6 +55,7 @@ template <class Slot, class Position> int TesselWriter<Slot, Position>::attach(P
       if (beforeFormat_) beforeFormat_();
       format(kestor);
    }
+   figuresIs(0, 0);
    updateChores();
    int const result = kept ? queueExisting : found.any() ? queueReformatted : queueNew;
    LOMI_TRACE(debugHandler(), result == queueReformatted ? 1 : 2, "TesselWriter", "{} {}",
@@ -143,6 +145,13 @@ template <class Slot, class Position> void TesselWriter<Slot, Position>::format(
    limit_ = capacity_ = leastEntries;
    namedSlots_ = 0;
    follow();
+}
+
+template <class Slot, class Position>
+void TesselWriter<Slot, Position>::figuresIs(u32 followers, u32 resyncs) {
+   if (!attached()) return;
+   for (auto const& [word, value] : {std::pair(&header().followers, followers), {&header().resyncs, resyncs}})
+      if (Mem::loadShared(*word) != value) Mem::storeShared(*word, value);
 }
 
 template <class Slot, class Position> void TesselWriter<Slot, Position>::detach() {

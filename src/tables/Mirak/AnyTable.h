@@ -1,12 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 // Tables whose rows' type is known at run time only, for programs that take any table: a row is a pointer,
 // and what it holds is found by its type's name in the registry (Zeb/Registry.h). Each is a reader or a
-// writer of its own and nothing more; who knows the type uses MirakReader and MirakWriter themselves.
+// writer of its own and nothing more; who knows the type uses MirakReader and MirakWriter themselves. Tables
+// that are followed are in AnyFollower.h.
 //
 // One thread an object. A pointer to a row is good until the next call.
 #pragma once
 
 #include "Lomi/Util.h"
+#include "Mirak/AnyFollower.h"
 #include "Mirak/MirakReader.h"
 #include "Mirak/MirakWriter.h"
 #include "Mirak/SlotTable.h"
@@ -76,11 +78,15 @@ struct TableType {
    std::string (*mismatch)(SlotTableHeader const& header); ///< empty if the header is of this type
    /// The order of two rows' keys.
    bool (*keyLess)(void const* rowA, void const* rowB);
+   /// A hash of a row's key, the same in all tables.
+   u32 (*keyHash)(void const* row);
    /// The handler is to outlive the table. Neither touches a file.
    std::unique_ptr<AnyReader> (*makeReader)(Lomi::Platform::DebugHandler const& handler,
                                             std::string const& name);
    std::unique_ptr<AnyWriter> (*makeWriter)(Lomi::Platform::DebugHandler const& handler,
                                             std::string const& name, MapDescriptor const& descriptor);
+   /// Null where the rows' type has no change queue. The client is to outlive the follower.
+   std::unique_ptr<AnyFollower> (*makeFollower)(std::string const& name, AnyFollower::Client& client);
 };
 
 // --- how they are made ---
@@ -199,11 +205,17 @@ template <class Ops> TableType tableTypeOf() {
        Ops::hasChangeQueue,
        [](SlotTableHeader const& header) { return SlotTable<Ops>::typeMismatch(header); },
        [](void const* a, void const* b) { return valueAt<Value>(a).fwkKey() < valueAt<Value>(b).fwkKey(); },
+       [](void const* row) { return Ops().hash(valueAt<Value>(row).fwkKey()); },
        [](Lomi::Platform::DebugHandler const& handler, std::string const& name)
            -> std::unique_ptr<AnyReader> { return std::make_unique<AnyReaderOf<Ops>>(handler, name); },
        [](Lomi::Platform::DebugHandler const& handler, std::string const& name,
           MapDescriptor const& descriptor) -> std::unique_ptr<AnyWriter> {
           return std::make_unique<AnyWriterOf<Ops>>(handler, name, descriptor);
+       },
+       []([[maybe_unused]] std::string const& name,
+          [[maybe_unused]] AnyFollower::Client& client) -> std::unique_ptr<AnyFollower> {
+          if constexpr (Ops::hasChangeQueue) return std::make_unique<AnyFollowerOf<Ops>>(name, client);
+          return nullptr;
        }};
 }
 

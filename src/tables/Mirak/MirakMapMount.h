@@ -289,6 +289,8 @@ template <class Ops> void MirakMap<Ops>::notAttached(std::unique_ptr<BackEnd> fa
       end(std::move(fallback));
    } else {
       backIs(std::move(fallback));
+      if (mounter_ && !std::exchange(mounter_->enabled, 1)) // it ended a flush, for which the sentry was off
+         mounter_->event(eventFlushComplete_, false);
    }
    if (damaged && mounter_) mounter_->event(eventCorruption_, false);
 }

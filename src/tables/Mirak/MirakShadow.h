@@ -125,6 +125,7 @@ template <class Ops> bool MirakShadow<Ops>::initialize(std::string const& event)
       this->initializedIs(true);
       syncer_.forceSyncCompletion();
       this->initializedIs(false);
+      if (flushing_) return false; // a callback out of one that is being forced: it goes on behind this call
    }
    if (this->initialized()) {
       maybeConnect();
@@ -199,18 +200,18 @@ template <class Ops> bool MirakShadow<Ops>::doSlot(Tessel::BasicSlot slot, Rusk:
    return taken;
 }
 
-/// Each callback may end the mount; what is left to do here is only for one that stands.
+/// Each callback may end the mount, or throw: what must be done is done before the first. The walk itself
+/// begins in the loop.
 template <class Ops> void MirakShadow<Ops>::syncComplete() {
    counters_.syncSequence = sequence_;
    counters_.sequence = sequence_;
    LOMI_TRACE(debugHandler(), 1, "MirakShadow", "Synchronization complete, seq:{}", sequence_);
+   maybeEnableTessel();
    if (!std::exchange(synced_, true)) {
       owner_.callbacksLive();
       notify_.mountStatusFn();
    }
-   if (!this->initialized()) return;
-   maybeEnableTessel();
-   handleQuiesced(quiesced());
+   if (this->initialized()) handleQuiesced(quiesced());
 }
 
 template <class Ops> void MirakShadow<Ops>::handleDisconnect() {
@@ -230,6 +231,7 @@ template <class Ops> void MirakShadow<Ops>::corruptionDetected(std::string const
 template <class Ops> void MirakShadow<Ops>::notifyingIs(bool notifying) {
    LOMI_TRACE(debugHandler(), 5, "MirakShadow", "notifying:{}", notifying);
    notifying_ = notifying;
+   if (!notifying) tesselReader_.pause();
    syncer_.notifyingIs(notifying);
    rusk_.notifyingIs(notifying);
 }

@@ -98,6 +98,7 @@ protected:
 private:
    Rusk::Walked walk() override;
    bool behind() const override { return !tesselReader_.quiesced(); }
+   u64 resyncs() const override { return resyncs_; }
    Rusk::Sequence last() const override { return syncer_.done() ? tesselReader_.last() : sequence_; }
    void handleConnect() override { handleReturn(); }
    bool doSweepSlot(u32 slot, SyncerMode mode) override;

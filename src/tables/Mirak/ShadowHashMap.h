@@ -49,7 +49,7 @@ public:
    /// be the same as before. A key that stands in another slot has moved: that slot becomes dead.
    /// @param updated whether the slot's row is another one than before
    /// @return whether the row of that key is new or has changed
-   /// @throws Lomi::MemoryResourceException; the entry is in then, and the map goes on with longer chains
+   /// @throws Lomi::MemoryResourceException; nothing has changed then
    bool write(u32 slotIndex, Slot& slot, bool updated);
    /// Takes a slot out of its chain. @return false: it was dead
    bool remove(u32 slotIndex, Slot& slot);
@@ -75,6 +75,15 @@ private:
    u32 indexOf(Slot const& slot) const { return static_cast<u32>(&slot - slots_); }
    static bool before(Slot const& slot, u32 hash, Key const& key) {
       return slot.hash != hash ? slot.hash < hash : slot.rowKey() < key;
+   }
+   /// What points, or would, to the first entry that doesn't stand before that one.
+   Slot** placeOf(u32 hash, Key const& key) const {
+      Slot** at = &buckets_[bucketOf(hash)];
+      while (*at && before(**at, hash, key)) at = &(*at)->next;
+      return at;
+   }
+   static bool isAt(Slot const* slot, u32 hash, Key const& key) {
+      return slot && slot->hash == hash && slot->rowKey() == key;
    }
    static void link(Slot** at, Slot& slot, Slot* following) {
       slot.prev = at;
@@ -115,14 +124,17 @@ template <class Slot> bool ShadowHashMap<Slot>::write(u32 slotIndex, Slot& slot,
    }
    Key const& key = slot.rowKey();
    slot.hash = hashOf(key);
-   Slot** at = &buckets_[bucketOf(slot.hash)];
-   while (*at && before(**at, slot.hash, key)) at = &(*at)->next;
-   Slot* const found = *at;
-   if (found && found->hash == slot.hash && found->rowKey() == key) return replace(*found, slotIndex, slot);
-   link(at, slot, found);
+   Slot** at = placeOf(slot.hash, key);
+   if (isAt(*at, slot.hash, key)) return replace(**at, slotIndex, slot);
+   // Grown before the entry is in: where there is no memory, a later call finds it new.
+   if (counters_.members >= numBuckets_ << loadShift_) {
+      grow();
+      at = placeOf(slot.hash, key);
+   }
+   link(at, slot, *at);
    LOMI_TRACE(debugHandler(), 8, "ShadowHashMap", "{}", "value inserted");
    slotCounters_.add(slotIndex);
-   if (++counters_.members > numBuckets_ << loadShift_) grow();
+   ++counters_.members;
    return true;
 }
 
@@ -176,9 +188,8 @@ template <class Slot> Slot* ShadowHashMap<Slot>::next(Key const& key, Slot const
       return hint->next ? hint->next : first(bucketOf(hint->hash) + 1);
    ++counters_.nextSlowPath;
    u32 const hash = hashOf(key);
-   Slot* slot = buckets_[bucketOf(hash)];
-   while (slot && before(*slot, hash, key)) slot = slot->next;
-   if (slot && slot->hash == hash && slot->rowKey() == key) slot = slot->next;
+   Slot* slot = *placeOf(hash, key);
+   if (isAt(slot, hash, key)) slot = slot->next;
    return slot ? slot : first(bucketOf(hash) + 1);
 }
 

@@ -21,10 +21,12 @@ namespace Mirak::Util {
 
 namespace {
 std::atomic<bool> strict{false};
+std::atomic<bool> markers{true};
 }
 
 void writeCorruptionFile(Lomi::Platform::DebugHandler const& handler, std::string const& directory,
                          std::string const& error) {
+   if (!markers) return;
    std::string const path = directory + "/" + corruptionFileName;
    // O_NONBLOCK: opening a pipe of that name must not wait, nor may the text go into one.
    Mem::Descriptor const file(
@@ -102,6 +104,8 @@ bool runningOnPhysicalDut() {
    constexpr unsigned hypervisorPresent = 1u << 31;
    return __get_cpuid(1, &a, &b, &c, &d) && !(c & hypervisorPresent);
 }
+
+void corruptionMarkersIs(bool leave) { markers = leave; }
 
 bool strictValidation() { return strict; }
 void strictValidationIs(bool on) { strict = on; }

@@ -17,8 +17,8 @@ using Mem::u64;
 
 using Mem::corruptionFileName;
 
-/// Leaves a marker with the reason beside a table that a reader found damaged. Silent where it may not write:
-/// a reader needs no more than read rights.
+/// Leaves a marker with the reason beside a table that was found damaged. Silent where it may not write: a
+/// reader needs no more than read rights.
 void writeCorruptionFile(Lomi::Platform::DebugHandler const& handler, std::string const& directory,
                          std::string const& error);
 /// Tells damage of a table that was opened as generation `kestor` from its being formatted anew meanwhile:
@@ -26,6 +26,8 @@ void writeCorruptionFile(Lomi::Platform::DebugHandler const& handler, std::strin
 /// marker if it is damage
 bool isDamage(Lomi::Platform::DebugHandler const& handler, Mem::NaoRootPath const& rootPath,
               Parcel::KestorId kestor, std::string const* reason);
+/// Whether this process leaves markers. True unless set; a program that only looks says false.
+HOFLOW_EXPORT void corruptionMarkersIs(bool leave);
 /// Removes the marker, if there is one.
 void removeCorruptionFile(Mem::NaoRootPath const& rootPath);
 /// Removes a file of the table's directory, if it is there.

@@ -43,6 +43,7 @@ public:
       , ruskSm(
             handler, rootPath, file, [this] { return tesselWriter.tail(); }, std::move(kestor)) {
       tesselWriter.followersIs(&ruskSm);
+      ruskSm.publishIs([this](u32 readers, u32 resyncs) { tesselWriter.figuresIs(readers, resyncs); });
       tesselWriter.longOperationHookIs([&criticalTaskCheck] {
          if (criticalTaskCheck) Lomi::TaskSchedulerRoot::root().runCriticalPriorityTasks();
       });
