@@ -32,8 +32,17 @@ public:
       : writer_((testRoot(), std::filesystem::remove_all(testRoot() + "/stored"), newWriter("stored")))
       , reader_(quiet(), "stored", {}, &counters)
       , store((reader_.initialize("test"), quiet()), reader_, counters, queue, notify, true) {
-      notify.changeFn = [this](R const& row) { hear("row " + row.str()); };
-      notify.keyFn = [this](Key const& key) { hear("key " + key.str()); };
+      // What they were given outlives whatever their client does first.
+      notify.changeFn = [this](R const& row) {
+         std::string const text = "row " + row.str();
+         hear(text);
+         EXPECT_EQ(text, "row " + row.str());
+      };
+      notify.keyFn = [this](Key const& key) {
+         std::string const text = "key " + key.str();
+         hear(text);
+         EXPECT_EQ(text, "key " + key.str());
+      };
       notify.keyDelFn = [this](Key const& key) { hear("gone " + key.str()); };
       EXPECT_TRUE(store.initialize());
    }
@@ -188,6 +197,9 @@ TYPED_TEST(ShadowStoreTest, CallbacksReadTheChangeInProgress) {
    std::vector<u32> seen;
    R const* kept = nullptr;
    copy.inCall = [&](std::string const&) {
+      if (copy.get(1) == 0 && seen.empty()) {
+         EXPECT_EQ(copy.store.getCacheVersionAnchor().offset, Mem::anchorUnset);
+      }
       for (u32 const number : {1, 2, 3}) seen.push_back(copy.get(number));
       bool found;
       kept = copy.store.lookup(keyOf(2), found, nullptr);
@@ -197,8 +209,8 @@ TYPED_TEST(ShadowStoreTest, CallbacksReadTheChangeInProgress) {
    copy.change(slot, 3);
    EXPECT_EQ(seen, (std::vector<u32>{0, 0, 1, 0, 2, 1}));
    // While a key is removed, each other one is looked for in the index; while a row is entered, too.
-   EXPECT_EQ(copy.counters.pendingLookupHits - before.pendingLookupHits, 1u + 2u);
-   EXPECT_EQ(copy.counters.pendingLookupMisses - before.pendingLookupMisses, 3u + 2u);
+   EXPECT_EQ(copy.counters.pendingLookupHits - before.pendingLookupHits, 2u + 2u);
+   EXPECT_EQ(copy.counters.pendingLookupMisses - before.pendingLookupMisses, 3u + 3u);
    // What a lookup in a callback returned stays what it was over another slot's change.
    ASSERT_NE(kept, nullptr);
    EXPECT_EQ(kept->generation(), 2u);

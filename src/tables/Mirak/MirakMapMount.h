@@ -100,10 +100,11 @@ public:
       map_.mounting_ = false;
       if (done_) return;
       map_.dropMounter();
-      map_.end(map_.exchangeBack(std::move(back_)));
+      auto failed = map_.exchangeBack(std::move(back_));
       map_.descriptor = descriptor_;
       map_.debugHandler = debugHandler_;
       map_.initialized_ = false;
+      letGo(std::move(failed));
       if (notifyWasLive_) map_.callbacksLive();
    }
    Mounting(Mounting const&) = delete;
@@ -115,6 +116,15 @@ public:
    }
 
 private:
+   /// A shadow stands already where its client threw when it was told of the mount.
+   void letGo(std::unique_ptr<BackEnd> failed) {
+      try {
+         if (failed && failed->callsBack()) failed->detach(true);
+      } catch (...) { // what made the mount fail is on its way
+      }
+      map_.end(std::move(failed));
+   }
+
    MirakMap& map_;
    MapDescriptor const descriptor_;
    std::shared_ptr<Lomi::Platform::DebugHandler> const debugHandler_;
@@ -155,7 +165,8 @@ template <class Ops> void MirakMap<Ops>::cleanupBeforeInit() {
 }
 
 template <class Ops> bool MirakMap<Ops>::alreadyMounted(MapDescriptor const& wanted) const {
-   if (!initialized_ && !mounting_) return false;
+   // In a callback of controlDetach() of a collection that isn't mounted nothing is mounted.
+   if (!initialized_ && !mounting_) return detaching_;
    if (descriptor == wanted) {
       LOMI_TRACE(*debugHandler, 5, "MirakMap", "name:{} already initialized, new {}", name, wanted);
       return true;
@@ -260,17 +271,22 @@ template <class Ops> void MirakMap<Ops>::attach(std::string const& event) {
       fallback = exchangeBack(std::move(fresh));
    }
    LOMI_TRACE(*debugHandler, 2, "MirakMap", "attempting to attach {} as {}", rootPath().str(), modeStr());
-   u64 const changes = backChanges_;
+   BackEnd const* const tried = back_.get();
+   u64 const ended = mountsEnded_;
    bool works = false;
    try {
       back_->yieldTimeIs(yieldTime_);
       back_->notifyingIs(notifying_);
       works = back_->initialize(event);
    } catch (...) {
-      if (backChanges_ == changes) notAttached(std::move(fallback));
+      if (back_.get() == tried) notAttached(std::move(fallback));
       throw;
    }
-   if (backChanges_ != changes) return retire(std::move(fallback)); // the client let go in a callback
+   if (back_.get() != tried) return retire(std::move(fallback)); // the client let go in a callback
+   if (mountsEnded_ != ended) { // in one of the flush that this attach has ended
+      back_->detach(true);
+      return backIs(std::move(fallback));
+   }
    if (!works) return notAttached(std::move(fallback));
    LOMI_TRACE(*debugHandler, 2, "MirakMap", "{}", "successful");
    if (mounter_) mounter_->enabled = 1; // perhaps it ended a flush, for which the sentry was off

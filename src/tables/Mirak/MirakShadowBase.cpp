@@ -46,7 +46,6 @@ void MirakShadowBase::detachTessel() {
    rusk_.detach();
    syncer_.cancel();
    tesselReader_.detach();
-   walkingSince_ = 0;
 }
 
 /// Rows that are in the table now lie in slots that are mapped now; later ones are announced behind start.

@@ -46,14 +46,13 @@ bool ShadowStore<Slot>::doSlot(Tessel::BasicSlot slotIndex, Rusk::Sequence seq, 
    bool const found = fetch(slotIndex, row);
    Mem::VersionAnchor const anchor = *readerAnchor_;
 
-   Slot* slot = &slots_[slotIndex];
+   Slot* const slot = &slots_[slotIndex]; // stays there while the store is enabled and the row found
    bool const live = !slot->dead();
    bool const same = live && found && slot->rowKey() == Ops::key(row);
    if (live && !same) {
       // The queue is asked after the slot was read: so a compaction that has moved the row is noticed.
       if (!stillCounts(seq)) return false;
       if (seq != Rusk::noSequence) counters_.sequence = seq;
-      if (!found) queue_.consume();
       Key const oldKey = slot->rowKey();
       drop(slotIndex, oldKey);
       if (!enabled_) return true;
@@ -63,7 +62,6 @@ bool ShadowStore<Slot>::doSlot(Tessel::BasicSlot slotIndex, Rusk::Sequence seq, 
    }
    if (!found) return true;
 
-   slot = &slots_[slotIndex];
    bool const updated = !(same && compare && slot->holds(row));
    if (updated) slot->take(row);
    if constexpr (Slot::keepsValue) {

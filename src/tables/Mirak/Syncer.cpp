@@ -94,21 +94,17 @@ Syncer::Took Syncer::one() {
       return Took::last;
    }
    u64 const sweep = sweep_;
-   u32 const slot = position_;
-   // A slot that is emptied is done with; a nested completion goes on behind it.
-   if (mode_ == SyncerMode::flush) ++position_;
    consumed_ = false;
    bool taken = false;
    try {
-      taken = sweeper_.doSweepSlot(slot, mode_);
+      taken = sweeper_.doSweepSlot(position_, mode_);
    } catch (...) {
-      if (sweep == sweep_ && consumed_ && position_ == slot) ++position_;
+      if (sweep == sweep_ && consumed_) ++position_;
       throw;
    }
    if (sweep != sweep_ || done_) return Took::last;
-   if (mode_ == SyncerMode::flush) return Took::slot;
    if (!taken) return Took::nothing;
-   if (position_ == slot) ++position_;
+   ++position_;
    return Took::slot;
 }
 
