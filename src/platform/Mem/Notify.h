@@ -3,7 +3,7 @@
 // thread that owns the collection.
 //
 // A callback may use the collection, detach it and mount it again. It must not be empty, so each has a
-// default that does nothing, and it must not destroy the collection.
+// default that does nothing; it must not destroy the collection, and not run the loop.
 #pragma once
 
 #include <functional>

@@ -65,17 +65,17 @@ struct Counters {
    u32 shadowBucketShrinks = 0;
    u32 shadowSlotGrows = 0;
    u32 shadowSlotShrinks = 0;
-   u32 shadowPatches = 0;         ///< moves of the local slots in memory
-   u32 shadowKeyMismatches = 0;   ///< a shared slot no longer held the key of the local one
-   u32 shadowWrites = 0;          ///< rows taken in
-   u32 shadowKeyMoves = 0;        ///< of these, found in another slot than before
-   u32 pendingLookupHits = 0;     ///< lookups answered from the change in progress
-   u32 pendingLookupMisses = 0;   ///< lookups of other keys meanwhile
-   u32 failedNotifications = 0;   ///< queue entries that no longer counted when they were met
-   u64 sequencesSent = 0;         ///< messages to the writer of how far the copy is
-   u64 shadowMappedSize = 0;      ///< bytes of private memory; filled in by readerCounters()
-   u64 kestorMappedSize = 0;      ///< filled in by readerCounters()
-   u64 queueBytesMapped = 0;      ///< filled in by readerCounters()
+   u32 shadowPatches = 0;       ///< moves of the local slots in memory
+   u32 shadowKeyMismatches = 0; ///< a shared slot no longer held the key of the local one
+   u32 shadowWrites = 0;        ///< rows taken in
+   u32 shadowKeyMoves = 0;      ///< of these, found in another slot than before
+   u32 pendingLookupHits = 0;   ///< lookups answered from the change in progress
+   u32 pendingLookupMisses = 0; ///< lookups of other keys meanwhile
+   u32 failedNotifications = 0; ///< queue entries that no longer counted when they were met
+   u64 sequencesSent = 0;       ///< messages to the writer of how far the copy is
+   u64 shadowMappedSize = 0;    ///< bytes of private memory; filled in by readerCounters()
+   u64 kestorMappedSize = 0;    ///< filled in by readerCounters()
+   u64 queueBytesMapped = 0;    ///< filled in by readerCounters()
 };
 } // namespace Reader
 

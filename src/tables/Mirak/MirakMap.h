@@ -25,7 +25,7 @@
 // Callbacks to the client (notify) may call anything here, also controlDetach() and init(). After each of
 // them the operation that called looks whether it still stands on the same back end, and ends if not; so a
 // client that lets go in a callback hears nothing more of what was going on. They must not destroy the
-// collection.
+// collection, and not run the loop: what is let go is deleted from there.
 //
 // One thread, the owner's; the sentry's calls come on it, too, from its Lomi::TaskSchedulerRoot.
 #pragma once

@@ -16,6 +16,7 @@
 #include "Mirak/MirakMap.h"
 
 #include <cstdlib>
+#include <exception>
 
 namespace Mirak {
 
@@ -85,7 +86,7 @@ auto MirakMap<Ops>::createDefaultLocalWriter(Lomi::Platform::DebugHandler const&
 
 // --- init ---
 
-/// All or nothing: unless done() was said, its end puts back what was there before init().
+/// All or nothing: done(), or undo(), which puts back what was there before init().
 template <class Ops> class MirakMap<Ops>::Mounting {
 public:
    Mounting(MirakMap& map, MapDescriptor const& wanted)
@@ -96,9 +97,13 @@ public:
       , back_(map.exchangeBack(nullptr)) {
       map_.mounting_ = true;
    }
-   ~Mounting() {
+   ~Mounting() { map_.mounting_ = false; }
+   Mounting(Mounting const&) = delete;
+   Mounting& operator=(Mounting const&) = delete;
+
+   void done() { map_.retire(std::move(back_)); }
+   void undo() {
       map_.mounting_ = false;
-      if (done_) return;
       map_.dropMounter();
       auto failed = map_.exchangeBack(std::move(back_));
       map_.descriptor = descriptor_;
@@ -106,13 +111,6 @@ public:
       map_.initialized_ = false;
       letGo(std::move(failed));
       if (notifyWasLive_) map_.callbacksLive();
-   }
-   Mounting(Mounting const&) = delete;
-   Mounting& operator=(Mounting const&) = delete;
-
-   void done() {
-      done_ = true;
-      map_.retire(std::move(back_));
    }
 
 private:
@@ -130,7 +128,6 @@ private:
    std::shared_ptr<Lomi::Platform::DebugHandler> const debugHandler_;
    bool const notifyWasLive_;
    std::unique_ptr<BackEnd> back_;
-   bool done_ = false;
 };
 
 template <class Ops> void MirakMap<Ops>::init(Mem::CollectionDescriptor const& given) {
@@ -144,12 +141,19 @@ template <class Ops> void MirakMap<Ops>::init(Mem::CollectionDescriptor const& g
    checkDescriptor(wanted);
 
    Mounting mounting(*this, wanted);
-   deferCallbacks();
-   debugHandler = Lomi::Platform::getDebugHandler(Lomi::Util::traceHandleName(name, traceName, false), true);
-   LOMI_ASSERT(!mounter_, *debugHandler, "{}", "Mirak mounter should not exist");
-   LOMI_ASSERT(!wanted.prevValue, *debugHandler, "{}",
-               "prevValue mount-time option enabled without prevValueSupport ZEBO attribute enabled");
-   bool const mounted = wanted.local || wanted.type == MirakType::writer ? mountWriter() : mountReader();
+   bool mounted = false;
+   try {
+      deferCallbacks();
+      debugHandler =
+          Lomi::Platform::getDebugHandler(Lomi::Util::traceHandleName(name, traceName, false), true);
+      LOMI_ASSERT(!mounter_, *debugHandler, "{}", "Mirak mounter should not exist");
+      LOMI_ASSERT(!wanted.prevValue, *debugHandler, "{}",
+                  "prevValue mount-time option enabled without prevValueSupport ZEBO attribute enabled");
+      mounted = wanted.local || wanted.type == MirakType::writer ? mountWriter() : mountReader();
+   } catch (...) {
+      mounting.undo(); // here, and not on the way out: a client that is told of a flush may write its tables
+      throw;
+   }
    mounting.done();
    if (!mounted) return; // let go again by the client, in a callback
    initialized_ = true;
@@ -257,6 +261,7 @@ template <class Ops> auto MirakMap<Ops>::newBackEnd(std::string const& event) ->
 
 template <class Ops> void MirakMap<Ops>::attach(std::string const& event) {
    LOMI_ASSERT(mode() != MirakType::writer, *debugHandler, "{}", "invoked for a writer");
+   if (detaching_) return; // a back end that came now would outlive its mount
    bool const sameShadow = isFollower(mode()) && back().type() == MirakType::shadow;
    std::unique_ptr<BackEnd> fallback;
    if (sameShadow) {
@@ -336,23 +341,28 @@ template <class Ops> void MirakMap<Ops>::tryAttach() const {
 
 template <class Ops> void MirakMap<Ops>::detach(bool force) {
    LOMI_TRACE(*debugHandler, 1, "MirakMap", "{}", Mem::NaoRootPath(*debugHandler, name, true).str());
-   // A flush calls the client, who may let go altogether; then it has been told of it.
+   // A flush calls the client, who may let go altogether; then it has been told of it. What it throws there
+   // goes on when the back end is gone and the rest has been told.
    auto const letGo = [this, before = mountsEnded_] { return mountsEnded_ != before; };
-   u64 changes = backChanges_;
-   if (back_) back_->detach(force);
-   if (backChanges_ == changes) {
-      bool const flushing = back_ && back_->mountStatus() == Mem::MountStatus::flushing;
-      if (flushing && mounter_)
-         mounter_->enabled = 0;
-      else
-         installDummy();
+   BackEnd const* const leaving = back_.get();
+   std::exception_ptr thrown;
+   try {
+      if (back_) back_->detach(force);
+   } catch (...) {
+      thrown = std::current_exception();
    }
-   changes = backChanges_;
-   if (letGo()) return;
-   notify.quiescedFn(false);
-   if (letGo() || backChanges_ != changes) return;
-   notify.mountStatusFn();
-   if (mounter_) mounter_->onDetach();
+   if (back_.get() == leaving) {
+      bool const flushing = back_ && back_->mountStatus() == Mem::MountStatus::flushing;
+      if (mounter_) mounter_->enabled = !flushing; // a detach in a callback of this one may have found it so
+      if (!flushing || !mounter_) installDummy();
+   }
+   u64 const changes = backChanges_;
+   if (!letGo()) notify.quiescedFn(false);
+   if (!letGo() && backChanges_ == changes) {
+      notify.mountStatusFn();
+      if (mounter_) mounter_->onDetach();
+   }
+   if (thrown) std::rethrow_exception(thrown);
 }
 
 template <class Ops> void MirakMap<Ops>::flushComplete(BackEnd const& flushed) {

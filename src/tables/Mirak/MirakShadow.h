@@ -126,6 +126,7 @@ template <class Ops> bool MirakShadow<Ops>::initialize(std::string const& event)
       syncer_.forceSyncCompletion();
       this->initializedIs(false);
       if (flushing_) return false; // a callback out of one that is being forced: it goes on behind this call
+      if (&owner_.back() != this) return false; // let go in one; nobody would ever detach it again
    }
    if (this->initialized()) {
       maybeConnect();

@@ -198,6 +198,7 @@ template <class Slot> bool ShadowStore<Slot>::initialize() {
 
 template <class Slot> void ShadowStore<Slot>::disable() {
    enabled_ = false;
+   pendingValue_ = nullptr; // it may lie in a slot
    shrink(0);
 }
 

@@ -131,6 +131,7 @@ template <class Slot> void ShadowStore<Slot>::doFlushSlot(u32 slotIndex) {
    if (slotIndex >= numSlots_ || slots_[slotIndex].dead()) return;
    Key const key = slots_[slotIndex].rowKey();
    LOMI_TRACE(debugHandler(), 9, "ShadowStore", "slotIndex {} key:{}", slotIndex, keyText(key));
+   pendingValue_ = nullptr; // a flush out of a change's callback ends that change
    hashMap_.remove(slotIndex, slots_[slotIndex]);
    if (notifyOnFlush_) notify_.keyDelFn(key);
 }
