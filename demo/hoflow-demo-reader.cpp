@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// A reader process of the demo: it reads both counter tables again and again until SIGTERM, and judges what it
-// reads. `lookup` looks up every key that it has ever seen, `walk` walks the tables from end to end.
+// A reader process of the demo: it reads both counter tables again and again until SIGTERM, and judges what
+// it reads. `lookup` looks up every key that it has ever seen, `walk` walks the tables from end to end.
 //
 // While a table is of one generation its writer only adds rows and adds to their counts. So a key that was
 // there must be there, its counts must not fall, and no walk may pass a row twice: each breach is an anomaly.

@@ -45,11 +45,14 @@ void addNumber(CLI::App& app, std::string const& option, double& number, char co
 }
 
 void addOptions(CLI::App& app, Options& options) {
-   auto* const source = app.add_option_group("source")->require_option(1);
-   source->group(""); // its options stand with the others
-   source->add_option("CAPTURE", options.capture, "a pcap or pcapng file, or - for standard input");
-   source->add_option("-i,--interface", options.interface, "a network interface instead, until it is stopped")
-       ->type_name("NAME");
+   auto* const capture =
+       app.add_option("CAPTURE", options.capture, "a pcap or pcapng file, or - for standard input");
+   app.add_option("-i,--interface", options.interface, "a network interface instead, until it is stopped")
+       ->type_name("NAME")
+       ->excludes(capture);
+   app.callback([&options] {
+      if (options.source().empty()) throw CLI::RequiredError("CAPTURE or --interface");
+   });
    app.add_option("--root", options.root, "folder below which tables lie; default /dev/shm/hoflow")
        ->envname("HOFLOW_ROOT")
        ->type_name("DIR")
