@@ -62,11 +62,15 @@ bool Output::waitForRoom() const {
 void Output::flush() {
    std::size_t done = 0;
    while (done < buffer_.size()) {
-      // A pipe that has room has it for PIPE_BUF bytes at least: a write of no more doesn't wait.
-      std::size_t const left = buffer_.size() - done;
-      if (stop_ >= 0 && !waitForRoom()) break;
-      ssize_t const wrote = write(STDOUT_FILENO, buffer_.data() + done,
-                                  stop_ >= 0 ? std::min<std::size_t>(left, PIPE_BUF) : left);
+      std::string_view part(buffer_.data() + done, buffer_.size() - done);
+      if (stop_ >= 0) {
+         if (!waitForRoom()) break;
+         // A pipe that has room has it for PIPE_BUF bytes at least: a write of no more doesn't wait, and is
+         // done as a whole. Whole lines, since the next write may be given up.
+         part = part.substr(0, PIPE_BUF);
+         if (auto const end = part.rfind('\n'); end != part.npos) part = part.substr(0, end + 1);
+      }
+      ssize_t const wrote = write(STDOUT_FILENO, part.data(), part.size());
       if (wrote < 0 && errno == EINTR) continue;
       if (wrote < 0) {
          int const why = errno;
