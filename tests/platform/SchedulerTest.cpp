@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <chrono>
 #include <sys/epoll.h>
 #include <thread>
@@ -114,6 +115,27 @@ TEST(Scheduler, MissedBeatsAreNotMadeUpFor) {
       root.dispatch();
       EXPECT_GE(beats, 1);
       EXPECT_LE(beats, 5);
+   });
+}
+
+// Tasks without end, each of a few milliseconds: whoever dispatches gets the processor back, and all go on.
+TEST(Scheduler, ARoundEndsThoughThereIsWork) {
+   inThread([] {
+      auto& root = TaskSchedulerRoot::root();
+      std::array<int, 40> ran{};
+      std::array<Lomi::Task, 40> tasks;
+      std::function<void(std::size_t)> again = [&](std::size_t n) {
+         tasks[n] = root.deferredTask([&, n] {
+            spin(0.005);
+            ++ran[n];
+            again(n);
+         });
+      };
+      for (std::size_t n = 0; n < tasks.size(); ++n) again(n);
+      EXPECT_TRUE(root.dispatch());
+      EXPECT_GT(ran.front(), 0);
+      EXPECT_EQ(ran.back(), 0) << "all 40 of 5 ms in one round of 50 ms";
+      EXPECT_TRUE(driveUntil([&] { return ran.back() > 1; }));
    });
 }
 

@@ -9,6 +9,7 @@
 #include "Lomi/Fork.h"
 #include "Lomi/PerThread.h"
 #include "Lomi/Trace.h"
+#include "Lomi/Util.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -77,12 +78,14 @@ public:
       if (sd_event_get_state(event_) == SD_EVENT_PENDING) raise();
    }
 
-   // Runs what is ready now, at most `limit` tasks, and arms again.
+   // Runs what is ready now, at most `limit` events, and arms again. Whoever calls has other work: a round
+   // that has taken its time begins no further task, and those that are left make the descriptor readable.
    bool dispatchAll(int limit) {
       if (running_) return false;
       running_ = true;
+      roundEnds_ = monotonicTime() + roundTime;
       auto const before = calls_;
-      for (int i = 0; i < limit; ++i) {
+      for (int i = 0; i < limit && !roundIsOver(); ++i) {
          if (sd_event_get_state(event_) == SD_EVENT_INITIAL) sd_event_prepare(event_);
          if (sd_event_get_state(event_) == SD_EVENT_ARMED) sd_event_wait(event_, 0);
          if (sd_event_get_state(event_) != SD_EVENT_PENDING || sd_event_dispatch(event_) < 0) break;
@@ -119,6 +122,10 @@ public:
    void ownerGone() { count_ = nullptr; }
 
 private:
+   static constexpr double roundTime = 0.05; // seconds
+
+   bool roundIsOver() const { return monotonicTime() >= roundEnds_; }
+
    static void logFailure() {
       static auto const handler = Platform::getDebugHandler("TaskScheduler", true);
       try {
@@ -134,13 +141,15 @@ private:
       std::uint64_t count;
       [[maybe_unused]] auto const got = ::read(fd, &count, sizeof(count));
       auto& loop = *static_cast<Loop*>(self);
-      // Those that are deferred from here on wait for the next round.
-      for (auto left = loop.deferred_.size(); left > 0 && !loop.deferred_.empty(); --left) {
+      // Those that are deferred from here on wait for the next turn.
+      auto left = loop.deferred_.size();
+      for (bool over = false; left > 0 && !loop.deferred_.empty() && !over; --left) {
          auto const task = std::move(loop.deferred_.front());
          loop.deferred_.pop_front();
          if (!task->live) continue;
          task->end();
          loop.call(*task, 0);
+         over = loop.roundIsOver();
       }
       if (!loop.deferred_.empty()) loop.raise();
       return 0;
@@ -152,6 +161,7 @@ private:
    int raised_ = -1;
    bool running_ = false;
    std::uint64_t calls_ = 0;
+   double roundEnds_ = 0;
    std::exception_ptr failure_;
    std::deque<std::shared_ptr<TaskState>> deferred_;
 };

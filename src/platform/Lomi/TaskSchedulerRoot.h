@@ -54,7 +54,7 @@ public:
    /// Readable whenever dispatch() has something to do. Owned by the root, valid as long as its thread.
    int fd();
 
-   /// Runs what is ready, critical tasks first, and doesn't wait. True if anything ran.
+   /// Runs what is ready, critical tasks first, and doesn't wait. Begins none after 50 ms. True if any ran.
    bool dispatch();
    /// Waits up to `timeout` seconds (below 0: without limit) until something is ready, and dispatches it.
    bool run(double timeout);
