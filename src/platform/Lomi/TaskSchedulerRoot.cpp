@@ -85,7 +85,7 @@ public:
       running_ = true;
       roundEnds_ = monotonicTime() + roundTime;
       auto const before = calls_;
-      for (int i = 0; i < limit && !roundIsOver(); ++i) {
+      for (int i = 0; i < limit && (calls_ == before || !roundIsOver()); ++i) {
          if (sd_event_get_state(event_) == SD_EVENT_INITIAL) sd_event_prepare(event_);
          if (sd_event_get_state(event_) == SD_EVENT_ARMED) sd_event_wait(event_, 0);
          if (sd_event_get_state(event_) != SD_EVENT_PENDING || sd_event_dispatch(event_) < 0) break;
