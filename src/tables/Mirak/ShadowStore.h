@@ -53,8 +53,6 @@ public:
    /// @return false: nothing was changed, the entry no longer counts
    /// @throws Lomi::MemoryResourceException, Mirak::TableReformattedException, and what a callback throws
    virtual bool doSlot(Tessel::BasicSlot slotIndex, Rusk::Sequence seq, bool compare) = 0;
-   /// Fetches into the cache what doSlot() will touch for these slots. Any numbers, in this order for each.
-   virtual void coming(u32 later, u32 soon) const = 0;
    /// Drops what is in the local slot; tells of it if the mount asked for that.
    virtual void doFlushSlot(u32 slotIndex) = 0;
    virtual u64 shadowMappedSize() const = 0; ///< bytes
@@ -86,7 +84,6 @@ public:
 
    bool initialize() override;
    bool doSlot(Tessel::BasicSlot slotIndex, Rusk::Sequence seq, bool compare) override;
-   void coming(u32 later, u32 soon) const override;
    void doFlushSlot(u32 slotIndex) override;
    u64 shadowMappedSize() const override { return slotsMem_.mappedSize() + hashMap_.mappedSize(); }
    u64 kestorMappedSize() const override { return 0; }
