@@ -2,6 +2,7 @@
 // Entities whose collections are mounted, as writer and as reader in one process: what a reader's entity
 // answers and refuses, orphans, damage, and DelAll with notifiees that write, remove and let go meanwhile.
 #include "Collections.h"
+#include "Loop.h"
 
 #include <cstdlib>
 #include <filesystem>
@@ -10,11 +11,6 @@
 
 namespace Test {
 namespace {
-
-/// Runs the event loop until `done`.
-template <class Done> void until(Done done) {
-   while (!done()) Lomi::TaskSchedulerRoot::root().run(1);
-}
 
 /// A writer's and a reader's entity at the same place, in trees of their own.
 template <class C> struct Pair {
@@ -25,7 +21,8 @@ template <class C> struct Pair {
    void mount(bool strict = false) {
       writer.mount(MirakType::writer);
       reader.mount(MirakType::reader, strict);
-      until([&] { return C::control(*reader)->mountStatus() == ZebParcel::MountStatus::mounted; });
+      EXPECT_TRUE(
+          runUntil([&] { return C::control(*reader)->mountStatus() == ZebParcel::MountStatus::mounted; }));
    }
 };
 
@@ -53,7 +50,7 @@ TYPED_TEST(Mounted, ReadersSeeTheWritersRowsAndChangeNothing) {
    EXPECT_TRUE(C::control(*pair.writer)->quiesced());
    EXPECT_EQ(pair.writer.rows(), 0u);
    pair.writer.add(1, 40);
-   until([&] { return C::map(reader).ready(); });
+   EXPECT_TRUE(runUntil([&] { return C::map(reader).ready(); }));
    EXPECT_EQ(heard, (std::vector{11, 1})); // quiesced, then mounted
    EXPECT_EQ(pair.reader.rows(), 39u);
    EXPECT_TRUE(C::get(reader, keyNumber<Key>(7)) == Record(keyNumber<Key>(7)));
@@ -211,7 +208,8 @@ TEST(Damage, StopsAWriterAndEndsAReadersWalkQuietly) {
    EXPECT_TRUE(std::filesystem::exists(place + "/corruption-detected"));
    EXPECT_FALSE(HoFlowConfig::Attribute4::Map::IteratorConst(&C::map(*pair.reader)).valid());
    EXPECT_TRUE(C::get(*pair.reader, keyNumber<Key>(1)) == Record());
-   until([&] { return C::control(*pair.reader)->mountStatus() == ZebParcel::MountStatus::notMounted; });
+   EXPECT_TRUE(runUntil(
+       [&] { return C::control(*pair.reader)->mountStatus() == ZebParcel::MountStatus::notMounted; }));
    EXPECT_EQ(pair.reader.rows(), 0u); // a table that went away
 }
 

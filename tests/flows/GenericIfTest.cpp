@@ -32,22 +32,21 @@ struct Wanted {
    std::vector<std::string> writable;
 };
 
-Ids const keyIds{{"ipFlowKey", 2},         {"vrfId", 3},   {"vlanId", 4},
-                 {"srcAddr", 5},           {"dstAddr", 6}, {"ipProtocol", 7},
-                 {"srcPort", 8},           {"dstPort", 9}, {"direction", 10},
-                 {"ipProtocolNumber", 11}, {"intfId", 12}, {"mirakString", 13}};
-Ids const configIds{{"key", 2},         {"createTime", 3},   {"updateTime", 4},           {"srcEthAddr", 5},
-                    {"dstEthAddr", 6},  {"dot1qVlanTag", 7}, {"dot1qCustomerVlanTag", 8}, {"cachedIntfId", 9},
-                    {"mirakString", 10}};
+// clang-format off
+Ids const keyIds{{"ipFlowKey", 2}, {"vrfId", 3}, {"vlanId", 4}, {"srcAddr", 5}, {"dstAddr", 6}, {"ipProtocol", 7},
+                 {"srcPort", 8}, {"dstPort", 9}, {"direction", 10}, {"ipProtocolNumber", 11}, {"intfId", 12},
+                 {"mirakString", 13}};
+Ids const configIds{{"key", 2}, {"createTime", 3}, {"updateTime", 4}, {"srcEthAddr", 5}, {"dstEthAddr", 6},
+                    {"dot1qVlanTag", 7}, {"dot1qCustomerVlanTag", 8}, {"cachedIntfId", 9}, {"mirakString", 10}};
 Ids const statusIds{{"key", 2}, {"hoFlowState", 3}, {"createTime", 4}, {"updateTime", 5}, {"mirakString", 6}};
-Ids const counterIds{{"key", 2},        {"intfId", 3},     {"packets", 4},    {"bytes", 5},
-                     {"createTime", 6}, {"updateTime", 7}, {"hosEntries", 8}, {"mirakString", 9}};
-std::vector<std::string> const configFields{"createTime",  "updateTime",   "srcEthAddr",
-                                            "dstEthAddr",  "dot1qVlanTag", "dot1qCustomerVlanTag",
-                                            "cachedIntfId"};
-std::vector<std::string> const statusFields{"hoFlowState", "createTime", "updateTime"};
-std::vector<std::string> const counterFields{"intfId",     "packets",    "bytes",
-                                             "createTime", "updateTime", "hosEntries"};
+Ids const counterIds{{"key", 2}, {"intfId", 3}, {"packets", 4}, {"bytes", 5}, {"createTime", 6}, {"updateTime", 7},
+                     {"hosEntries", 8}, {"mirakString", 9}};
+Ids const stateKeyIds{{"key", 2}, {"mirakString", 3}}, stateIds{{"key", 2}, {"hoFlows", 3}, {"mirakString", 4}};
+std::vector<std::string> const
+   configFields{"createTime", "updateTime", "srcEthAddr", "dstEthAddr", "dot1qVlanTag", "dot1qCustomerVlanTag",
+                "cachedIntfId"},
+   statusFields{"hoFlowState", "createTime", "updateTime"},
+   counterFields{"intfId", "packets", "bytes", "createTime", "updateTime", "hosEntries"};
 
 std::vector<Wanted> const& wantedTypes() {
    static std::vector<Wanted> const all{
@@ -57,25 +56,14 @@ std::vector<Wanted> const& wantedTypes() {
        {_HoFlowConfig_d7c62409_zebModule, 1, "HoIp6FlowConfig", 0x0401, 108, configIds, configFields},
        {_HoFlowStatus_b4e443f4_zebModule, 0, "HoIpFlowStatus", 0x0401, 56, statusIds, statusFields},
        {_HoFlowStatus_b4e443f4_zebModule, 1, "HoIp6FlowStatus", 0x0401, 80, statusIds, statusFields},
-       {_HoFlowStatus_b4e443f4_zebModule,
-        3,
-        "HosStateCounterKey",
-        0x0001,
-        1,
-        {{"key", 2}, {"mirakString", 3}},
-        {}},
-       {_HoFlowStatus_b4e443f4_zebModule,
-        4,
-        "HosStateCounterEntry",
-        0x0001,
-        8,
-        {{"key", 2}, {"hoFlows", 3}, {"mirakString", 4}},
-        {"hoFlows"}},
+       {_HoFlowStatus_b4e443f4_zebModule, 3, "HosStateCounterKey", 0x0001, 1, stateKeyIds, {}},
+       {_HoFlowStatus_b4e443f4_zebModule, 4, "HosStateCounterEntry", 0x0001, 8, stateIds, {"hoFlows"}},
        {_HoFlowStatus_b4e443f4_zebModule, 6, "HoIpFlowCounter", 0x0401, 72, counterIds, counterFields},
        {_HoFlowStatus_b4e443f4_zebModule, 7, "HoIp6FlowCounter", 0x0401, 96, counterIds, counterFields},
    };
    return all;
 }
+// clang-format on
 
 /// A value of a registered type.
 class Value {

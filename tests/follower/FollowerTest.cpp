@@ -4,7 +4,7 @@
 // The queue's tables are as small as they come. At rest each follower has the last state of every row, and
 // the writer knows it. The table gives its memory back under them. HOFLOW_FOLLOWER_TIDES sets the length.
 #include "Copy.h"
-#include "Processes.h"
+#include "Loop.h"
 #include "TestRoot.h"
 
 #include <filesystem>
@@ -34,7 +34,6 @@ struct Shared {
 Key tideKey(u32 i) { return {i * 0x9e3779b1u, i}; }
 
 void write(Shared& shared, u32 tides) {
-   auto& loop = Lomi::TaskSchedulerRoot::root();
    Writer writer(quiet(), "followed", Mirak::MapDescriptor(500));
    writer.initialize("test");
    u32 generation = 0;
@@ -42,11 +41,11 @@ void write(Shared& shared, u32 tides) {
    auto const put = [&](u32 i) {
       writer.write(R::make(tideKey(i), ++generation), true);
       // The loop has its turn now and then; between them the writer does nothing but write.
-      if (++shared.changes % 256 == 0) loop.dispatch();
+      if (++shared.changes % 256 == 0) loop().dispatch();
    };
    auto const take = [&](u32 i) {
       writer.remove(tideKey(i), removed);
-      if (++shared.changes % 256 == 0) loop.dispatch();
+      if (++shared.changes % 256 == 0) loop().dispatch();
    };
    for (u32 tide = 0; tide < tides || shared.ready < followers; ++tide) {
       for (u32 i = 0; i < high; ++i) {
@@ -66,14 +65,14 @@ void write(Shared& shared, u32 tides) {
    shared.done = true;
    // Until every follower has said that it has taken in everything.
    for (int i = 0; i < 6000 && writer.clientQuiesced("copy") < followers && !shared.complaint.count; ++i)
-      loop.run(0.01);
+      loop().run(0.01);
    if (writer.clientQuiesced("copy") != followers)
       shared.complaint.say("the writer doesn't hear of its followers");
    auto const counters = writer.writerCounters();
    shared.readers = counters.readers;
    shared.known = true;
    auto const& wrapper = writer.slotTable().wrapper();
-   for (int i = 0; i < 1000 && wrapper.releasePending(); ++i) loop.run(0.02);
+   for (int i = 0; i < 1000 && wrapper.releasePending(); ++i) loop().run(0.02);
    shared.mapped = Mem::roundUpToPage(wrapper.mappedSize());
    shared.blocks = wrapper.blockBytes();
    shared.slotShrinks = counters.slotShrinks;
@@ -84,7 +83,6 @@ void write(Shared& shared, u32 tides) {
 }
 
 void follow(Shared& shared, Kind kind) {
-   auto& loop = Lomi::TaskSchedulerRoot::root();
    while (kind == late && shared.tides < 2) pause(0.001);
    Copy<R> copy("followed");
    while (!copy.attach()) pause(0.001);
@@ -93,7 +91,7 @@ void follow(Shared& shared, Kind kind) {
    // The copy is compared when it has taken in everything; then it may sleep until the writer has heard of
    // it.
    while (!shared.known && !shared.complaint.count) {
-      loop.run(0.01);
+      loop().run(0.01);
       if (first && copy.sweeps > 0) {
          ++shared.ready;
          first = false;
@@ -189,7 +187,6 @@ TEST(Follower, TidesGiveTheMemoryBack) {
    };
    testRoot();
    SharedReport<Watched> shared;
-   auto& loop = Lomi::TaskSchedulerRoot::root();
    Mirak::MapDescriptor descriptor(20000);
    descriptor.pruneQueue = false; // a compaction's entries go because the follower has reported them
    Writer writer(quiet(), "tides", descriptor);
@@ -198,22 +195,15 @@ TEST(Follower, TidesGiveTheMemoryBack) {
       Copy<R> copy("tides");
       while (!copy.attach()) pause(0.001);
       while (!shared->stop) {
-         Lomi::TaskSchedulerRoot::root().run(0.01);
+         loop().run(0.01);
          shared->resident = residentFiles();
          ++shared->looks;
       }
       return copy.quiesced() && copy.difference().empty() ? 0 : 1;
    });
-   auto const loopUntil = [&](auto done) {
-      for (double const end = now() + 60; !done();) {
-         if (now() > end) return false;
-         loop.run(0.01);
-      }
-      return true;
-   };
    auto const settle = [&](auto done) {
-      EXPECT_TRUE(loopUntil(done));
-      EXPECT_TRUE(loopUntil([&, from = shared->looks.load()] { return shared->looks >= from + 2; }));
+      EXPECT_TRUE(runUntil(done));
+      EXPECT_TRUE(runUntil([&, from = shared->looks.load()] { return shared->looks >= from + 2; }));
    };
    auto const quiesced = [&] { return writer.clientQuiesced("copy") == 1; };
    settle(quiesced);
@@ -230,7 +220,7 @@ TEST(Follower, TidesGiveTheMemoryBack) {
          EXPECT_GT(shared->resident, bytes);
       }
       for (u32 i = 0; i + 1 < fill; ++i) writer.remove(tideKey(i), removed); // the last row moves
-      loop.dispatch();
+      loop().dispatch();
       ASSERT_GT(writer.writerCounters().slotShrinks, shrinks) << "tide " << tide;
       ASSERT_EQ(writer.capacity(), writer.minSize()) << "tide " << tide;
    }

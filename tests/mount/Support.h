@@ -2,10 +2,9 @@
 // A collection whose client writes down what it is told, and a process that writes a table on command.
 #pragma once
 
-#include "Lomi/TaskSchedulerRoot.h"
+#include "Loop.h"
 #include "Mem/DirectoryWatch.h"
 #include "Mirak/MirakMap.h"
-#include "Processes.h"
 #include "TestRoot.h"
 #include "TestTable.h"
 
@@ -38,22 +37,6 @@ using Mirak::MirakType;
 using QueuedOps = OpsOf<Row<5, true>>;
 using PlainOps = OpsOf<Row<5>>;
 using Log = std::vector<std::string>;
-
-inline Lomi::TaskSchedulerRoot& loop() { return Lomi::TaskSchedulerRoot::root(); }
-
-/// Runs the loop until `done` or for 30 seconds, which only a failure takes.
-template <class Done> bool runUntil(Done done) {
-   for (double const end = now() + 30; !done();) {
-      if (now() > end) return false;
-      loop().run(0.5);
-   }
-   return true;
-}
-/// Runs what is ready, until nothing is.
-inline void settle() {
-   while (loop().run(0)) {
-   }
-}
 
 /// Only inotify can be what makes something happen while this lives.
 struct NoPoll {

@@ -10,7 +10,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <sys/mman.h>
 #include <vector>
 
 using Mem::WriterLock;
@@ -108,8 +107,7 @@ TEST(WriterLock, WaitersSurviveUnlinkedFiles) {
    struct Shared {
       std::atomic<int> inside, most, rounds;
    };
-   auto* const shared =
-       new (::mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0)) Shared{};
+   ::Test::SharedReport<Shared> const shared;
    std::vector<std::unique_ptr<Child>> children;
    for (int i = 0; i < 6; ++i)
       children.push_back(std::make_unique<Child>([&] {
@@ -128,7 +126,6 @@ TEST(WriterLock, WaitersSurviveUnlinkedFiles) {
    for (auto& child : children) EXPECT_EQ(child->wait(), 0);
    EXPECT_EQ(shared->most, 1);
    EXPECT_EQ(shared->rounds, 1200);
-   ::munmap(shared, 4096);
 }
 
 // A writer that forked (say, to run a program) and was then killed must not live on in its child.

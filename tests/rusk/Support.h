@@ -4,7 +4,7 @@
 #pragma once
 
 #include "../platform/Scratch.h"
-#include "Lomi/TaskSchedulerRoot.h"
+#include "Loop.h"
 #include "Parcel/OwnerFile.h"
 #include "Rusk/ReaderRuskSm.h"
 #include "Rusk/TunnetAcceptSm.h"
@@ -16,9 +16,7 @@
 #include <atomic>
 #include <cstring>
 #include <fcntl.h>
-#include <new>
 #include <sys/epoll.h>
-#include <sys/mman.h>
 #include <sys/socket.h>
 
 namespace RuskTest {
@@ -27,17 +25,10 @@ using Rusk::Drop;
 using Rusk::u32;
 using Rusk::u64;
 
-inline Lomi::TaskSchedulerRoot& loop() { return Lomi::TaskSchedulerRoot::root(); }
+using Test::loop;
+using Test::runUntil;
 
-/// Runs the loop until `done` or for 30 seconds, which only a failure takes.
-template <class Done> bool runUntil(Done done) {
-   for (double const end = Lomi::monotonicTime() + 30; !done();) {
-      if (Lomi::monotonicTime() > end) return false;
-      loop().run(0.02);
-   }
-   return true;
-}
-/// The same, driven as an agent with a loop of its own drives it.
+/// Until `done` or for half a minute, driven as an agent with a loop of its own drives it.
 template <class Done> bool driveUntil(Done done) {
    int const epoll = ::epoll_create1(EPOLL_CLOEXEC);
    epoll_event event{};
@@ -73,20 +64,7 @@ struct Shared {
    std::atomic<u64> asleep{0}, connected{0}, wakes{0}, disconnects{0}, polls{0};
    std::atomic<bool> stop{false};
 };
-class SharedMemory {
-public:
-   SharedMemory()
-      : at_(new (::mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0))
-                Shared) {}
-   ~SharedMemory() { ::munmap(at_, sizeof(Shared)); }
-   SharedMemory(SharedMemory const&) = delete;
-   SharedMemory& operator=(SharedMemory const&) = delete;
-   Shared* operator->() const { return at_; }
-   Shared& operator*() const { return *at_; }
-
-private:
-   Shared* at_;
-};
+using SharedMemory = Test::SharedReport<Shared>;
 
 inline Parcel::KestorId const generation{7, 1};
 

@@ -7,8 +7,6 @@
 #include "Mem/Seam.h"
 #include "Support.h"
 
-#include <fstream>
-
 namespace Test {
 namespace {
 
@@ -57,9 +55,7 @@ public:
       count();
       writer.reset();
       truth.clear();
-      std::fstream file(testRoot() + "/shadowed/slots", std::ios::in | std::ios::out | std::ios::binary);
-      file.seekp(offsetof(Mirak::SlotTableHeader, runtimeFlags)).put(1);
-      file.close();
+      interrupt("shadowed");
       start();
       ++totals_.formats;
    }
@@ -159,8 +155,7 @@ public:
    ~History() {
       for (auto& client : clients_) client->inCall = {};
       for (auto& client : clients_) client->controlDetach();
-      while (loop().run(0)) {
-      }
+      settle();
       Mem::ParcelWrapper::moveAlways = false;
    }
 
@@ -170,19 +165,11 @@ public:
       throwing_ = false;
       for (auto& client : clients_)
          if (!client->initialized()) mount(*client);
-      if (!runUntil([&] { return atRest(); })) return "no rest: " + whoMoves();
-      Content const wanted = contentOf(*source_->writer);
-      if (std::string const wrong = difference(wanted, source_->truth); !wrong.empty())
+      if (std::string const wrong = difference(contentOf(*source_->writer), source_->truth); !wrong.empty())
          return "the table itself: " + wrong;
-      for (auto& client : clients_) {
-         if (!client->complaint.empty()) return client->complaint;
-         if (std::string const wrong = difference(contentOf(client->back()), wanted); !wrong.empty())
-            return "copy: " + wrong;
-         if (std::string const wrong = difference(client->heard, wanted); !wrong.empty())
-            return "callbacks: " + wrong;
-         count(*client);
-      }
-      return {};
+      std::string const wrong = rest(clients_, *source_->writer, [] { loop().run(0.1); });
+      for (auto& client : clients_) count(*client);
+      return wrong;
    }
 
 private:
@@ -296,23 +283,6 @@ private:
                          std::exchange(counted_[&client].failedNotifications, counters.failedNotifications);
       totals_.moves +=
           counters.shadowKeyMoves - std::exchange(counted_[&client].shadowKeyMoves, counters.shadowKeyMoves);
-   }
-   bool atRest() {
-      for (auto& client : clients_) {
-         client->notifyingIs(true);
-         if (client->mountStatus() != Mem::MountStatus::synchronised || !client->quiesced() ||
-             client->kestorId() != source_->writer->kestorId())
-            return false;
-      }
-      return true;
-   }
-   std::string whoMoves() {
-      std::string text;
-      for (auto& client : clients_)
-         text += fmt::format(" status {} quiesced {} connected {} kestor {} wanted {} initialized {}",
-                             static_cast<int>(client->mountStatus()), client->quiesced(), client->connected(),
-                             client->kestorId(), source_->writer->kestorId(), client->initialized());
-      return text;
    }
 
    Dice dice_;

@@ -4,7 +4,6 @@
 #include "../tessel/Dice.h"
 #include "Support.h"
 
-#include <fstream>
 #include <limits>
 
 namespace Test {
@@ -36,8 +35,7 @@ public:
       quietly_ = true;
       for (auto& client : clients_) client->controlDetach();
       clients_.clear();
-      while (loop().run(0)) {
-      }
+      settle();
       Mem::ParcelWrapper::moveAlways = false;
    }
    std::string play() {
@@ -64,38 +62,10 @@ public:
       for (auto& client : clients_) {
          if (client->initialized() && client->mountStatus() == Mem::MountStatus::flushing)
             client->controlDetach();
-         client->notify.notifyLive ? client->notifyingIs(true) : void();
          client->yieldTimeIs(0.01);
          if (!client->initialized()) client->init(shadowSettings(dice_.oneIn(2)));
       }
-      bool rest = false;
-      for (double const end = now() + 30; !rest && now() < end;) {
-         caught([&] { loop().run(0.02); });
-         rest = true;
-         for (auto& client : clients_) {
-            if (client->notify.notifyLive && !client->notifying()) client->notifyingIs(true);
-            rest = rest && client->mountStatus() == Mem::MountStatus::synchronised && client->quiesced() &&
-                   client->kestorId() == writer_->kestorId();
-         }
-      }
-      if (!rest) {
-         std::string text = "no rest:";
-         for (auto& client : clients_)
-            text += fmt::format(" {} status {} quiesced {} connected {} notifying {} kestor {} wanted {}",
-                                client->modeStr(), static_cast<int>(client->mountStatus()),
-                                client->quiesced(), client->connected(), client->notifying(),
-                                client->kestorId(), writer_->kestorId());
-         return text;
-      }
-      Content const wanted = contentOf(*writer_);
-      for (auto& client : clients_) {
-         if (!client->complaint.empty()) return client->complaint;
-         if (std::string const wrong = difference(contentOf(client->back()), wanted); !wrong.empty())
-            return "copy: " + wrong;
-         if (std::string const wrong = difference(client->heard, wanted); !wrong.empty())
-            return "callbacks: " + wrong;
-      }
-      return {};
+      return rest(clients_, *writer_, [&] { caught([&] { loop().run(0.02); }); });
    }
    u64 thrown = 0, acts = 0;
 
@@ -122,10 +92,7 @@ private:
    }
    void restart(bool damaged) {
       writer_.reset();
-      if (damaged) {
-         std::fstream file(testRoot() + "/shadowed/slots", std::ios::in | std::ios::out | std::ios::binary);
-         file.seekp(offsetof(Mirak::SlotTableHeader, runtimeFlags)).put(1);
-      }
+      if (damaged) interrupt("shadowed");
       writer_ = newWriter("shadowed");
    }
    void anything(Client& client) {

@@ -3,8 +3,8 @@
 // return, a re-format, a flush, a client that lets go in any of its callbacks.
 #include "Support.h"
 
-#include <fstream>
 #include <limits>
+#include <optional>
 
 namespace Test {
 namespace {
@@ -22,10 +22,6 @@ protected:
       client->inCall = {};
       client->controlDetach();
       settle();
-   }
-   static void settle() {
-      while (loop().run(0)) {
-      }
    }
    void put(u32 number, u32 generation) { writer->write(R::make(keyOf(number), generation), true); }
    void fill(u32 rows) {
@@ -58,9 +54,7 @@ protected:
    /// As after a crash in the middle of a change: the next writer formats the table anew.
    void killWriter(bool damaged) {
       writer.reset();
-      if (!damaged) return;
-      std::fstream file(testRoot() + "/shadowed/slots", std::ios::in | std::ios::out | std::ios::binary);
-      file.seekp(offsetof(Mirak::SlotTableHeader, runtimeFlags)).put(1);
+      if (damaged) interrupt("shadowed");
    }
 
    Silence const silence;
@@ -84,9 +78,23 @@ TEST_P(ShadowMount, FillsItsCopyAndFollows) {
    expectTable();
    EXPECT_EQ(client->readerCounters().members, 501u);
    EXPECT_EQ(client->readerCounters().nextSlowPath, 0u) << "a walk goes by its hints";
+   client->notifyingIs(false);
+   for (u32 n = 0; n < 4000; ++n) put(n, 2);
+   client->notifyingIs(true);
+   u64 most = 0, before = client->changes, last = before + 4000;
+   Lomi::Task other;
+   std::function<void()> const look = [&] {
+      most = std::max(most, client->changes - std::exchange(before, client->changes));
+      other = loop().deferredTask(look);
+   };
+   look();
+   EXPECT_TRUE(runUntil([&] { return client->changes >= last; }));
+   other.cancel();
+   EXPECT_LT(most, 4000u) << "nor does a walk of the queue keep the loop from its other work";
+   expectTable();
    client->takeLog();
    for (u32 n = 0; n < 50'000; ++n) {
-      put(n % 700, 2 + n);
+      put(n % 700, 3 + n);
       if (n % 100 == 0) loop().run(0);
    }
    expectTable();
@@ -231,6 +239,27 @@ TEST_P(ShadowMount, AFlushGoesInStepsAndCanBeForced) {
    EXPECT_EQ(client->changes, before + 1);
    client->inCall = {};
    expectTable();
+   // In a callback of the sweep that it replaces: it begins with the first slot, also if the callback throws.
+   for (bool const throws : {false, true}) {
+      client->controlDetach();
+      bool begun = false;
+      std::optional<std::size_t> left;
+      client->inCall = [&](std::string const& what) {
+         if (what == "status 0" && begun) left = client->heard.size();
+         if (!what.starts_with("row") || std::exchange(begun, true)) return;
+         client->detach(false);
+         if (throws) throw std::runtime_error("in the sweep");
+      };
+      client->init(wanted());
+      try {
+         runUntil([&] { return begun; });
+      } catch (std::runtime_error const&) {
+      }
+      ASSERT_TRUE(runUntil([&] { return left.has_value(); }));
+      EXPECT_EQ(*left, 0u) << throws;
+      client->inCall = {};
+      expectTable();
+   }
    // One that finds no table any more: the sentry waits for the next.
    client->detach(false);
    writer.reset();
@@ -366,27 +395,58 @@ TEST_P(ShadowMount, WaitsWhileItsClientWantsNoNotifications) {
    expectTable();
 }
 
-TEST_P(ShadowMount, DamageTakesTheTableAwayAndLeavesAMarker) {
-   fill(40);
+/// It has fallen behind a compaction whose entries are gone.
+TEST_P(ShadowMount, ASecondSweepTellsWhatChanged) {
+   fill(300);
    mount(wanted());
-   std::string const marker = testRoot() + "/shadowed/corruption-detected";
-   u32 const slots[2] = {0x40000001, 0x7fffffff}; // a version that has moved on, and an impossible count
-   std::fstream file(testRoot() + "/shadowed/slots", std::ios::in | std::ios::out | std::ios::binary);
-   file.seekp(offsetof(Mirak::SlotTableHeader, numSlots)).write(reinterpret_cast<char const*>(slots), 8);
-   file.close();
-   bool found = true;
-   try {
-      // A full shadow reads past its copy here; its client would meet the damage with the next change.
-      client->back().directLookup(keyOf(1), found, nullptr);
-      ADD_FAILURE() << "the damage isn't met";
-   } catch (Lomi::CorruptionDetectedException const& e) {
-      client->doCorruptionDetected(e.msg());
+   client->notifyingIs(false);
+   R removed;
+   for (u32 tide = 0; tide < 3; ++tide) {
+      for (u32 number = 20; number < 300; ++number) put(number, 2 + tide);
+      for (u32 number = 20; number < 300; ++number) writer->remove(keyOf(number), removed);
    }
-   ASSERT_TRUE(runUntil([&] { return client->mountStatus() == Mem::MountStatus::notMounted; }));
-   EXPECT_TRUE(std::filesystem::exists(marker));
-   EXPECT_TRUE(client->heard.empty()) << "each row that went away was told";
-   writer.reset();
-   std::filesystem::remove_all(testRoot() + "/shadowed");
+   put(3, 9);
+   u64 const changes = client->changes, removals = client->removals;
+   client->notifyingIs(true);
+   expectTable();
+   EXPECT_EQ(client->readerCounters().resyncs, 1u);
+   EXPECT_EQ(client->changes - changes, GetParam() ? 20u : 1u) << "a keyshadow can't tell what is the same";
+   EXPECT_EQ(client->removals - removals, 280u);
+}
+
+/// Met by a read, by the walk of the queue, by a sweep.
+TEST_P(ShadowMount, DamageTakesTheTableAwayAndLeavesAMarker) {
+   std::string const table = testRoot() + "/shadowed";
+   for (std::string const where : {"read", "walk", "sweep"}) {
+      fill(40);
+      client->init(wanted());
+      ASSERT_TRUE(runUntil([&] { return where == "sweep" || quiet(); }));
+      if (where == "walk") {
+         client->notifyingIs(false);
+         put(1, 2);
+         poke("shadowed/tessel", offsetof(Tessel::QueueHeader, next), u64{1});
+         client->notifyingIs(true);
+      } else {
+         // A version that has moved on, and an impossible count.
+         poke("shadowed/slots", offsetof(Mirak::SlotTableHeader, numSlots), u64{0x7fffffff40000001});
+      }
+      if (where == "read") {
+         bool found = true;
+         try {
+            client->back().directLookup(keyOf(1), found, nullptr);
+            ADD_FAILURE() << "the damage isn't met";
+         } catch (Lomi::CorruptionDetectedException const& e) {
+            client->doCorruptionDetected(e.msg());
+         }
+      }
+      ASSERT_TRUE(runUntil([&] { return client->mountStatus() == Mem::MountStatus::notMounted; })) << where;
+      EXPECT_TRUE(std::filesystem::exists(table + "/corruption-detected")) << where;
+      EXPECT_TRUE(client->heard.empty()) << "each row that went away was told";
+      client->controlDetach();
+      writer.reset();
+      std::filesystem::remove_all(table);
+      writer = newWriter("shadowed");
+   }
 }
 
 INSTANTIATE_TEST_SUITE_P(Both, ShadowMount, testing::Bool(),

@@ -163,6 +163,43 @@ TYPED_TEST(ShadowStoreTest, EachCaseOfASlotsChange) {
    EXPECT_EQ(copy.change(slot, noSequence), Log{copy.gone(4)});
 }
 
+/// The table's rows are told by a sweep, slot after slot.
+TYPED_TEST(ShadowStoreTest, FollowsATableThatWasCutDown) {
+   Stored<TypeParam> copy;
+   auto const sweep = [&](u32 from, u32 to) {
+      for (u32 slot = from; slot < to; ++slot) copy.change(slot, noSequence);
+   };
+   for (u32 number = 0; number < 33; ++number) ASSERT_EQ(copy.put(number, 1), number);
+   sweep(0, 33);
+   EXPECT_EQ(copy.store.numSlots(), 64u);
+   // A quarter is in use, but the table hasn't been cut yet.
+   for (u32 number = 16; number < 33; ++number) copy.remove(number);
+   sweep(16, 33);
+   EXPECT_EQ(copy.counters.members, 16u);
+   EXPECT_EQ(copy.store.numSlots(), 64u);
+   // The table has 32 slots. The copy follows with the change that leaves it no more than a quarter.
+   for (u32 number = 16; number < 33; ++number) copy.put(number, 2);
+   sweep(16, 33);
+   for (u32 number = 15; number < 33; ++number) copy.remove(number);
+   ASSERT_EQ(copy.writer().capacity(), 32u);
+   copy.put(40, 1);
+   EXPECT_GE(copy.put(41, 1), 16u);
+   sweep(15, 33);
+   EXPECT_EQ(copy.counters.members, 17u);
+   EXPECT_EQ(copy.store.numSlots(), 64u);
+   copy.remove(0);
+   sweep(0, 1);
+   EXPECT_EQ(copy.store.numSlots(), 32u);
+   EXPECT_EQ(copy.counters.shadowSlotShrinks, 1u);
+   // A quarter again, but its upper half is in use.
+   for (u32 number = 1; number < 9; ++number) copy.remove(number);
+   sweep(1, 9);
+   EXPECT_EQ(copy.counters.members, 8u);
+   EXPECT_EQ(copy.store.numSlots(), 32u);
+   EXPECT_EQ(copy.counters.shadowSlotShrinks, 1u);
+   EXPECT_EQ(copy.get(41), 1u);
+}
+
 /// A row that compaction moved: the new place is told first, the old one is a tombstone by then.
 TYPED_TEST(ShadowStoreTest, AMovedRowLeavesNoGap) {
    Stored<TypeParam> copy;

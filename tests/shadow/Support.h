@@ -2,10 +2,9 @@
 // What the tests of shadows share: a table of small rows, and a client that adds up what it is told.
 #pragma once
 
-#include "Lomi/TaskSchedulerRoot.h"
+#include "Loop.h"
 #include "Mirak/MirakMap.h"
-#include "Processes.h"
-#include "TestRoot.h"
+#include "Poke.h"
 #include "TestTable.h"
 
 #include <gmock/gmock.h>
@@ -36,17 +35,6 @@ namespace Test {
 
 inline Key keyOf(u32 number) { return {number * 0x9e3779b1u, number}; }
 
-inline Lomi::TaskSchedulerRoot& loop() { return Lomi::TaskSchedulerRoot::root(); }
-
-/// Runs the loop until `done` or for 60 seconds, which only a failure takes.
-template <class Done> bool runUntil(Done done) {
-   for (double const end = now() + 60; !done();) {
-      if (now() > end) return false;
-      loop().run(0.1);
-   }
-   return true;
-}
-
 inline std::unique_ptr<Writer> newWriter(std::string const& table, u32 rows = 64) {
    MapDescriptor const descriptor(rows);
    auto writer = std::make_unique<Writer>(quiet(), table.c_str(), descriptor, ShadowOps{});
@@ -76,6 +64,36 @@ inline std::string difference(Content const& got, Content const& wanted) {
    }
    for (auto const& [key, generation] : got)
       if (!wanted.contains(key)) return fmt::format("{}@{} is too much", key.str(), generation);
+   return {};
+}
+
+/// Takes turns until each client's copy is this writer's table, and what it was told adds up to the same.
+/// @return what is wrong after a minute, or at the end; empty if nothing is
+template <class Clients, class Turn>
+std::string rest(Clients const& clients, Writer const& writer, Turn turn) {
+   std::string moves = "-";
+   for (double const end = now() + 60; !moves.empty();) {
+      if (now() > end) return "no rest:" + moves;
+      turn();
+      moves.clear();
+      for (auto& client : clients) {
+         if (client->notify.notifyLive && !client->notifying()) client->notifyingIs(true);
+         if (client->mountStatus() != Mem::MountStatus::synchronised || !client->quiesced() ||
+             client->kestorId() != writer.kestorId())
+            moves +=
+                fmt::format(" {} status {} quiesced {} connected {} notifying {} kestor {} wanted {}",
+                            client->modeStr(), static_cast<int>(client->mountStatus()), client->quiesced(),
+                            client->connected(), client->notifying(), client->kestorId(), writer.kestorId());
+      }
+   }
+   Content const wanted = contentOf(writer);
+   for (auto& client : clients) {
+      if (!client->complaint.empty()) return client->complaint;
+      if (std::string const wrong = difference(contentOf(client->back()), wanted); !wrong.empty())
+         return "copy: " + wrong;
+      if (std::string const wrong = difference(client->heard, wanted); !wrong.empty())
+         return "callbacks: " + wrong;
+   }
    return {};
 }
 

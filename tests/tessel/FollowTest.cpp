@@ -2,14 +2,13 @@
 // Followers of a writer that is interrupted anywhere: at rest each has the last state of every row, none was
 // told of a removal that didn't happen, none sleeps through a change. And the simulation finds what it is
 // there for.
+#include "Poke.h"
 #include "Stage.h"
-#include "TestRoot.h"
 
 #include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 
 namespace Test {
 namespace {
@@ -58,9 +57,7 @@ public:
       count();
       writer.reset();
       truth.clear();
-      std::fstream file(testRoot() + "/follow/slots", std::ios::in | std::ios::out | std::ios::binary);
-      file.seekp(offsetof(Mirak::SlotTableHeader, runtimeFlags)).put(1);
-      file.close();
+      interrupt("follow");
       start();
       ++totals_.formats;
    }

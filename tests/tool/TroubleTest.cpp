@@ -40,90 +40,66 @@ protected:
 TEST_F(Trouble, EachKindHasItsStatusAndNamesItsFile) {
    struct Kind {
       char const* what;
-      std::function<void()> damage;
       int status;
       std::vector<std::string> says; ///< all on stderr
+      std::function<void()> damage;
    };
-   auto const slotField = [&](auto value, std::size_t offset) {
+   auto const slot = [&](std::size_t offset, auto value) {
       return [=, this] { poke(slots(), offset, value); };
    };
-   auto const sealed = [&](auto value, std::size_t offset) {
+   auto const bucket = [&](std::size_t offset, auto value) {
+      return [=, this] { poke(buckets(), offset, value); };
+   };
+   auto const sealed = [&](std::size_t offset, auto value) {
       return [=, this] {
          poke(slots(), offset, value);
          sealHeader(counterName);
       };
    };
-   Kind const kinds[] = {
-       {"no table", [&] { fs::remove_all(root + "/" + counterName); }, 3, {counterName}},
-       {"no kestor file", [&] { fs::remove(kestor()); }, 5, {kestor(), "half made"}},
-       {"only an owner file",
-        [&] {
-           fs::remove(kestor());
-           fs::remove(slots());
-           fs::remove(buckets());
-        },
-        5,
-        {kestor(), "half made"}},
-       {"kestor file cut", [&] { fs::resize_file(kestor(), 7); }, 4, {kestor(), "7 bytes"}},
-       {"kestor of another table", [&] { poke(kestor(), 8, u32{0x12345}); }, 4, {kestor()}},
-       {"slots gone", [&] { fs::remove(slots()); }, 4, {slots(), "missing"}},
-       {"slots empty", [&] { fs::resize_file(slots(), 0); }, 4, {slots(), "bad header file size: 0"}},
-       {"slots cut", [&] { fs::resize_file(slots(), 4096); }, 4, {slots(), "bad shmem size:4096"}},
-       {"slots is a text",
-        [&] { write(slots(), std::vector<char>(10000, 'x')); },
-        4,
-        {slots(), "bad magic: 7878787878787878"}},
-       {"slots is a directory",
-        [&] {
-           fs::remove(slots());
-           fs::create_directory(slots());
-        },
-        4,
-        {slots(), "not a plain file"}},
-       {"slots is a link",
-        [&] {
-           fs::rename(slots(), root + "/x");
-           fs::create_symlink(root + "/x", slots());
-        },
-        4,
-        {slots(), "not a plain file"}},
-       {"another version",
-        slotField(u32{25}, offsetof(Header, version)),
-        3,
-        {slots(), "bad version: 25", "version 24"}},
-       {"another generation", slotField(u32{99}, offsetof(Header, kestor)), 4, {slots(), "bad kestor:99:0"}},
-       {"another platform", slotField(u32{2}, offsetof(Header, platform)), 4, {slots(), "bad platform"}},
-       {"damaged type", slotField('X', offsetof(Header, valueType)), 4, {slots(), "checksum fail"}},
-       {"damaged size", slotField(u32{73}, offsetof(Header, valueSize)), 4, {slots(), "checksum fail"}},
-       {"unknown type",
-        sealed('X', offsetof(Header, valueType) + 14),
-        3,
-        {slots(), "FlowTracking::XoIpFlowCounter"}},
-       {"another layout", sealed(u32{80}, offsetof(Header, valueSize)), 3, {slots(), "valueSize:80"}},
-       {"occupied beyond capacity",
-        slotField(u32{70000}, offsetof(Header, occupiedSlots)),
-        4,
-        {slots(), "bad occupiedSlots: 70000"}},
-       {"capacity beyond the file",
-        slotField(u32{70000}, offsetof(Header, numSlots) + 4),
-        4,
-        {slots(), "70000"}},
-       {"buckets gone", [&] { fs::remove(buckets()); }, 4, {buckets(), "missing"}},
-       {"buckets cut", [&] { fs::resize_file(buckets(), 10); }, 4, {buckets(), "size: 10"}},
-       {"buckets foreign", [&] { poke(buckets(), 0, u64{1}); }, 4, {buckets(), "bad bucket magic: 1"}},
-       {"buckets of another version",
-        [&] { poke(buckets(), offsetof(BucketHeader, version), u32{2}); },
-        3,
-        {buckets(), "bad bucket version: 2"}},
-       {"buckets of another generation",
-        [&] { poke(buckets(), offsetof(BucketHeader, kestor), u32{99}); },
-        4,
-        {buckets(), "kestor"}},
-       {"bucket count",
-        [&] { poke(buckets(), offsetof(BucketHeader, numBuckets) + 4, u32{3}); },
-        4,
-        {buckets(), "numBuckets: 3"}},
+   auto const gone = [](std::vector<std::string> const& files) {
+      return [=] {
+         for (auto const& name : files) fs::remove_all(name);
+      };
    };
+   auto const cut = [](std::string const& name, u64 bytes) { return [=] { fs::resize_file(name, bytes); }; };
+#define AT(field) offsetof(Header, field)
+#define BUCKET(field) offsetof(BucketHeader, field)
+   // clang-format off
+   Kind const kinds[] = {
+       {"no table", 3, {counterName}, gone({root + "/" + counterName})},
+       {"no kestor file", 5, {kestor(), "half made"}, gone({kestor()})},
+       {"only an owner file", 5, {kestor(), "half made"}, gone({kestor(), slots(), buckets()})},
+       {"kestor file cut", 4, {kestor(), "7 bytes"}, cut(kestor(), 7)},
+       {"kestor of another table", 4, {kestor()}, [&] { poke(kestor(), 8, u32{0x12345}); }},
+       {"slots gone", 4, {slots(), "missing"}, gone({slots()})},
+       {"slots empty", 4, {slots(), "bad header file size: 0"}, cut(slots(), 0)},
+       {"slots cut", 4, {slots(), "bad shmem size:4096"}, cut(slots(), 4096)},
+       {"slots is a text", 4, {slots(), "bad magic: 7878787878787878"},
+        [&] { write(slots(), std::vector<char>(10000, 'x')); }},
+       {"slots is a directory", 4, {slots(), "not a plain file"},
+        [&] { fs::remove(slots()), fs::create_directory(slots()); }},
+       {"slots is a link", 4, {slots(), "not a plain file"},
+        [&] { fs::rename(slots(), root + "/x"), fs::create_symlink(root + "/x", slots()); }},
+       {"another version", 3, {slots(), "bad version: 25", "version 24"}, slot(AT(version), u32{25})},
+       {"another generation", 4, {slots(), "bad kestor:99:0"}, slot(AT(kestor), u32{99})},
+       {"another platform", 4, {slots(), "bad platform"}, slot(AT(platform), u32{2})},
+       {"damaged type", 4, {slots(), "checksum fail"}, slot(AT(valueType), 'X')},
+       {"damaged size", 4, {slots(), "checksum fail"}, slot(AT(valueSize), u32{73})},
+       {"unknown type", 3, {slots(), "FlowTracking::XoIpFlowCounter"}, sealed(AT(valueType) + 14, 'X')},
+       {"another layout", 3, {slots(), "valueSize:80"}, sealed(AT(valueSize), u32{80})},
+       {"occupied beyond capacity", 4, {slots(), "bad occupiedSlots: 70000"},
+        slot(AT(occupiedSlots), u32{70000})},
+       {"capacity beyond the file", 4, {slots(), "70000"}, slot(AT(numSlots) + 4, u32{70000})},
+       {"buckets gone", 4, {buckets(), "missing"}, gone({buckets()})},
+       {"buckets cut", 4, {buckets(), "size: 10"}, cut(buckets(), 10)},
+       {"buckets foreign", 4, {buckets(), "bad bucket magic: 1"}, bucket(0, u64{1})},
+       {"buckets of another version", 3, {buckets(), "bad bucket version: 2"}, bucket(BUCKET(version), u32{2})},
+       {"buckets of another generation", 4, {buckets(), "kestor"}, bucket(BUCKET(kestor), u32{99})},
+       {"bucket count", 4, {buckets(), "numBuckets: 3"}, bucket(BUCKET(numBuckets) + 4, u32{3})},
+   };
+   // clang-format on
+#undef AT
+#undef BUCKET
    for (Kind const& kind : kinds) {
       SCOPED_TRACE(kind.what);
       fs::remove_all(root + "/" + counterName);

@@ -11,7 +11,6 @@ namespace Tracker {
 namespace {
 
 using FlowTracking::HoIpFlowConfig;
-using FlowTracking::IpFlowKey;
 using Store = MemoryStore<HoIpFlowConfig>;
 
 struct Seen {
@@ -20,9 +19,6 @@ struct Seen {
 };
 using Packets = std::vector<Seen>;
 
-IpFlowKey flowKey(std::uint16_t flow) {
-   return {0, 0, Ip::IpAddr({10, 0, 0, 1}), Ip::IpAddr({10, 0, 0, 2}), Ip::Protocol::udp, flow, 53};
-}
 /// The frame's addresses tell at which time it was sent.
 Agents::Frame frameOf(Seen const& seen) {
    Agents::Frame frame;

@@ -3,12 +3,10 @@
 // dies in putting that right, the next run leaves exactly the rows of its capture. Packets are few and their
 // keys fewer, so that every point of death can be tried. Deaths on real tables: KillTest.cpp.
 #include "FlowCounter.h"
-#include "FlowTracking/HoFlowCounter.h"
 #include "MemoryStore.h"
 
 #include <algorithm>
 #include <gtest/gtest.h>
-#include <random>
 
 namespace Tracker {
 namespace {
@@ -17,37 +15,7 @@ using FlowTracking::HoIpFlowCounter;
 using FlowTracking::IpFlowKey;
 using Store = MemoryStore<HoIpFlowCounter>;
 
-struct TestPacket {
-   IpFlowKey key;
-   std::uint64_t bytes;
-   double time;
-};
-using Packets = std::vector<TestPacket>;
-
-Packets make(unsigned seed, unsigned count, unsigned flows) {
-   std::mt19937 draw(seed);
-   Packets packets;
-   for (unsigned i = 0; i < count; ++i) {
-      IpFlowKey const key(0, 0, Ip::IpAddr({10, 0, 0, 1}), Ip::IpAddr({10, 0, 0, 2}), Ip::Protocol::udp,
-                          static_cast<std::uint16_t>(draw() % flows), 53);
-      packets.push_back(
-          {key, 40 + draw() % 3, 1000.0 + static_cast<double>(draw() % 5)}); // also backwards in time
-   }
-   return packets;
-}
-
-Store::Rows rowsOf(Packets const& packets) {
-   Store::Rows rows;
-   for (auto const& packet : packets) {
-      auto const [place, isNew] = rows.try_emplace(packet.key, packet.key);
-      auto& row = place->second;
-      if (isNew) row.createTimeIs(packet.time);
-      row.updateTimeIs(packet.time);
-      row.packetsInc(1);
-      row.bytesInc(packet.bytes);
-   }
-   return rows;
-}
+using Packets = TestPackets;
 
 struct Outcome {
    std::uint64_t kept, removed, stores;
@@ -78,7 +46,7 @@ bool runAndDie(Store& store, Packets const& packets, std::uint64_t after) {
 bool holds(Store& store, Packets const& packets) { return store.content() == rowsOf(packets); }
 
 TEST(FlowCounter, RunningAgainChangesNothingAndGrownCapturesAreContinued) {
-   Packets const packets = make(3, 60, 7);
+   Packets const packets = makePackets(3, 60, 7);
    Store store;
    run(store, Packets(packets.begin(), packets.begin() + 40));
    auto const changes = store.changes();
@@ -103,10 +71,10 @@ void putsRight(Store::Rows const& found, Packets const& packets, char const* wha
 }
 
 TEST(FlowCounter, BelievesNoForeignRows) {
-   Packets const packets = make(4, 40, 5);
+   Packets const packets = makePackets(4, 40, 5);
    Packets const half(packets.begin(), packets.begin() + 20);
-   putsRight(rowsOf(make(5, 40, 5)), packets, "another capture of the same flows");
-   putsRight(rowsOf(make(6, 90, 50)), packets, "a longer one");
+   putsRight(rowsOf(makePackets(5, 40, 5)), packets, "another capture of the same flows");
+   putsRight(rowsOf(makePackets(6, 90, 50)), packets, "a longer one");
    Packets reordered = half;
    std::swap(reordered[3], reordered[4]);
    reordered[3].bytes = reordered[4].bytes + 1;

@@ -147,28 +147,5 @@ TEST_F(Kill, AgainAndAgain) {
    }
 }
 
-TEST_F(Kill, WhileForeignRowsAreRemoved) {
-   Pcap other;
-   for (unsigned i = 0; i < 50; ++i)
-      other.add(ethernet(0x0800) + Ip4{.protocol = 17, .payload = be16(i) + be16(99) + zeros(4)}.bytes());
-   std::string const otherPath = folder_.write("other", other.bytes);
-   std::uint64_t step = 37; // every place would take long and shows the same
-   for (std::uint64_t at = 0;; at += step) {
-      freshRoot();
-      {
-         Agents::CounterTables tables("kill", "test");
-         count(otherPath, tables.ip4, tables.ip6);
-      }
-      bool const died = dies(at);
-      Figures const figures = endsRight();
-      ASSERT_FALSE(HasFailure()) << "died at place " << at;
-      if (!died) {
-         EXPECT_EQ(figures.ip4.rowsRemoved, 0u);
-         EXPECT_GT(at, 1000u);
-         return;
-      }
-   }
-}
-
 } // namespace
 } // namespace Tracker

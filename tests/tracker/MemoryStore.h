@@ -3,10 +3,12 @@
 // tried at every point without files. What real tables do when their writer dies is tried in KillTest.cpp.
 #pragma once
 
+#include "FlowTracking/HoFlowCounter.h"
 #include "RowStore.h"
 #include "Track.h"
 
 #include <map>
+#include <random>
 #include <vector>
 
 namespace Tracker {
@@ -56,6 +58,48 @@ private:
    Rows rows_;
    std::uint64_t changes_ = 0, deadline_ = ~0ull;
 };
+
+struct TestPacket {
+   FlowTracking::IpFlowKey key;
+   std::uint64_t bytes;
+   double time;
+};
+using TestPackets = std::vector<TestPacket>;
+
+inline FlowTracking::IpFlowKey flowKey(unsigned flow) {
+   return {0,
+           0,
+           Ip::IpAddr({10, 0, 0, 1}),
+           Ip::IpAddr({10, 0, 0, 2}),
+           Ip::Protocol::udp,
+           static_cast<std::uint16_t>(flow),
+           53};
+}
+/// Packets of so many flows, some of them backwards in time.
+inline TestPackets makePackets(unsigned seed, unsigned count, unsigned flows) {
+   std::mt19937 draw(seed);
+   TestPackets packets;
+   for (unsigned i = 0; i < count; ++i) {
+      auto const flow = static_cast<unsigned>(draw() % flows);
+      packets.push_back({flowKey(flow), 40 + draw() % 3, 1000.0 + static_cast<double>(draw() % 5)});
+   }
+   return packets;
+}
+/// The rows that the packets of the flows below `end` make.
+inline MemoryStore<FlowTracking::HoIpFlowCounter>::Rows rowsOf(TestPackets const& packets,
+                                                               unsigned end = ~0u) {
+   MemoryStore<FlowTracking::HoIpFlowCounter>::Rows rows;
+   for (auto const& packet : packets) {
+      if (packet.key.srcPort() >= end) continue;
+      auto const [place, isNew] = rows.try_emplace(packet.key, packet.key);
+      auto& row = place->second;
+      if (isNew) row.createTimeIs(packet.time);
+      row.updateTimeIs(packet.time);
+      row.packetsInc(1);
+      row.bytesInc(packet.bytes);
+   }
+   return rows;
+}
 
 /// Counts a whole capture, and chooses nothing.
 template <class Table4, class Table6>

@@ -3,13 +3,13 @@
 // that doesn't fit its table, and that a table gives memory back again and again, whoever follows it.
 #include "Fixture.h"
 
+#include "Poke.h"
 #include "Processes.h"
 #include "Scenarios.h"
 
 #include "Lomi/TaskSchedulerRoot.h"
 #include "Rusk/ReaderRuskSm.h"
 
-#include <fcntl.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <sys/prctl.h>
@@ -40,10 +40,8 @@ protected:
       ASSERT_EQ(writer->sequence(), 4u);
    }
    static std::string directory() { return testRoot() + "/rest"; }
-   template <class Word> static void poke(char const* file, std::size_t at, Word word) {
-      int const fd = ::open((directory() + "/" + file).c_str(), O_RDWR);
-      ASSERT_EQ(::pwrite(fd, &word, sizeof word, static_cast<off_t>(at)), static_cast<ssize_t>(sizeof word));
-      ::close(fd);
+   template <class Word> static void poke(std::string const& file, std::size_t at, Word word) {
+      ::Test::poke("rest/" + file, at, word);
    }
    /// The current table: the first one is of generation 1.
    static void entryIs(u32 pos, u32 slot) {
