@@ -11,7 +11,7 @@ import sys
 from html import escape
 
 OPERATIONS = ["hit", "miss", "insert", "overwrite", "remove", "walk"]
-COLOURS = {"hoflow": "#c23b22", "bare limit": "#bbbbbb"}
+COLOURS = {"hoflow": "#c23b22", "hoflow (fixed)": "#e08e7f", "bare limit": "#bbbbbb"}
 PEER_COLOURS = ["#2b5c8a", "#4f8fc0", "#7fb2d6", "#8a7a2b", "#c2ad55", "#6b8a5a"]
 BAR, GAP, LABEL, PANEL, TOP = 15, 26, 130, 200, 74
 
@@ -23,7 +23,8 @@ def main():
         data = json.load(source)
     names = [each["name"] for each in data["contenders"]]
     peers = [each["name"] for each in data["contenders"] if each["peer"]]
-    colour = {**{name: PEER_COLOURS[n % len(PEER_COLOURS)] for n, name in enumerate(peers)}, **COLOURS}
+    colour = {**dict.fromkeys(names, "#444444"),
+              **{name: PEER_COLOURS[n % len(PEER_COLOURS)] for n, name in enumerate(peers)}, **COLOURS}
     figures = {(f["keys"], f["rows"], f["contender"], f["operation"]): f for f in data.get("figures", [])}
     blocks = sorted({(keys, rows) for keys, rows, _, operation in figures if operation in OPERATIONS})
     if not blocks:

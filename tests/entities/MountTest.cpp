@@ -3,8 +3,10 @@
 // answers and refuses, orphans, damage, and DelAll with notifiees that write, remove and let go meanwhile.
 #include "Collections.h"
 
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <unistd.h>
 
 namespace Test {
 namespace {
@@ -211,6 +213,31 @@ TEST(Damage, StopsAWriterAndEndsAReadersWalkQuietly) {
    EXPECT_TRUE(C::get(*pair.reader, keyNumber<Key>(1)) == Record());
    until([&] { return C::control(*pair.reader)->mountStatus() == ZebParcel::MountStatus::notMounted; });
    EXPECT_EQ(pair.reader.rows(), 0u); // a table that went away
+}
+
+/// exit() out of a callback: static entities are let go, and another is mounted, when the thread's loop has
+/// ended.
+[[noreturn]] void leaveInACallback() {
+   static struct Late {
+      Late() { testRoot(); }
+      ~Late() {
+         Planted<C> late("late");
+         late.mount(MirakType::writer);
+         late.add(0, 200);
+         if (late.rows() != 200) ::_exit(1);
+      }
+   } const late;
+   static Planted<C> writer, shadow;
+   writer.mount(MirakType::writer);
+   shadow.mount(MirakType::shadow);
+   until([&] { return C::map(*shadow).ready(); });
+   shadow.entity->newMember(Listener::make([](Zeb::AttributeId, void const*) { std::exit(0); }));
+   writer.add(1, 2);
+   for (;;) Lomi::TaskSchedulerRoot::root().run(1);
+}
+
+TEST(Mounting, HoldsUntilTheLastStaticObjectHasGone) {
+   EXPECT_EXIT(leaveInACallback(), testing::ExitedWithCode(0), "");
 }
 
 } // namespace

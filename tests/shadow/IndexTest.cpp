@@ -37,10 +37,13 @@ public:
       ASSERT_NE(base_, old);
       map.patch(reinterpret_cast<char*>(base_) - reinterpret_cast<char*>(old));
    }
+   /// Called with what a walk will reach soon.
+   static void coming(Slot const& slot) { ASSERT_FALSE(slot.dead()); }
    /// The keys in order, by hints and without them.
    std::vector<Key> walk(bool hints) {
       std::vector<Key> keys;
-      for (Slot* slot = map.first(0); slot; slot = map.next(slot->rowKey(), hints ? slot : nullptr))
+      for (Slot* slot = map.first(0, coming); slot;
+           slot = map.next(slot->rowKey(), hints ? slot : nullptr, coming))
          keys.push_back(slot->rowKey());
       return keys;
    }
@@ -111,7 +114,8 @@ TEST(ShadowHashMapTest, KeepsItsOrderWhateverComesAndGoes) {
           << index.largest() << " for " << largest;
       Key const absent{dice.below(4000) * 0x9e3779b1u, 1u << 20};
       auto const after = wanted.upper_bound(absent);
-      auto* const next = index.map.next(absent, index.slotAt(dice.below(slots))); // of another key, or dead
+      auto const* const hint = index.slotAt(dice.below(slots)); // of another key, or dead
+      auto* const next = index.map.next(absent, hint, Index::coming);
       ASSERT_EQ(next == nullptr, after == wanted.end());
       ASSERT_TRUE(!next || next->rowKey() == after->first);
       ASSERT_EQ(index.map.find(absent), nullptr);

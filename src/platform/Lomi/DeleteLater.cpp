@@ -2,6 +2,7 @@
 #include "Lomi/DeleteLater.h"
 
 #include "Lomi/Fork.h"
+#include "Lomi/PerThread.h"
 #include "Lomi/TaskSchedulerRoot.h"
 
 #include <vector>
@@ -32,8 +33,7 @@ struct Leaving {
 } // namespace
 
 void deleteLater(std::shared_ptr<void> object) {
-   static thread_local Leaving leaving;
-   leaving.add(std::move(object));
+   perThread<Leaving>().add(std::move(object));
 }
 
 } // namespace Lomi

@@ -7,6 +7,7 @@
 
 #include "Lomi/Exception.h"
 #include "Lomi/Fork.h"
+#include "Lomi/PerThread.h"
 #include "Lomi/Trace.h"
 
 #include <algorithm>
@@ -271,10 +272,7 @@ bool Task::active() const { return state_ && state_->live; }
 TaskSchedulerRoot::TaskSchedulerRoot() = default;
 TaskSchedulerRoot::~TaskSchedulerRoot() = default;
 
-TaskSchedulerRoot& TaskSchedulerRoot::root() {
-   static thread_local TaskSchedulerRoot only;
-   return only;
-}
+TaskSchedulerRoot& TaskSchedulerRoot::root() { return perThread<TaskSchedulerRoot>(); }
 
 // Made at first need, and again in a forked child: there the parent's loops would refuse every call. They are
 // left alone for ever, because objects of the parent may still hold tasks in them.

@@ -10,7 +10,8 @@
 // What a normal task throws leaves run() or dispatch() after the round. What a critical task throws is logged
 // at level 0 and goes no further, since the operation that it interrupts must not be torn.
 //
-// Each root belongs to its thread. A forked child has roots of its own; tasks of the parent never run there.
+// Each root belongs to its thread, and serves until the process ends, also destructors of static objects. A
+// forked child has roots of its own; tasks of the parent never run there.
 #pragma once
 
 #include "Lomi/Export.h"
@@ -21,6 +22,7 @@
 
 namespace Lomi {
 
+template <class T> T& perThread();
 enum class TaskPriority { normal, critical };
 
 namespace Impl {
@@ -82,6 +84,7 @@ public:
 
 private:
    TaskSchedulerRoot();
+   template <class T> friend T& perThread();
    void runCritical();
    Impl::Scheduler& scheduler();
 

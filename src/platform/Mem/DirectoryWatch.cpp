@@ -9,6 +9,7 @@
 
 #include "Lomi/Exception.h"
 #include "Lomi/Fork.h"
+#include "Lomi/PerThread.h"
 #include "Lomi/TaskSchedulerRoot.h"
 
 #include <algorithm>
@@ -53,12 +54,14 @@ namespace Impl {
 
 class WatchHub {
 public:
-   WatchHub() { Lomi::TaskSchedulerRoot::root(); } // made before this, so it ends after this
-
    static std::shared_ptr<WatchHub> const& current() {
-      static thread_local std::shared_ptr<WatchHub> only;
-      if (!only || only->foreign()) only = std::make_shared<WatchHub>();
-      return only;
+      struct Current {
+         std::shared_ptr<WatchHub> hub;
+         Current() { Lomi::TaskSchedulerRoot::root(); } // where its tasks are, so it ends after this
+      };
+      auto& hub = Lomi::perThread<Current>().hub;
+      if (!hub || hub->foreign()) hub = std::make_shared<WatchHub>();
+      return hub;
    }
 
    void add(DirectoryWatch& watch) {

@@ -131,9 +131,15 @@ template <class Pair> inline Pair peekPair(Pair const& pair) {
    return std::atomic_ref<Pair>(const_cast<Pair&>(pair)).load(std::memory_order_relaxed);
 }
 
-/// Asks the processor to bring a shared line close. No access in the protocol's sense: no value is used.
-/// Always inline: as a call it would be dropped, since it has no effect that the compiler knows of.
+/// Asks the processor to bring a line close, shared or not. No access in the protocol's sense: no value is
+/// used. Always inline: as a call it would be dropped, since it has no effect that the compiler knows of.
 [[gnu::always_inline]] inline void prefetchShared(void const* at) { __builtin_prefetch(at, 0, 3); }
+/// The same for all lines of an object, at any address.
+template <class T> [[gnu::always_inline]] inline void prefetchWhole(T const& object) {
+   auto const* const at = reinterpret_cast<char const*>(&object);
+   for (std::size_t line = 0; line < sizeof(T); line += 64) prefetchShared(at + line);
+   prefetchShared(at + sizeof(T) - 1);
+}
 /// The same for a line that the writer is about to store to: it comes without the other processors' copies.
 /// The builtin would need a compiler flag for it; processors without the instruction do nothing.
 [[gnu::always_inline]] inline void prefetchSharedForStore(void const* at) {

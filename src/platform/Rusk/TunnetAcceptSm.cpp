@@ -2,6 +2,7 @@
 #include "Rusk/TunnetAcceptSm.h"
 
 #include "Lomi/Fork.h"
+#include "Lomi/PerThread.h"
 #include "Rusk/TunnetName.h"
 #include "Rusk/WriterRuskSm.h"
 
@@ -46,7 +47,7 @@ std::atomic<u32> nextNumber{0};
 } // namespace
 
 std::shared_ptr<TunnetAcceptSm> TunnetAcceptSm::tunnetAcceptSm(Mem::NaoRootPath const& rootPath) {
-   thread_local std::map<std::string, std::weak_ptr<TunnetAcceptSm>> all;
+   auto& all = Lomi::perThread<std::map<std::string, std::weak_ptr<TunnetAcceptSm>>>();
    auto& known = all[rootPath.root()];
    auto acceptor = known.lock();
    if (!acceptor || acceptor->forks_ != Lomi::forkGeneration())

@@ -9,6 +9,12 @@
 #include <fmt/format.h>
 
 namespace Tessel {
+namespace {
+
+constexpr u32 entriesToLater = 16;
+constexpr u32 entriesToSoon = 8;
+
+} // namespace
 
 /// The current table's entries below a count.
 template <class Slot> class TesselReader<Slot>::TesselNotifications {
@@ -166,6 +172,9 @@ template <class Slot> WalkResult TesselReader<Slot>::step(u64 attachment) {
    if (!same(generation_)) return WalkResult::more;
    if (sequence <= last_ || sequence > next)
       corrupt(fmt::format("bad sequence:{} pos:{} behind:{} next:{}", sequence, position_, last_, next));
+   if (u32 const later = position_ + entriesToLater; later < count)
+      client_.coming(Mem::loadShared(now.entries()[later].slot),
+                     Mem::loadShared(now.entries()[position_ + entriesToSoon].slot));
    if (slot != tombstoneSlot) {
       bool taken = false;
       consumed_ = false;

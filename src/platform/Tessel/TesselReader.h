@@ -27,6 +27,12 @@ public:
    /// @param compare nothing is to be reported if the slot holds what the client has
    /// @return false if validateNotif() was asked and said false; then nothing was changed
    virtual bool doSlot(Slot slot, Rusk::Sequence sequence, bool compare) = 0;
+   /// Slots that a walk will reach some entries from now, for a client that wants to have their memory at
+   /// hand by then: first as `later`, then as `soon`. Promises nothing; any number may come.
+   virtual void coming(Slot later, Slot soon) {
+      static_cast<void>(later);
+      static_cast<void>(soon);
+   }
 
 protected:
    ~SlotClient() = default;

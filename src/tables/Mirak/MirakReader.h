@@ -86,6 +86,14 @@ public:
    /// Reads the row of one slot. @param defaultOut sizeof(Value) bytes that take the default row if the slot
    /// holds none, or null. @return whether it holds one
    bool getValue(u32 slot, Value& buffer, void* defaultOut) const;
+   /// Asks for the lines of a slot that getValue() will read soon. Any number will do.
+   [[gnu::always_inline]] void prefetch(u32 slot) const {
+      if (slot < slots_.capacity()) Mem::prefetchWhole(slots_.slots().base[slot]);
+   }
+   /// The place in the table's order of the row that a slot may hold: a guess. Any number will do.
+   u32 peekHash(u32 slot) const {
+      return slot < slots_.capacity() ? SlotTableType::loadWordAndHash(slots_.slots().base[slot]).rhash : 0;
+   }
 
    void validateVersionAnchor() const override { validateVersionAnchor(slots_.anchor()); }
    /// The same for an anchor that was kept. @throws Mem::VersionMismatchException

@@ -68,6 +68,7 @@ public:
    bool callsBack() const override { return true; }
 
    bool doSlot(Tessel::BasicSlot slot, Rusk::Sequence seq, bool compare) override;
+   void coming(Tessel::BasicSlot later, Tessel::BasicSlot soon) override { store_->coming(later, soon); }
    void doFlushSlot(u32 slot) override { store_->doFlushSlot(slot); }
 
    Value const* lookup(Key const& key, bool& found, void* out) const override;

@@ -17,6 +17,7 @@
 #include "Lomi/Trace.h"
 #include "Lomi/Util.h"
 #include "Mem/Local.h"
+#include "Mem/SharedWords.h"
 #include "Mirak/Counters.h"
 #include "Mirak/KeyText.h"
 #include "Mirak/ShadowSlot.h"
@@ -56,10 +57,15 @@ public:
    /// Null if the key isn't there.
    Slot* find(Key const& key) const;
    /// The first entry at or after a bucket, null if there is none.
-   Slot* first(u32 bucket) const;
+   /// @param coming is called with slots that a walk will reach soon, to fetch what belongs to them
+   template <class Coming> Slot* first(u32 bucket, Coming const& coming) const;
    /// The entry after `key`, whether or not `key` is there; null at the end.
    /// @param hint the slot that held `key` when it was met, or null
-   Slot* next(Key const& key, Slot const* hint) const;
+   template <class Coming> Slot* next(Key const& key, Slot const* hint, Coming const& coming) const;
+   /// Asks for the head of the chain to which entries of that hash, bits reversed, belong.
+   [[gnu::always_inline]] void prefetchPlace(u32 hash) const {
+      Mem::prefetchShared(&buckets_[bucketOf(hash)]);
+   }
    /// The array of slots has moved by `offset` bytes.
    void patch(std::ptrdiff_t offset);
 
@@ -68,7 +74,8 @@ public:
 
 private:
    static constexpr u32 fewestBuckets = 2;
-   static constexpr u32 loadShift_ = 0; ///< log2 of the entries a bucket takes on average
+   static constexpr u32 chainsAhead = 24; ///< of a walk: whose first entries to have on their way
+   static constexpr u32 loadShift_ = 0;   ///< log2 of the entries a bucket takes on average
 
    u32 hashOf(Key const& key) const { return Lomi::Util::reverse(ops_.hash(key)); }
    u32 bucketOf(u32 hash) const { return hash >> (32 - bucketFactor_); }
@@ -91,6 +98,7 @@ private:
       if (following) following->prev = &slot.next;
       *at = &slot;
    }
+   template <class Coming> void lookAhead(u32 bucket, Coming const& coming) const;
    bool replace(Slot& old, u32 slotIndex, Slot& slot);
    void grow();
    void shrink();
@@ -177,20 +185,43 @@ template <class Slot> Slot* ShadowHashMap<Slot>::find(Key const& key) const {
    return nullptr;
 }
 
-template <class Slot> Slot* ShadowHashMap<Slot>::first(u32 bucket) const {
-   for (; bucket < numBuckets_; ++bucket)
+// --- walking ---
+
+/// Buckets are neighbours in the order of a walk, their slots are strangers in memory: has those that the
+/// walk will reach soon on their way into the cache, many at a time.
+template <class Slot>
+template <class Coming>
+[[gnu::always_inline]] inline void ShadowHashMap<Slot>::lookAhead(u32 bucket, Coming const& coming) const {
+   if (bucket + chainsAhead >= numBuckets_) return;
+   auto const fetch = [&coming](Slot const* slot) __attribute__((always_inline)) {
+      if (!slot) return;
+      Mem::prefetchWhole(*slot);
+      coming(*slot);
+   };
+   fetch(buckets_[bucket + chainsAhead]);
+   if (Slot const* const slot = buckets_[bucket + chainsAhead / 2]) fetch(slot->next);
+}
+
+template <class Slot>
+template <class Coming>
+Slot* ShadowHashMap<Slot>::first(u32 bucket, Coming const& coming) const {
+   for (; bucket < numBuckets_; ++bucket) {
+      lookAhead(bucket, coming);
       if (buckets_[bucket]) return buckets_[bucket];
+   }
    return nullptr;
 }
 
-template <class Slot> Slot* ShadowHashMap<Slot>::next(Key const& key, Slot const* hint) const {
+template <class Slot>
+template <class Coming>
+Slot* ShadowHashMap<Slot>::next(Key const& key, Slot const* hint, Coming const& coming) const {
    if (hint && !hint->dead() && hint->rowKey() == key)
-      return hint->next ? hint->next : first(bucketOf(hint->hash) + 1);
+      return hint->next ? hint->next : first(bucketOf(hint->hash) + 1, coming);
    ++counters_.nextSlowPath;
    u32 const hash = hashOf(key);
    Slot* slot = *placeOf(hash, key);
    if (isAt(slot, hash, key)) slot = slot->next;
-   return slot ? slot : first(bucketOf(hash) + 1);
+   return slot ? slot : first(bucketOf(hash) + 1, coming);
 }
 
 template <class Slot> void ShadowHashMap<Slot>::patch(std::ptrdiff_t offset) {
@@ -233,6 +264,7 @@ template <class Slot> void ShadowHashMap<Slot>::grow() {
    ++bucketFactor_;
    // Downwards, so that each pair lies above all buckets that are still to be cut.
    for (u32 old = numBuckets_; old-- > 0;) {
+      if (old >= chainsAhead) Mem::prefetchShared(buckets_[old - chainsAhead]);
       Slot* const chain = buckets_[old];
       buckets_[old] = nullptr;
       Slot** at = &buckets_[2 * old];

@@ -53,6 +53,8 @@ public:
    /// @return false: nothing was changed, the entry no longer counts
    /// @throws Lomi::MemoryResourceException, Mirak::TableReformattedException, and what a callback throws
    virtual bool doSlot(Tessel::BasicSlot slotIndex, Rusk::Sequence seq, bool compare) = 0;
+   /// Fetches into the cache what doSlot() will touch for these slots. Any numbers, in this order for each.
+   virtual void coming(u32 later, u32 soon) const = 0;
    /// Drops what is in the local slot; tells of it if the mount asked for that.
    virtual void doFlushSlot(u32 slotIndex) = 0;
    virtual u64 shadowMappedSize() const = 0; ///< bytes
@@ -84,6 +86,7 @@ public:
 
    bool initialize() override;
    bool doSlot(Tessel::BasicSlot slotIndex, Rusk::Sequence seq, bool compare) override;
+   void coming(u32 later, u32 soon) const override;
    void doFlushSlot(u32 slotIndex) override;
    u64 shadowMappedSize() const override { return slotsMem_.mappedSize() + hashMap_.mappedSize(); }
    u64 kestorMappedSize() const override { return 0; }
@@ -116,6 +119,12 @@ private:
    Value const* safeValue(Slot const& slot, void* out) const;
    bool yield(Slot const* slot, Value& value, IterHint& hint) const;
    u32 indexOf(Slot const& slot) const { return static_cast<u32>(&slot - slots_); }
+   /// What a walk fetches for the slots that it will reach: a keyshadow the shared slot with the row.
+   auto coming() const {
+      return [this](Slot const& slot) __attribute__((always_inline)) {
+         if constexpr (!Slot::keepsValue) reader_.prefetch(indexOf(slot));
+      };
+   }
 
    MirakReader<Ops>& reader_;
    Reader::Counters& counters_;

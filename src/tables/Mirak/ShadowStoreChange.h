@@ -40,6 +40,7 @@ private:
 template <class Slot>
 bool ShadowStore<Slot>::doSlot(Tessel::BasicSlot slotIndex, Rusk::Sequence seq, bool compare) {
    if (!enabled_ || !covers(slotIndex)) return true;
+   if (seq == Rusk::noSequence) coming(slotIndex + 16, slotIndex + 8); // a sweep goes from slot to slot
    Pending const pending(*this);
    *cacheAnchor_ = {};
    Value row;
@@ -81,6 +82,13 @@ bool ShadowStore<Slot>::doSlot(Tessel::BasicSlot slotIndex, Rusk::Sequence seq, 
       notify_.keyFn(key);
    }
    return true;
+}
+
+/// Twice, since a slot must be there before its place in the index is known.
+template <class Slot> void ShadowStore<Slot>::coming(u32 later, u32 soon) const {
+   reader_.prefetch(later);
+   if (later < numSlots_) Mem::prefetchWhole(slots_[later]);
+   if (soon < numSlots_ && slots_[soon].dead()) hashMap_.prefetchPlace(reader_.peekHash(soon));
 }
 
 /// Makes the array reach a slot. @return false: the shared table doesn't

@@ -94,7 +94,7 @@ template <class Slot> auto ShadowStore<Slot>::safeValue(Slot const& slot, void* 
 }
 
 template <class Slot> bool ShadowStore<Slot>::first(u32 bucket, Value& value, IterHint& hint) const {
-   return yield(enabled_ ? hashMap_.first(bucket) : nullptr, value, hint);
+   return yield(enabled_ ? hashMap_.first(bucket, coming()) : nullptr, value, hint);
 }
 
 template <class Slot> bool ShadowStore<Slot>::next(Key const& key, Value& value, IterHint& hint) const {
@@ -103,13 +103,13 @@ template <class Slot> bool ShadowStore<Slot>::next(Key const& key, Value& value,
       at = &slots_[hint.slot];
    else
       ++counters_.nextSlowPath;
-   return yield(enabled_ ? hashMap_.next(key, at) : nullptr, value, hint);
+   return yield(enabled_ ? hashMap_.next(key, at, coming()) : nullptr, value, hint);
 }
 
 /// Hands out the row of the slot, or of the next one that has any.
 template <class Slot> bool ShadowStore<Slot>::yield(Slot const* slot, Value& value, IterHint& hint) const {
    currentAnchor_ = readerAnchor_;
-   for (; slot; slot = hashMap_.next(slot->rowKey(), slot)) {
+   for (; slot; slot = hashMap_.next(slot->rowKey(), slot, coming())) {
       hint.slot = indexOf(*slot);
       if constexpr (Slot::keepsValue) {
          if (&value != &slot->value) value = slot->value;

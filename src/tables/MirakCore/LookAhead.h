@@ -37,8 +37,7 @@ public:
    /// Asks for all of the slot that `link` names. @return the slot
    [[gnu::always_inline]] Slot const& prefetchBehind(SlotLink const& link) const {
       Slot const& slot = behind(link);
-      Mem::prefetchShared(&slot);
-      prefetchRest(slot);
+      Mem::prefetchWhole(slot);
       return slot;
    }
 
