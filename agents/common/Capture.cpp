@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <memory>
 #include <pcap/pcap.h>
 #include <string_view>
 #include <sys/stat.h>
@@ -36,7 +37,7 @@ char const* unpackerOf(int fd) {
 std::FILE* streamOf(int fd) {
    cookie_io_functions_t const functions{
        .read = [](void* cookie, char* into, std::size_t size) -> ssize_t {
-          int const from = static_cast<int>(reinterpret_cast<std::intptr_t>(cookie));
+          int const from = *static_cast<int*>(cookie);
           for (;;) {
              waitInLoop(from, -1);
              if (stopRequested()) return 0;
@@ -46,9 +47,12 @@ std::FILE* streamOf(int fd) {
        },
        .write = nullptr,
        .seek = nullptr,
-       .close = [](void* cookie) { return close(static_cast<int>(reinterpret_cast<std::intptr_t>(cookie))); },
+       .close = [](void* cookie) { return close(*std::unique_ptr<int>(static_cast<int*>(cookie))); },
    };
-   return fopencookie(reinterpret_cast<void*>(static_cast<std::intptr_t>(fd)), "rb", functions);
+   auto cookie = std::make_unique<int>(fd);
+   std::FILE* const stream = fopencookie(cookie.get(), "rb", functions);
+   if (stream) cookie.release(); // the stream's close takes it
+   return stream;
 }
 
 } // namespace

@@ -2,11 +2,14 @@
 // The stress test's writer and reader as two threads of one process, on one and the same mapping: every
 // access of one side that could race with the other's has the same address on both. With the argument "race"
 // the writer also changes a row past Mem/SharedWords.h, as a careless writer would: a race detector must say
-// so, or it sees nothing at all here. With the argument "queue" the other side follows the change queue.
+// so, or it sees nothing at all here. With the argument "queue" the other side follows the change queue, with
+// "shadow" it is a mounted shadow, woken through the socket.
 //
 // Direct mode is left out: its caller fills a place with plain stores that a late reader may still be
 // copying, and that reader throws its copy away.
 #include "Copy.h"
+#include "Lomi/TaskSchedulerRoot.h"
+#include "Mirak/MirakMap.h"
 #include "TestRoot.h"
 #include "Workload.h"
 
@@ -65,9 +68,28 @@ int readBesideWriter(bool race) {
    return shared.complaint.count != 0 || shared.bucketResizes == 0;
 }
 
+using Followed = Test::Row<7, true>;
+using FollowedOps = Test::OpsOf<Followed>;
+using FollowedWriter = Mirak::MirakWriter<FollowedOps>;
+
+// The rows that stay are others each time, so that compactions have to move them.
+template <class More> void changeWhile(FollowedWriter& writer, More const& more) {
+   u32 generation = 0;
+   Followed removed;
+   auto const key = [](u32 i) { return Test::Key{i * 0x9e3779b1u, i}; };
+   for (u32 tide = 0; tide < 40 || more(); ++tide) {
+      for (u32 i = 0; i < 600; ++i) {
+         writer.write(Followed::make(key(i), ++generation), true);
+         if (i % 100 == 0) Lomi::TaskSchedulerRoot::root().run(0);
+      }
+      u32 const from = tide % 2 ? 0 : 580;
+      for (u32 i = 0; i < 600; ++i)
+         if (i - from >= 20) writer.remove(key(i), removed);
+   }
+}
+
 int followBesideWriter() {
-   using Followed = Test::Row<7, true>;
-   Mirak::MirakWriter<Test::OpsOf<Followed>> writer(Test::quiet(), "followed", Mirak::MapDescriptor(500));
+   FollowedWriter writer(Test::quiet(), "followed", Mirak::MapDescriptor(500));
    writer.initialize("test");
    std::atomic<bool> done{false};
    std::atomic<u64> walks{0}, moved{0};
@@ -83,16 +105,7 @@ int followBesideWriter() {
       }
       difference = copy.difference();
    });
-   // The rows that stay are others each time, so that compactions have to move them.
-   u32 generation = 0;
-   Followed removed;
-   auto const key = [](u32 i) { return Test::Key{i * 0x9e3779b1u, i}; };
-   for (u32 tide = 0; tide < 40 || moved == 0; ++tide) {
-      for (u32 i = 0; i < 600; ++i) writer.write(Followed::make(key(i), ++generation), true);
-      u32 const from = tide % 2 ? 0 : 580;
-      for (u32 i = 0; i < 600; ++i)
-         if (i - from >= 20) writer.remove(key(i), removed);
-   }
+   changeWhile(writer, [&] { return moved == 0; });
    done = true;
    following.join();
    auto const counters = writer.writerCounters();
@@ -101,11 +114,58 @@ int followBesideWriter() {
    return !difference.empty() || counters.queueTurns == 0;
 }
 
+struct Shadow : Mirak::MirakMap<FollowedOps> {
+   explicit Shadow(std::string const& table)
+      : MirakMap(table) {
+      notify.changeFn = [this](Followed const& row) { heard[row.key()] = row.generation(); };
+      notify.keyDelFn = [this](Test::Key const& key) { heard.erase(key); };
+      backIs(createDefaultLocalWriter(*debugHandler));
+   }
+   Test::Content heard;
+};
+
+int shadowBesideWriter() {
+   FollowedWriter writer(Test::quiet(), "shadowed", Mirak::MapDescriptor(500));
+   writer.initialize("test");
+   std::atomic<bool> done{false}, ended{false};
+   std::atomic<u64> moved{0};
+   Test::Content heard, rows;
+   std::thread following([&] {
+      auto& loop = Lomi::TaskSchedulerRoot::root();
+      Shadow shadow("shadowed");
+      Mirak::MapDescriptor descriptor(0);
+      descriptor.type = Mirak::MirakType::shadow;
+      shadow.init(descriptor);
+      for (bool last = false; !last;) {
+         last = done;
+         loop.run(0.01);
+         moved = shadow.readerCounters().shadowKeyMoves;
+         last = last && shadow.mountStatus() == Mem::MountStatus::synchronised && shadow.quiesced();
+      }
+      heard = shadow.heard;
+      ended = true;
+      shadow.controlDetach();
+   });
+   changeWhile(writer, [&] { return moved == 0; });
+   done = true;
+   while (!ended) Lomi::TaskSchedulerRoot::root().run(0.01);
+   following.join();
+   Followed row;
+   Mirak::IterHint hint;
+   for (bool more = writer.first(row, hint); more; more = writer.next(row.key(), row, hint))
+      rows[row.key()] = row.generation();
+   fmt::print("{} rows, {} turns, {} moves met by the shadow\n", rows.size(),
+              writer.writerCounters().queueTurns, moved.load());
+   return heard != rows || rows.size() != 20;
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
    std::string_view const mode = argc > 1 ? argv[1] : "";
    Test::testRoot();
    Mem::ParcelWrapper::sharedBase = baseOf;
-   return mode == "queue" ? followBesideWriter() : readBesideWriter(mode == "race");
+   if (mode == "queue") return followBesideWriter();
+   if (mode == "shadow") return shadowBesideWriter();
+   return readBesideWriter(mode == "race");
 }

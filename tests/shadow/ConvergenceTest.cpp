@@ -138,7 +138,7 @@ public:
       , totals_(totals) {
       std::filesystem::remove_all(testRoot() + "/shadowed");
       Mem::ParcelWrapper::moveAlways = dice_.oneIn(4);
-      throwing_ = dice_.oneIn(3);
+      throwing_ = seed % 3 == 0;
       source_ = std::make_unique<Source>(dice_, totals);
       for (u32 n = 1 + dice_.below(2); n > 0; --n) {
          auto client = std::make_unique<Told>("shadowed");
@@ -309,7 +309,7 @@ TEST(ShadowConvergence, AQuietMomentLaterEachCopyIsTheTable) {
               totals.moves, totals.formats, totals.restarts, totals.thrown);
    for (u64 const happened : {totals.between, totals.turns, totals.compactions, totals.resyncs,
                               totals.refused, totals.moves, totals.formats, totals.restarts, totals.thrown})
-      EXPECT_GT(happened, 10u);
+      EXPECT_GT(happened, 10 / slow);
 }
 
 } // namespace

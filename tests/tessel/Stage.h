@@ -13,6 +13,10 @@
 #include <ucontext.h>
 #include <vector>
 
+#ifdef __SANITIZE_ADDRESS__
+#include <sanitizer/common_interface_defs.h>
+#endif
+
 namespace Test {
 
 /// Runs actors in turns that the dice choose.
@@ -25,13 +29,16 @@ public:
       actors_.push_back(std::make_unique<Actor>());
       actors_.back()->run = std::move(actor);
    }
-   /// Until all have returned, or one has failed.
+   /// Until all have returned, which they do once one has failed.
    void play() {
       for (auto& actor : actors_) prepare(*actor);
       Mem::Seam::observer = this;
       u32 favourite = 0;
-      for (u64 turns = 0; failure.empty() && !allDone(); ++turns) {
-         if (turns > 5'000'000) fail("no end");
+      for (u64 turns = 0; !allDone(); ++turns) {
+         if (turns > 5'000'000) {
+            fail("no end");
+            break;
+         }
          if (dice_.oneIn(60)) favourite = dice_.below(static_cast<u32>(actors_.size()));
          u32 const next = dice_.oneIn(8) ? dice_.below(static_cast<u32>(actors_.size())) : favourite;
          if (actors_[next]->done) {
@@ -39,7 +46,7 @@ public:
             continue;
          }
          now_ = actors_[next].get();
-         ::swapcontext(&home_, &now_->context);
+         change(home_, *now_);
          now_ = nullptr;
       }
       Mem::Seam::observer = nullptr;
@@ -49,8 +56,7 @@ public:
       if (now_ && !muted && dice_.oneIn(4)) pause();
    }
    void pause() {
-      Actor* const me = now_;
-      if (me) ::swapcontext(&me->context, &home_);
+      if (Actor* const me = now_) change(*me, home_);
    }
    void fail(std::string text) {
       if (failure.empty()) failure = std::move(text);
@@ -62,17 +68,23 @@ public:
    bool muted = false;
 
 private:
-   struct Actor {
-      ucontext_t context;
+   /// A stack, and where its execution stands.
+   struct Place {
+      ucontext_t context{};
+      void const* bottom = nullptr;
+      std::size_t size = 0;
+      void* shelf = nullptr; // of AddressSanitizer
+   };
+   struct Actor : Place {
       std::vector<char> stack = std::vector<char>(128 * 1024);
       std::function<void()> run;
       bool done = false;
    };
    void prepare(Actor& actor) {
       ::getcontext(&actor.context);
-      actor.context.uc_stack.ss_sp = actor.stack.data();
-      actor.context.uc_stack.ss_size = actor.stack.size();
-      actor.context.uc_link = &home_;
+      actor.bottom = actor.context.uc_stack.ss_sp = actor.stack.data();
+      actor.size = actor.context.uc_stack.ss_size = actor.stack.size();
+      actor.context.uc_link = &home_.context;
       current() = this;
       ::makecontext(&actor.context, &Stage::start, 0);
    }
@@ -80,23 +92,45 @@ private:
       static Stage* stage = nullptr;
       return stage;
    }
-   static void start() {
+   // Nothing of its own lies on a stack that has been left.
+   [[gnu::no_sanitize_address]] static void start() {
       Stage& stage = *current();
-      Actor& me = *stage.now_;
+      arrived(nullptr, &stage.home_.bottom, &stage.home_.size);
+      stage.runActor(*stage.now_);
+      leaving(nullptr, stage.home_);
+   }
+   void runActor(Actor& me) {
       try {
          me.run();
       } catch (std::exception const& error) {
-         stage.fail(std::string("threw: ") + error.what());
+         fail(std::string("threw: ") + error.what());
       }
       me.done = true;
    }
+   static void change(Place& from, Place& to) {
+      leaving(&from.shelf, to);
+      ::swapcontext(&from.context, &to.context);
+      arrived(from.shelf, nullptr, nullptr);
+   }
+   // AddressSanitizer must know on which stack it is, or takes what an exception leaves behind for a fault.
+#ifdef __SANITIZE_ADDRESS__
+   static void leaving(void** shelf, Place const& to) {
+      __sanitizer_start_switch_fiber(shelf, to.bottom, to.size);
+   }
+   static void arrived(void* shelf, void const** fromBottom, std::size_t* fromSize) {
+      __sanitizer_finish_switch_fiber(shelf, fromBottom, fromSize);
+   }
+#else
+   static void leaving(void**, Place const&) {}
+   static void arrived(void*, void const**, std::size_t*) {}
+#endif
    bool allDone() const {
       return std::all_of(actors_.begin(), actors_.end(), [](auto& actor) { return actor->done; });
    }
 
    Dice& dice_;
    std::vector<std::unique_ptr<Actor>> actors_;
-   ucontext_t home_{};
+   Place home_;
    Actor* now_ = nullptr;
 };
 

@@ -32,8 +32,6 @@ struct Leaving {
 
 } // namespace
 
-void deleteLater(std::shared_ptr<void> object) {
-   perThread<Leaving>().add(std::move(object));
-}
+void deleteLater(std::shared_ptr<void> object) { perThread<Leaving>().add(std::move(object)); }
 
 } // namespace Lomi

@@ -168,7 +168,7 @@ public:
    }
 
 private:
-   static constexpr u32 sliceEntries = 4096; // of a turn, between two looks at the clock
+   static constexpr u32 sliceEntries = 4096;     // of a turn, between two looks at the clock
    static constexpr double sliceSeconds = 0.004; // a turn may come at the end of a slice of the table's own
 
    struct Found;

@@ -28,7 +28,8 @@ public:
 
 private:
    void renew() {
-      if (enabled_) at_ = Lomi::Rdtsc::now() + static_cast<Mem::u64>(seconds * Lomi::Rdtsc::calibrationRate());
+      if (enabled_)
+         at_ = Lomi::Rdtsc::now() + static_cast<Mem::u64>(seconds * Lomi::Rdtsc::calibrationRate());
    }
    static constexpr double seconds = 0.005;
    bool const enabled_;

@@ -22,7 +22,7 @@ namespace Mirak::Util {
 namespace {
 std::atomic<bool> strict{false};
 std::atomic<bool> markers{true};
-}
+} // namespace
 
 void writeCorruptionFile(Lomi::Platform::DebugHandler const& handler, std::string const& directory,
                          std::string const& error) {
