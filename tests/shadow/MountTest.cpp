@@ -449,6 +449,47 @@ TEST_P(ShadowMount, DamageTakesTheTableAwayAndLeavesAMarker) {
    }
 }
 
+/// It may meet a row at its old place, at its new one, or at both.
+TEST_P(ShadowMount, SweepsBetweenAnyTwoStoresOfACompaction) {
+   struct Amid final : Mem::Seam::Observer {
+      std::function<bool()> begun;
+      std::function<void()> act;
+      u32 left = 0; // stores before `act`
+      void beforeStore(void*, void const*, std::size_t) override {
+         if (!begun() || left-- != 0) return;
+         Mem::Seam::observer = nullptr;
+         act();
+      }
+   } amid;
+   bool swept = true;
+   amid.begun = [&] { return writer->tesselWriter().corralStart() != 0; };
+   amid.act = [&] {
+      client->init(wanted());
+      swept = runUntil([&] { return client->mountStatus() == Mem::MountStatus::synchronised; });
+   };
+   u32 store = 0;
+   for (; swept; ++store) {
+      client->controlDetach();
+      writer.reset();
+      std::filesystem::remove_all(testRoot() + "/shadowed");
+      writer = newWriter("shadowed");
+      fill(34);
+      R removed;
+      for (u32 number = 0; number < 18; ++number) writer->remove(keyOf(number), removed);
+      ASSERT_EQ(writer->capacity(), 64u);
+      swept = false;
+      amid.left = store;
+      Mem::Seam::observer = &amid;
+      writer->remove(keyOf(18), removed);
+      Mem::Seam::observer = nullptr;
+      ASSERT_EQ(writer->capacity(), 32u);
+      if (!swept) break;
+      expectTable();
+      ASSERT_FALSE(HasFailure()) << store;
+   }
+   EXPECT_GT(store, 20u);
+}
+
 INSTANTIATE_TEST_SUITE_P(Both, ShadowMount, testing::Bool(),
                          [](auto const& variant) { return variant.param ? "keyshadow" : "shadow"; });
 
