@@ -228,7 +228,7 @@ TEST(Damage, StopsAWriterAndEndsAReadersWalkQuietly) {
    static Planted<C> writer, shadow;
    writer.mount(MirakType::writer);
    shadow.mount(MirakType::shadow);
-   until([&] { return C::map(*shadow).ready(); });
+   runUntil([&] { return C::map(*shadow).ready(); });
    shadow.entity->newMember(Listener::make([](Zeb::AttributeId, void const*) { std::exit(0); }));
    writer.add(1, 2);
    for (;;) Lomi::TaskSchedulerRoot::root().run(1);
