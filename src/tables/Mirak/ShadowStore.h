@@ -118,9 +118,10 @@ private:
    u32 indexOf(Slot const& slot) const { return static_cast<u32>(&slot - slots_); }
    /// What a walk fetches for the slots that it will reach: a keyshadow the shared slot with the row.
    auto coming() const {
-      return [this](Slot const& slot) __attribute__((always_inline)) {
-         if constexpr (!Slot::keepsValue) reader_.prefetch(indexOf(slot));
-      };
+      if constexpr (Slot::keepsValue)
+         return [](Slot const&) {};
+      else
+         return [this](Slot const& slot) __attribute__((always_inline)) { reader_.prefetch(indexOf(slot)); };
    }
 
    MirakReader<Ops>& reader_;
