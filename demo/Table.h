@@ -96,10 +96,10 @@ private:
       bool operator==(Known const& other) const { return key == other.key; }
    };
    struct Hash {
-      std::size_t operator()(Known const& known) const { return known.key.hash(0); }
+      std::size_t operator()(Known const& row) const { return row.key.hash(0); }
    };
    struct Seen {
-      u64 packets = 0, bytes = 0, walk = 0;
+      u64 packets = 0, bytes = 0, lastWalk = 0;
    };
    using Map = std::unordered_map<Known, Seen, Hash>;
 
@@ -154,8 +154,8 @@ private:
       for (bool more = reader->first(value, hint); more; more = reader->next(value.fwkKey(), value, hint)) {
          ++passed;
          Seen& seen = known[Known{value.fwkKey()}];
-         if (seen.walk == walks) tally.anomaly(tally.twice, name + ": one row twice in a walk");
-         seen.walk = walks;
+         if (seen.lastWalk == walks) tally.anomaly(tally.twice, name + ": one row twice in a walk");
+         seen.lastWalk = walks;
          judge(seen, value);
       }
       tally.rowsWalked += passed;

@@ -86,7 +86,7 @@ private:
       }
       ~Crowd() {
          processes_.clear();
-         run_.loopUntil(nullptr, [&] { return run_.writer_->ruskSm().readers() == 0; });
+         run_.loopUntil(nullptr, [&] { return run_.writer_->queue().ruskSm.readers() == 0; });
       }
       State& front() { return *states_.front(); }
       void stop() {
@@ -109,7 +109,7 @@ private:
       void rest() {
          auto const all = static_cast<u32>(processes_.size());
          run_.loopUntil(processes_.empty() ? nullptr : &processes_.front(), [&] {
-            bool there = run_.writer_->ruskSm().sleepingReaders() == all;
+            bool there = run_.writer_->queue().ruskSm.sleepingReaders() == all;
             for (auto& state : states_) there = there && state->last == run_.writer_->sequence();
             return there;
          });

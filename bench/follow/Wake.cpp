@@ -88,7 +88,7 @@ public:
           who, sleeper,
           [&] {
              loop.dispatch();
-             return writer->ruskSm().sleepingReaders() == 1;
+             return writer->queue().ruskSm.sleepingReaders() == 1;
           },
           [&](Row const& row) { writer->write(tableRow(row), true); });
       writer->detach(false);

@@ -96,7 +96,7 @@ template <class R> std::string unannounced(Image const& before, Mirak::MirakWrit
    };
    if (!before.has("tessel") || !before.has("slots")) return {};
    using Table = Mirak::SlotTable<OpsOf<R>>;
-   auto const& queue = writer.tesselWriter();
+   auto const& queue = writer.queue().tesselWriter;
    auto const* header = reinterpret_cast<Tessel::QueueHeader const*>(queue.wrappers()[0]->base());
    u64 next = 0;
    word("tessel", offsetof(Tessel::QueueHeader, next), next);

@@ -227,7 +227,7 @@ TEST(Follower, TidesGiveTheMemoryBack) {
    settle([&] {
       // Changes go on: the queue needs some to get rid of the compactions' entries.
       for (u32 i = 0; i < 50; ++i) writer.write(R::make(tideKey(rows - 1), i), true);
-      return blocksOf(testRoot() + "/tides") < bytes / 8 && writer.tesselWriter().corralStart() == 0;
+      return blocksOf(testRoot() + "/tides") < bytes / 8 && writer.queue().tesselWriter.corralStart() == 0;
    });
    settle(quiesced);
    EXPECT_LT(residentFiles(), bytes / 8);

@@ -33,7 +33,7 @@ template <class Writer> std::map<std::string, Mem::ParcelWrapper const*> filesOf
    std::map<std::string, Mem::ParcelWrapper const*> files{{"slots", &writer.slotTable().wrapper()},
                                                           {"buckets", &writer.hashMap().buckets().wrapper()}};
    if constexpr (Writer::OpsType::hasChangeQueue)
-      for (auto const* wrapper : writer.tesselWriter().wrappers())
+      for (auto const* wrapper : writer.queue().tesselWriter.wrappers())
          files[std::filesystem::path(wrapper->getFilename()).filename()] = wrapper;
    return files;
 }

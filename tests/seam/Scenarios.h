@@ -257,7 +257,7 @@ template <class W = QueuedWide> Scenario<W> compactBesideAFollower() {
            Mirak::MapDescriptor(100),
            sparse<W>({1, 8, 9, 10}, twin),
            {[](Bench<W>& b) {
-               b.writer().tesselWriter().followersIs(&follower);
+               b.writer().queue().tesselWriter.followersIs(&follower);
                b.remove(twin(9));
             },
             puts<W>(twin(10)), removes<W>(twin(1)), puts<W>(twin(9))}};

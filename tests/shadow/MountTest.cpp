@@ -462,7 +462,7 @@ TEST_P(ShadowMount, SweepsBetweenAnyTwoStoresOfACompaction) {
       }
    } amid;
    bool swept = true;
-   amid.begun = [&] { return writer->tesselWriter().corralStart() != 0; };
+   amid.begun = [&] { return writer->queue().tesselWriter.corralStart() != 0; };
    amid.act = [&] {
       client->init(wanted());
       swept = runUntil([&] { return client->mountStatus() == Mem::MountStatus::synchronised; });

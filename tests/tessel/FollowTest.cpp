@@ -65,7 +65,7 @@ public:
       std::string error;
       if (writer->members() != truth.size()) return "the table lost count";
       u32 const mostSlots = Mem::loadShared(writer->slotTable().header().mostSlots);
-      if (writer->tesselWriter().count() > Tessel::entriesFor(mostSlots) + Tessel::leastEntries)
+      if (writer->queue().tesselWriter.count() > Tessel::entriesFor(mostSlots) + Tessel::leastEntries)
          return "the queue outgrew its bound";
       return writer->validate(writer->kestorId(), error, false) ? std::string() : error;
    }
@@ -77,7 +77,7 @@ private:
    void start() {
       writer = std::make_unique<Mirak::MirakWriter<OpsOf<R>>>(quiet(), "follow", descriptor_);
       writer->initialize("test");
-      writer->tesselWriter().followersIs(&followers_);
+      writer->queue().tesselWriter.followersIs(&followers_);
    }
    void count() {
       totals_.turns += writer->writerCounters().queueTurns;

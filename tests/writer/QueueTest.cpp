@@ -63,7 +63,7 @@ TEST_F(AtRest, IsAdoptedAndGoesOn) {
    auto const writer = open<R>("rest", fixedOf(6), quiet());
    EXPECT_EQ(writer->kestorId(), kestor_);
    EXPECT_EQ(writer->sequence(), 4u);
-   auto const& queue = writer->tesselWriter();
+   auto const& queue = writer->queue().tesselWriter;
    EXPECT_EQ(queue.count(), 4u);
    EXPECT_EQ(queue.notification(1).slot, Tessel::tombstoneSlot);
    EXPECT_EQ(queue.notification(3).slot, 1u);
@@ -143,8 +143,8 @@ TEST(Queue, LivesInPrivateMemoryWithoutFiles) {
    }
    EXPECT_EQ(difference(*writer, content, {key(1, 1), key(38, 38)}), "");
    EXPECT_GT(writer->writerCounters().slotShrinks, 0u);
-   EXPECT_EQ(writer->tesselWriter().count(), 0u);
-   EXPECT_EQ(writer->ruskSm().readers(), 0u);
+   EXPECT_EQ(writer->queue().tesselWriter.count(), 0u);
+   EXPECT_EQ(writer->queue().ruskSm.readers(), 0u);
    EXPECT_FALSE(std::filesystem::exists(testRoot() + "/local"));
 }
 
@@ -154,12 +154,12 @@ TEST(Queue, CompactsEveryTime) {
    for (bool followed : {false, true}) {
       std::filesystem::remove_all(testRoot() + "/tides");
       auto const writer = open<QueuedWide>("tides", Mirak::MapDescriptor(100), quiet());
-      if (followed) writer->tesselWriter().followersIs(&silent);
+      if (followed) writer->queue().tesselWriter.followersIs(&silent);
       QueuedWide removed;
       u64 largest = 0;
       for (u32 tide = 0; tide < 100; ++tide) {
          for (u32 i = 0; i < 60; ++i) writer->write(QueuedWide::make(key(i, i), tide + 1), true);
-         largest = std::max(largest, writer->tesselWriter().mappedSize());
+         largest = std::max(largest, writer->queue().tesselWriter.mappedSize());
          // One row stays and moves each time. Some of the others stay until the end, too.
          for (u32 i = 0; i < 59; ++i) writer->remove(key((i * 7) % 59, (i * 7) % 59), removed);
          EXPECT_EQ(writer->capacity(), writer->minSize()) << "tide " << tide << " followed " << followed;

@@ -74,10 +74,8 @@ template <class Record> u32 checkOf(Record const& record) {
 
 } // namespace
 
-OwnerFile::OwnerFile(Lomi::Platform::DebugHandler const& handler, Mem::NaoRootPath const& rootPath,
-                     bool local)
-   : handler_(handler)
-   , rootPath_(rootPath)
+OwnerFile::OwnerFile(Lomi::Platform::DebugHandler const&, Mem::NaoRootPath const& rootPath, bool local)
+   : rootPath_(rootPath)
    , local_(local) {
    static_assert(sizeof(Record) == 664 && offsetof(Record, check) == 660, "part of the file format");
    static_assert(sizeof(Record) < 4096,

@@ -105,7 +105,6 @@ private:
    void write(Record& record);
    bool directoryHoldsTable() const;
 
-   Lomi::Platform::DebugHandler const& handler_;
    Mem::NaoRootPath rootPath_;
    bool local_;
    std::unique_ptr<Mem::LockedFile> locked_;

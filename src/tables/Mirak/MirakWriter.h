@@ -132,8 +132,7 @@ public:
    // For the validator and for tests that look inside.
    SlotTableType& slotTable() { return slots_; }
    HashMap& hashMap() { return map_; }
-   auto& tesselWriter() requires(Ops::hasChangeQueue) { return queue_.tesselWriter; }
-   auto& ruskSm() requires(Ops::hasChangeQueue) { return queue_.ruskSm; }
+   WriterQueue<Ops>& queue() { return queue_; }
 
 private:
    struct Place {

@@ -76,11 +76,11 @@ template <class Ops, class Writer> bool Validator<Ops, Writer>::doValidate(Parce
    bool const slots = checkSlotHeader(kestor);
    bool queue = true;
    if constexpr (Ops::hasChangeQueue) {
-      queue = writer_.tesselWriter().validate(kestor, Mem::loadShared(writer_.slotTable().header().mostSlots),
+      queue = writer_.queue().tesselWriter.validate(kestor, Mem::loadShared(writer_.slotTable().header().mostSlots),
                                               error_);
    }
    if (!buckets || !slots || !queue) return false;
-   if constexpr (Ops::hasChangeQueue) tesselMarks_.grow(writer_.tesselWriter().count());
+   if constexpr (Ops::hasChangeQueue) tesselMarks_.grow(writer_.queue().tesselWriter.count());
    if (!walkOccupiedSlots() || !walkFreeSlots()) return false;
    if (u32 const sum = occupiedCount_ + freeCount_; sum != writer_.capacity())
       return fail(fmt::format("bad slotCount:{} occupiedSlots:{} freeSlots:{} capacity:{}", sum,
@@ -167,7 +167,7 @@ template <class Ops, class Writer> bool Validator<Ops, Writer>::walkFreeSlots() 
 
 /// An occupied slot's entry names it, and no other slot's.
 template <class Ops, class Writer> void Validator<Ops, Writer>::claimNotification(u32 slotIndex) {
-   auto const& queue = writer_.tesselWriter();
+   auto const& queue = writer_.queue().tesselWriter;
    u32 const pos = queue.tesselSlot(slotIndex);
    if (pos == noNotification) {
       LOMI_TRACE(debugHandler_, 9, "Validator", "no notification in tessel queue for occupied slotId:{}",
@@ -185,7 +185,7 @@ template <class Ops, class Writer> void Validator<Ops, Writer>::claimNotificatio
 /// A free slot may have an entry: that of its removal.
 template <class Ops, class Writer> bool Validator<Ops, Writer>::checkFreeNotification(u32 slotIndex) {
    if constexpr (Ops::hasChangeQueue) {
-      auto const& queue = writer_.tesselWriter();
+      auto const& queue = writer_.queue().tesselWriter;
       u32 const pos = queue.tesselSlot(slotIndex);
       if (pos == noNotification) return true;
       if (pos >= queue.count())
@@ -200,7 +200,7 @@ template <class Ops, class Writer> bool Validator<Ops, Writer>::checkFreeNotific
 /// Every entry is its slot's current one, a tombstone, or left by a compaction.
 template <class Ops, class Writer> bool Validator<Ops, Writer>::walkQueue() {
    if constexpr (Ops::hasChangeQueue) {
-      auto const& queue = writer_.tesselWriter();
+      auto const& queue = writer_.queue().tesselWriter;
       for (u32 pos = 0; pos < queue.count(); ++pos)
          if (!checkEntry(pos)) return false;
       LOMI_TRACE(debugHandler_, 5, "Validator", "{} of {} notifications are of occupied slots", tesselCount_,
@@ -212,7 +212,7 @@ template <class Ops, class Writer> bool Validator<Ops, Writer>::walkQueue() {
 }
 
 template <class Ops, class Writer> bool Validator<Ops, Writer>::checkEntry(u32 pos) {
-   auto const& queue = writer_.tesselWriter();
+   auto const& queue = writer_.queue().tesselWriter;
    auto const [offset, slot] = queue.notification(pos);
    u64 const seq = queue.baseSequence() + offset;
    u32 const tesselSlot = queue.tesselSlot(slot);
