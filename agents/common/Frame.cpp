@@ -55,7 +55,7 @@ Ports portsAt(Bytes const& packet, std::size_t offset, std::size_t length) {
 void parseIp4(Bytes const& packet, Ovie::VlanId vlanId, Frame& frame) {
    frame.verdict = Verdict::malformed;
    if (!packet.has(20)) return;
-   std::size_t const header = (packet.u8(0) & 15u) * 4;
+   std::size_t const header = std::size_t{4} * (packet.u8(0) & 15u);
    std::size_t const length = packet.u16(2);
    if (packet.u8(0) >> 4 != 4 || header < 20 || length < header) return;
    uint8_t const protocol = packet.u8(9);
@@ -84,11 +84,11 @@ Transport skipExtensions(Bytes const& packet) {
       case 43: // routing
       case 60: // destination options
          if (!packet.has(at + 2)) return transport;
-         transport.offset = at + (packet.u8(at + 1) + 1u) * 8;
+         transport.offset = at + std::size_t{8} * (packet.u8(at + 1) + 1u);
          break;
       case 51: // authentication, which counts in words of 4 bytes
          if (!packet.has(at + 2)) return transport;
-         transport.offset = at + (packet.u8(at + 1) + 2u) * 4;
+         transport.offset = at + std::size_t{4} * (packet.u8(at + 1) + 2u);
          break;
       case 44: { // fragment
          if (!packet.has(at + 4)) return transport;

@@ -80,7 +80,7 @@ CounterTables::CounterTables(std::string const& type, std::string const& name)
 CounterTables::CounterTables(Zeb::Ptr<Counter> counter, std::string const& type, std::string const& name)
    : ip4(*counter, counter->hoIpFlowCounter())
    , ip6(*counter, counter->hoIp6FlowCounter())
-   , counter_(counter) {
+   , counter_(std::move(counter)) {
    tree_->entityIs(Counter::mountPath(type, name), counter_);
    lost4_ = mountWriter(counter_->hoIpFlowCounterControl(), "hoIpFlowCounter", flowTableSize);
    lost6_ = mountWriter(counter_->hoIp6FlowCounterControl(), "hoIp6FlowCounter", flowTableSize);

@@ -33,7 +33,7 @@ Offers::Offers(Zeb::Ptr<Config> config, std::string const& type)
    : ip4(*config, config->hoIpFlowConfig())
    , ip6(*config, config->hoIp6FlowConfig())
    , statusPath_(Status::mountPath(type).view())
-   , config_(config) {
+   , config_(std::move(config)) {
    tree_->entityIs(Config::mountPath(type), config_);
    lost4_ = Agents::mountWriter(config_->hoIpFlowConfigControl(), "hoIpFlowConfig", Agents::flowTableSize);
    lost6_ = Agents::mountWriter(config_->hoIp6FlowConfigControl(), "hoIp6FlowConfig", Agents::flowTableSize);

@@ -59,7 +59,7 @@ public:
    static bool readerGone();
 
 private:
-   static constexpr std::size_t flushSize = 64 * 1024;
+   static constexpr std::size_t flushSize = 65536;
    bool waitForRoom() const;
 
    bool colour_, file_;

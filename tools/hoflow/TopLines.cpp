@@ -77,6 +77,7 @@ std::vector<TopLine> topLines(Pulses const& pulses, TopOrder order) {
    std::stable_sort(sorted.begin(), sorted.end(),
                     [](auto const& a, auto const& b) { return a.first < b.first; });
    std::vector<TopLine> lines;
+   lines.reserve(sorted.size());
    for (auto const& [key, table] : sorted) lines.push_back(lineOf(table.first, *table.second));
    return lines;
 }

@@ -56,6 +56,7 @@ std::vector<AllocTrackTypeInfo::Figures> AllocTrackTypeInfo::all() {
       known = records().known;
    }
    std::vector<Figures> figures;
+   figures.reserve(known.size());
    for (auto const* info : known) figures.push_back(info->figures());
    return figures;
 }

@@ -94,7 +94,7 @@ String sequenceToValue(String::IteratorConst& it, String::IteratorConst const& e
       }
       text += c;
    }
-   String const value(std::move(text));
+   String value(std::move(text));
    if (!closed || valueToStrep(value).view() != rest.substr(0, at))
       throw RangeException(expectedAt("a text in single quotes, as it is printed,", it, end));
    it += at;

@@ -18,7 +18,8 @@ namespace Mirak {
 template <class Ops, bool = Ops::hasChangeQueue> class WriterQueue {
 public:
    WriterQueue(Lomi::Platform::DebugHandler const&, Mem::NaoRootPath const&, MapDescriptor const&,
-               char const*, std::function<void()>, std::function<Parcel::KestorId()>, bool const&) {}
+               char const*, std::function<void()> const&, std::function<Parcel::KestorId()> const&,
+               bool const&) {}
 
    void notify(u32) {}
    void tombstone(u32) {}

@@ -104,7 +104,7 @@ template <class Ops> void WriterHashMap<Ops>::growBuckets(bool criticalTaskCheck
       auto const head = reinterpret_cast<std::uintptr_t>(entries + b);
       auto const slot =
           reinterpret_cast<std::uintptr_t>(slots) + std::uintptr_t{cuts[b].behind} * sizeof(Slot);
-      return reinterpret_cast<SlotLink*>(cuts[b].behind == noSlot ? head : slot);
+      return reinterpret_cast<SlotLink*>(cuts[b].behind == noSlot ? head : slot); // NOLINT(*-no-int-to-ptr)
    };
    for (u32 b = 0; b < n;) {
       for (u32 const end = std::min(n, b + stride); b < end; ++b) {
