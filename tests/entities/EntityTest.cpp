@@ -192,7 +192,7 @@ TYPED_TEST(Entity, EndsWithItsLastReferenceAndItsControlsKnow) {
    auto other = C::make("other");
    EXPECT_EQ(living(), before + 2);
    EXPECT_EQ(controls(), controlsBefore + 4);
-   auto const own = C::control(*e);
+   auto own = C::control(*e);
    C::controlIs(*e, C::control(*other));
    e = nullptr;
    EXPECT_EQ(living(), before + 1);
@@ -215,9 +215,14 @@ TYPED_TEST(Entity, EndsWithItsLastReferenceAndItsControlsKnow) {
    while (living() != before) Lomi::TaskSchedulerRoot::root().run(1);
    EXPECT_EQ(controls(), controlsBefore + 1); // `own`
 
-   typename C::Entity onTheStack("s"); // counts no less
-   C::is(onTheStack, typename C::Record(keyNumber<typename C::Key>(1)));
-   EXPECT_EQ(C::map(onTheStack).members(), 1u);
+   {
+      typename C::Entity onTheStack("s"); // counts no less, and its control lets go of it, too
+      own = C::control(onTheStack);
+      C::is(onTheStack, typename C::Record(keyNumber<typename C::Key>(1)));
+      EXPECT_EQ(C::map(onTheStack).members(), 1u);
+   }
+   EXPECT_EQ(own->entity(), nullptr);
+   EXPECT_THROW(own->controlDetach(), Lomi::InvalidInitializeException);
 }
 
 TYPED_TEST(Entity, WalksWhileRowsComeAndGo) {

@@ -238,5 +238,72 @@ TEST(Mounting, HoldsUntilTheLastStaticObjectHasGone) {
    EXPECT_EXIT(leaveInACallback(), testing::ExitedWithCode(0), "");
 }
 
+bool armed = false;
+/// A notifiee that throws when it hears of `attribute`, while armed.
+void throwOn(C::Entity& entity, Zeb::AttributeId attribute) {
+   C::control(entity)->newMember(Listener::make([attribute](Zeb::AttributeId heard, void const*) {
+      if (armed && heard == attribute) throw std::runtime_error("mine");
+   }));
+}
+
+/// The control, to which an agent listens, says what the collection says.
+void expectAgreement(C::Entity& entity, Mem::MountStatus status) {
+   EXPECT_EQ(C::map(entity).mountStatus(), status);
+   EXPECT_EQ(static_cast<Mem::MountStatus>(C::control(entity)->mountStatus()), status);
+   EXPECT_EQ(C::control(entity)->quiesced(), status != Mem::MountStatus::notMounted);
+}
+
+TEST(Mounting, ANotifieeThatThrowsLeavesItsControlRight) {
+   using Control = ZebParcel::CollectionControl;
+   Pair<C> pair;
+   throwOn(*pair.writer, Control::quiescedAttribute);
+   throwOn(*pair.reader, Control::mountStatusAttribute);
+   armed = true;
+   EXPECT_THROW(pair.writer.mount(MirakType::writer), std::runtime_error);
+   expectAgreement(*pair.writer, Mem::MountStatus::mounted);
+   EXPECT_THROW(pair.reader.mount(MirakType::reader), std::runtime_error);
+   expectAgreement(*pair.reader, Mem::MountStatus::notMounted);
+   armed = false;
+   std::size_t told = 0;
+   C::control(*pair.reader)->newMember(Listener::make([&](Zeb::AttributeId, void const*) { ++told; }));
+   pair.reader.mount(MirakType::reader);
+   expectAgreement(*pair.reader, Mem::MountStatus::mounted);
+   EXPECT_EQ(told, 2u);
+   armed = true;
+   EXPECT_THROW(C::control(*pair.reader)->controlDetach(), std::runtime_error);
+   expectAgreement(*pair.reader, Mem::MountStatus::notMounted);
+   armed = false;
+}
+
+TEST(Mounting, AnOrphanLosesBothMountsWhateverANotifieeThrows) {
+   Planted<C> planted;
+   planted.mount(MirakType::writer);
+   auto const other = planted.entity->hoIp6FlowConfigControl();
+   other->init(Mirak::MapDescriptor(100));
+   armed = true;
+   other->newMember(Listener::make([](Zeb::AttributeId, void const*) {
+      if (armed) throw std::runtime_error("mine");
+   }));
+   EXPECT_THROW(planted.entity->parentIs(nullptr), std::runtime_error);
+   armed = false;
+   EXPECT_EQ(C::map(*planted).mountStatus(), Mem::MountStatus::notMounted);
+   EXPECT_EQ(planted.entity->hoIp6FlowConfig().mountStatus(), Mem::MountStatus::notMounted);
+}
+
+/// The table begins to be formatted anew under an iterator that is made from a key.
+TEST(Mounting, AnIteratorFromAKeyDoesNotStandOnARowThatIsNone) {
+   Pair<C> pair;
+   pair.mount();
+   pair.writer.add(0, 10);
+   auto const place = C::map(*pair.reader).rootPath().str();
+   EXPECT_EQ(pair.reader.rows(), 10u);
+   std::filesystem::remove(place + "/kestor");
+   std::fstream file(place + "/slots", std::ios::binary | std::ios::in | std::ios::out);
+   file.seekp(offsetof(Mirak::SlotTableHeader, kestor));
+   file.write("\0\0\0\0", 4).flush();
+   EXPECT_FALSE(
+       HoFlowConfig::Attribute4::Map::IteratorConst(&C::map(*pair.reader), keyNumber<Key>(1)).valid());
+}
+
 } // namespace
 } // namespace Test

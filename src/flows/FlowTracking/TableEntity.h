@@ -43,7 +43,12 @@ public:
    Zeb::ZebType fwkType() const override { return Zeb::typeOf<Self>; }
    Zeb::String name() const override { return name_; }
    void handleParent(Zeb::Ptr<Zeb::Entity> const&) override {
-      ip6_.map().handleParent();
+      try {
+         ip6_.map().handleParent();
+      } catch (...) { // of a client that heard of its mount's end; the other mount ends, too
+         if (!this->parent()) ip_.map().handleParent();
+         throw;
+      }
       ip_.map().handleParent();
    }
 

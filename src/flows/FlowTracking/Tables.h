@@ -3,8 +3,8 @@
 // are instantiated once, in the Tables*.cpp beside this, so a user's source compiles quickly.
 //
 //   char const* const table = "flowtracking/default/...";
-//   FlowTracking::HoIpFlowCounterOps::Writer writer(handler, table, Mirak::MapDescriptor(100));
-//   FlowTracking::HoIpFlowCounterOps::Reader reader(handler, table);
+//   Mirak::MirakWriter<FlowTracking::HoIpFlowCounterOps> writer(handler, table, Mirak::MapDescriptor(100));
+//   Mirak::MirakReader<FlowTracking::HoIpFlowCounterOps> reader(handler, table, {});
 #pragma once
 
 #include "FlowTracking/HoFlowConfig.h"

@@ -39,6 +39,12 @@ public:
    CollectionAttribute(Zeb::NotifieeList& list, Binding const& binding)
       : binding_(binding)
       , notifieeList_(list) {}
+   /// An entity that nobody counted, a plain variable, ends without a farewell.
+   ~CollectionAttribute() {
+      if (ownControl_) ownControl_->collectionGone();
+   }
+   CollectionAttribute(CollectionAttribute const&) = delete;
+   CollectionAttribute& operator=(CollectionAttribute const&) = delete;
 
    // --- the steps of an entity's construction, in this order ---
 

@@ -27,8 +27,12 @@ Mirak::ControlBase& CollectionControl::collection() const {
 }
 
 void CollectionControl::entityRefIs(Zeb::Ptr<Zeb::Entity> const& gone) {
-   if (gone.get() == entity()) collection_ = nullptr;
-   ZebParcel::CollectionControl::entityRefIs(gone);
+   if (gone.get() == entity()) collectionGone();
+}
+
+void CollectionControl::collectionGone() {
+   collection_ = nullptr;
+   entityIs(nullptr);
 }
 
 } // namespace ZebMirak

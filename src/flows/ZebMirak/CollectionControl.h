@@ -18,7 +18,7 @@ namespace ZebMirak {
 class HOFLOW_EXPORT CollectionControl final : public ZebParcel::CollectionControl,
                                               public Zeb::Tracked<CollectionControl> {
 public:
-   /// @param collection may end before this control, if it says so by entityRefIs()
+   /// @param collection may end before this control, if it says so by collectionGone()
    explicit CollectionControl(Mirak::ControlBase* collection)
       : collection_(collection) {}
    static Zeb::Ptr<CollectionControl> CollectionControlIs(Mirak::ControlBase* collection);
@@ -38,6 +38,7 @@ public:
    Mirak::ControlBase& collection() const;
 
    void entityRefIs(Zeb::Ptr<Zeb::Entity> const& entity) override;
+   void collectionGone();
 
 private:
    Mirak::ControlBase* collection_; ///< null once its entity is gone

@@ -36,8 +36,9 @@ public:
 
    /// Binds it; from here on it answers. Called once, by the entity's constructor. @param id of the
    /// attribute; the entity itself passes it to its notifiees
-   void entity(Zeb::String attributeName, Entity* e, Zeb::AttributeId id, void (Entity::*changed)(Key const&),
-               void (Entity::*mountStatusChanged)(), void (Entity::*quiescedChanged)(bool));
+   void entity(Zeb::String const& attributeName, Entity* e, Zeb::AttributeId id,
+               void (Entity::*changed)(Key const&), void (Entity::*mountStatusChanged)(),
+               void (Entity::*quiescedChanged)(bool));
    /// The entity's parent has changed, or is gone: see the table above.
    /// @throws Lomi::InvalidInitializeException: it had one before
    void handleParent();
@@ -88,8 +89,8 @@ private:
 };
 
 template <class Entity, class Record, class Key, class Ops>
-void ZebMirakMap<Entity, Record, Key, Ops>::entity(Zeb::String attributeName, Entity* e, Zeb::AttributeId,
-                                                   void (Entity::*changed)(Key const&),
+void ZebMirakMap<Entity, Record, Key, Ops>::entity(Zeb::String const& attributeName, Entity* e,
+                                                   Zeb::AttributeId, void (Entity::*changed)(Key const&),
                                                    void (Entity::*mountStatusChanged)(),
                                                    void (Entity::*quiescedChanged)(bool)) {
    entity_ = e;
@@ -156,10 +157,12 @@ ZebMirakMap<Entity, Record, Key, Ops>::IteratorConst::IteratorConst(ZebMirakMap 
    : map_(map) {
    if (!map_) return;
    Key const from = key;
-   bool found = false;
-   guarded([&] { row_ = *map_->back().lookup(from, found, nullptr); });
-   valid_ = found;
-   if (!found) step(from);
+   guarded([&] {
+      bool found = false; // a lookup that throws may have found it, in a table that isn't the one any more
+      row_ = *map_->back().lookup(from, found, nullptr);
+      valid_ = found;
+   });
+   if (!valid_) step(from);
 }
 
 template <class Entity, class Record, class Key, class Ops>

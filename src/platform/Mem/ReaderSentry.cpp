@@ -92,7 +92,12 @@ bool ReaderSentry::leave(TableState const& now) {
    LOMI_TRACE(handler_, 1, "ReaderSentry", "{} leaves kestorId:{}, there is {}", rootPath_.str(),
               notifiee_->kestorId(), now.kestor);
    attached_.reset();
-   notifiee_->detach(false);
+   try {
+      notifiee_->detach(false);
+   } catch (...) { // of its client; what is there now is still to be attached
+      event(eventFiles, false);
+      throw;
+   }
    return true;
 }
 

@@ -162,14 +162,13 @@ private:
    std::unique_ptr<BackEnd> newBackEnd(std::string const& event);
    void notAttached(std::unique_ptr<BackEnd> fallback);
    void tellMounted();
+   template <class Stands> void tell(bool quiesced, Stands stands);
+   void sentryFollows();
    std::unique_ptr<BackEnd> exchangeBack(std::unique_ptr<BackEnd> back);
    void retire(std::unique_ptr<BackEnd> back);
    void end(std::unique_ptr<BackEnd> back);
 
    std::unique_ptr<BackEnd> back_; ///< null until the first one is given
-   bool mounting_ = false;         ///< init() is on the stack, and its mount not let go again
-   bool detaching_ = false;        ///< controlDetach() is on the stack
-   u64 mountsEnded_ = 0;
 };
 
 // Each forward's only cost beyond the call, when level 5 is off: one load and one branch.
@@ -245,8 +244,8 @@ template <class Ops> std::string MirakMap<Ops>::owner() const { return ownerOf(t
 
 template <class Ops> void MirakMap<Ops>::notifyingIs(bool value) const {
    LOMI_TRACE(*debugHandler, 5, "MirakMap", "{} notifying:{}", name, value);
-   LOMI_ASSERT(!initialized_ || notify.notifyLive, *debugHandler,
-               "not allowed at this time, initialized:{} keyNotifications:{}", initialized_,
+   LOMI_ASSERT(!initialized() || notify.notifyLive, *debugHandler,
+               "not allowed at this time, initialized:{} keyNotifications:{}", initialized(),
                notify.notifyLive);
    notifying_ = value;
    if (back_) back_->notifyingIs(value);

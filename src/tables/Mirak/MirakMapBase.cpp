@@ -32,7 +32,7 @@ bool MirakMapBase::ready() const {
 }
 
 bool MirakMapBase::exists() const {
-   if (localMem()) return initialized_;
+   if (localMem()) return initialized();
    return Parcel::KestorFile(*debugHandler, Mem::NaoRootPath(*debugHandler, name, true), false)
               .read()
               .value() != 0;
@@ -67,7 +67,7 @@ void MirakMapBase::handleDisconnect() {
 void MirakMapBase::doCorruptionDetected(std::string const& message) const {
    if (mode() != MirakType::writer && !localMem()) return readerCorruption(message);
    LOMI_TRACE(*debugHandler, 0, "MirakMapBase", "corruption detected in {}: {}", name, message);
-   if (initialized_ && !localMem()) Util::writeCorruptionFile(*debugHandler, rootPath().str(), message);
+   if (initialized() && !localMem()) Util::writeCorruptionFile(*debugHandler, rootPath().str(), message);
    LOMI_ASSERT(false, *debugHandler, "corruption detected in {}: {}", name, message);
 }
 

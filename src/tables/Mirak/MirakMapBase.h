@@ -27,7 +27,7 @@ public:
 
    using ControlBase::init;
    void init(MirakType type, bool local, unsigned size) override;
-   bool initialized() const override { return initialized_; }
+   bool initialized() const override { return stage_ == Stage::mounted; }
    bool ready() const override;
    bool exists() const override;
    MirakType mode() const override { return descriptor.type; }
@@ -75,9 +75,13 @@ protected:
    std::shared_ptr<Lomi::Platform::DebugHandler> debugHandler; ///< init() takes the collection's own
    MapDescriptor descriptor{0};                                ///< of the last init() that succeeded
    std::unique_ptr<Mem::Sentry> mounter_;                      ///< null when there is none
-   bool initialized_ = false; ///< from a successful init() to controlDetach()
-   std::string name;          ///< the collection's path below the root
-   std::string traceName;     ///< names its traces; empty: its path does
+   /// A mount begins with init(), stands when that has succeeded, and ends with controlDetach().
+   enum class Stage : unsigned char { none, mounting, mounted };
+   Stage stage_ = Stage::none;
+   bool lettingGo_ = false; ///< controlDetach() is on the stack; the stage is still the one before it
+   u64 mountsEnded_ = 0;    ///< tells an operation that its client let the mount go in a callback
+   std::string name;        ///< the collection's path below the root
+   std::string traceName;   ///< names its traces; empty: its path does
    mutable bool notifying_ = true;
    mutable double yieldTime_ = 0.05; ///< seconds
    bool assertOnOrphanAccess =

@@ -95,22 +95,27 @@ public:
       , debugHandler_(map.debugHandler)
       , notifyWasLive_(map.notify.notifyLive)
       , back_(map.exchangeBack(nullptr)) {
-      map_.mounting_ = true;
+      map_.stage_ = Stage::mounting;
    }
-   ~Mounting() { map_.mounting_ = false; }
    Mounting(Mounting const&) = delete;
    Mounting& operator=(Mounting const&) = delete;
 
    void done() { map_.retire(std::move(back_)); }
    void undo() {
-      map_.mounting_ = false;
       map_.dropMounter();
       auto failed = map_.exchangeBack(std::move(back_));
       map_.descriptor = descriptor_;
       map_.debugHandler = debugHandler_;
-      map_.initialized_ = false;
+      map_.stage_ = Stage::none;
+      // A follower that stood already has said so.
+      bool const told = failed && failed->type() != MirakType::writer &&
+                        failed->mountStatus() != Mem::MountStatus::notMounted;
       letGo(std::move(failed));
       if (notifyWasLive_) map_.callbacksLive();
+      try {
+         if (told) map_.tell(false, [] { return true; });
+      } catch (...) { // what made the mount fail is on its way
+      }
    }
 
 private:
@@ -156,21 +161,21 @@ template <class Ops> void MirakMap<Ops>::init(Mem::CollectionDescriptor const& g
    }
    mounting.done();
    if (!mounted) return; // let go again by the client, in a callback
-   initialized_ = true;
+   stage_ = Stage::mounted;
    if (wanted.type == MirakType::writer) tellMounted();
 }
 
 /// An init with `cleanupOnInit`. Under a mounted writer it takes the files away all the same: that is what
 /// was asked for, and it goes on in files that nobody else finds.
 template <class Ops> void MirakMap<Ops>::cleanupBeforeInit() {
-   if (initialized_)
+   if (initialized())
       LOMI_TRACE(*debugHandler, 0, "MirakMap", "removing the files of {} while it is mounted", name);
    back_->cleanup();
 }
 
 template <class Ops> bool MirakMap<Ops>::alreadyMounted(MapDescriptor const& wanted) const {
    // In a callback of controlDetach() of a collection that isn't mounted nothing is mounted.
-   if (!initialized_ && !mounting_) return detaching_;
+   if (stage_ == Stage::none) return lettingGo_;
    if (descriptor == wanted) {
       LOMI_TRACE(*debugHandler, 5, "MirakMap", "name:{} already initialized, new {}", name, wanted);
       return true;
@@ -234,18 +239,16 @@ template <class Ops> bool MirakMap<Ops>::mountReader() {
                formatMirakType(mode()));
    Mem::NaoRootPath const place(*debugHandler, name, false); // refuses a name that no table can have
    backIs(std::make_unique<MirakDummy<Ops>>(*debugHandler, name, ops));
-   Mem::Sentry* sentry = nullptr;
+   u64 const ended = mountsEnded_;
    try {
       mounter_ = std::make_unique<Mem::ReaderSentry>(*debugHandler, place, this);
-      sentry = mounter_.get();
-      sentry->event(eventInit_, false);
+      mounter_->event(eventInit_, false);
    } catch (std::exception const& e) {
       // In a changed root directory there may be nothing to watch, and that is known.
       if (!std::getenv("Q7_CHROOT")) throw;
       LOMI_TRACE(*debugHandler, 0, "MirakMap", "the sentry of {} did not start: {}", name, e.what());
    }
-   // A sentry that was dropped in its own call lives until the loop: no other one has its place.
-   return mounter_.get() == sentry;
+   return mountsEnded_ == ended;
 }
 
 // --- attach ---
@@ -261,7 +264,7 @@ template <class Ops> auto MirakMap<Ops>::newBackEnd(std::string const& event) ->
 
 template <class Ops> void MirakMap<Ops>::attach(std::string const& event) {
    LOMI_ASSERT(mode() != MirakType::writer, *debugHandler, "{}", "invoked for a writer");
-   if (detaching_) return; // a back end that came now would outlive its mount
+   if (lettingGo_) return; // a back end that came now would outlive its mount
    bool const sameShadow = isFollower(mode()) && back().type() == MirakType::shadow;
    std::unique_ptr<BackEnd> fallback;
    if (sameShadow) {
@@ -310,16 +313,25 @@ template <class Ops> void MirakMap<Ops>::notAttached(std::unique_ptr<BackEnd> fa
       end(std::move(fallback));
    } else {
       backIs(std::move(fallback));
-      if (mounter_ && !std::exchange(mounter_->enabled, 1)) // it ended a flush, for which the sentry was off
-         mounter_->event(eventFlushComplete_, false);
+      sentryFollows(); // perhaps it ended a flush
    }
    if (damaged && mounter_) mounter_->event(eventCorruption_, false);
 }
 
 template <class Ops> void MirakMap<Ops>::tellMounted() {
-   u64 const changes = backChanges_;
-   notify.quiescedFn(true);
-   if (backChanges_ == changes) notify.mountStatusFn();
+   tell(true, [this, changes = backChanges_] { return backChanges_ == changes; });
+}
+
+/// Both words, whatever a listener to the first one throws: that goes on when all have been told.
+template <class Ops> template <class Stands> void MirakMap<Ops>::tell(bool quiesced, Stands stands) {
+   std::exception_ptr thrown;
+   try {
+      notify.quiescedFn(quiesced);
+   } catch (...) {
+      thrown = std::current_exception();
+   }
+   if (stands()) notify.mountStatusFn();
+   if (thrown) std::rethrow_exception(thrown);
 }
 
 template <class Ops> void MirakMap<Ops>::tryAttach() const {
@@ -353,41 +365,43 @@ template <class Ops> void MirakMap<Ops>::detach(bool force) {
    }
    if (back_.get() == leaving) {
       bool const flushing = back_ && back_->mountStatus() == Mem::MountStatus::flushing;
-      if (mounter_) mounter_->enabled = !flushing; // a detach in a callback of this one may have found it so
       if (!flushing || !mounter_) installDummy();
+      sentryFollows();
    }
-   u64 const changes = backChanges_;
-   if (!letGo()) notify.quiescedFn(false);
-   if (!letGo() && backChanges_ == changes) {
-      notify.mountStatusFn();
-      if (mounter_) mounter_->onDetach();
-   }
+   auto const stands = [&, changes = backChanges_] { return !letGo() && backChanges_ == changes; };
+   if (!letGo()) tell(false, stands);
+   if (stands() && mounter_) mounter_->onDetach();
    if (thrown) std::rethrow_exception(thrown);
 }
 
 template <class Ops> void MirakMap<Ops>::flushComplete(BackEnd const& flushed) {
    if (back_.get() == &flushed) installDummy();
-   if (mounter_) {
-      mounter_->enabled = 1;
-      mounter_->event(eventFlushComplete_, false);
-   }
+   sentryFollows();
    notify.mountStatusFn();
 }
 
+/// The sentry leaves a collection alone that empties itself; the end of that is an event to it.
+template <class Ops> void MirakMap<Ops>::sentryFollows() {
+   if (!mounter_) return;
+   unsigned char const follows = back_->mountStatus() != Mem::MountStatus::flushing;
+   if (std::exchange(mounter_->enabled, follows) < follows) mounter_->event(eventFlushComplete_, false);
+}
+
 template <class Ops> void MirakMap<Ops>::controlDetach() {
-   if (detaching_) return; // the client, in a callback of the one that is at work
+   if (lettingGo_) return; // the client, in a callback of the one that is at work
    // The mount ends, whatever the client throws when it is told.
    struct End {
       MirakMap& map;
       explicit End(MirakMap& collection)
          : map(collection) {
-         map.detaching_ = true;
+         map.lettingGo_ = true;
       }
       ~End() {
+         if (map.assertOnOrphanAccess) map.installDummy(); // perhaps an orphan since a callback of this
          map.dropMounter();
-         map.initialized_ = map.mounting_ = false;
+         map.stage_ = Stage::none;
          ++map.mountsEnded_;
-         map.detaching_ = false;
+         map.lettingGo_ = false;
       }
    } const end(*this);
    if (mounter_) mounter_->close(); // so that no callback attaches again
@@ -396,7 +410,7 @@ template <class Ops> void MirakMap<Ops>::controlDetach() {
 
 template <class Ops> void MirakMap<Ops>::cleanupAndDetach() {
    traced(__func__);
-   LOMI_ASSERT(initialized_, *debugHandler, "{} trying to cleanup uninitialized mirak.", rootPath().str());
+   LOMI_ASSERT(initialized(), *debugHandler, "{} trying to cleanup uninitialized mirak.", rootPath().str());
    cleanup();
    controlDetach();
 }
