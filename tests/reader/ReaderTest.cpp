@@ -9,6 +9,7 @@
 #include "Mem/VersionMismatchException.h"
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 namespace Test {
@@ -268,6 +269,32 @@ TEST(Reader, ReplacedFilesAreNoticed) {
       table.reader->detach(false);
       EXPECT_FALSE(table.reader->filesReplaced());
    }
+}
+
+// The kernel refuses the mapping of a sound bucket file: tried again later, and no marker is left.
+TEST(Reader, NoMemoryToAttachIsNoDamage) {
+   auto const writer = open<R>("large", Mirak::MapDescriptor(2000), quiet());
+   for (u32 i = 0; i < 1500; ++i) writer->write(R::make({i, i}, 1), true);
+   Reader reader(quiet(), "large", OpsOf<R>{});
+   rlimit old{};
+   ::getrlimit(RLIMIT_AS, &old);
+   rlimit const none{1 << 20, old.rlim_max};
+   // The headers are mapped by then.
+   struct Refuse : Mem::Seam::Observer {
+      rlimit const& limit;
+      explicit Refuse(rlimit const& l)
+         : limit(l) {}
+      void beforeLoad(void const*, std::size_t) override { ::setrlimit(RLIMIT_AS, &limit); }
+   } refuse(none);
+   Mem::Seam::observer = &refuse;
+   bool const opened = reader.initialize("test");
+   Mem::Seam::observer = nullptr;
+   ::setrlimit(RLIMIT_AS, &old);
+   EXPECT_FALSE(opened || reader.damageFound());
+   EXPECT_NE(reader.initializeError().find("failed to resize"), std::string::npos)
+       << reader.initializeError();
+   EXPECT_FALSE(fs::exists(testRoot() + "/large/corruption-detected"));
+   EXPECT_TRUE(reader.initialize("test"));
 }
 
 } // namespace

@@ -95,8 +95,9 @@ public:
       reader_.reset();
       return report;
    }
-   /// Two stops: all i1 <= i2, j1 < j2, of an operation that takes few loads.
-   void twoStops(Operation const& operation, std::size_t step = 1);
+   /// Two stops: all i1 <= i2, j1 < j2, of an operation that takes few loads; or those with i1 <
+   /// `firstStops`.
+   void twoStops(Operation const& operation, std::size_t firstStops = 100000);
 
 private:
    static Check checkLookup(Reader& reader, Key key);
@@ -287,9 +288,9 @@ template <class R> void Campaign<R>::oneStop(Operation const& operation, std::si
       for (std::size_t j : all) run(operation, {{i, j}});
 }
 
-template <class R> void Campaign<R>::twoStops(Operation const& operation, std::size_t step) {
-   auto const all = moments(step);
-   std::size_t const loads = run(operation, {});
+template <class R> void Campaign<R>::twoStops(Operation const& operation, std::size_t firstStops) {
+   auto const all = moments(1);
+   std::size_t const loads = std::min(run(operation, {}), firstStops);
    for (std::size_t i = 0; i < loads; ++i)
       for (std::size_t a = 0; a < all.size(); ++a)
          for (std::size_t b = a + 1; b < all.size(); ++b)

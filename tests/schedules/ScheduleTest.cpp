@@ -175,5 +175,17 @@ TEST(Schedules, TwoStops) {
    EXPECT_GT(total.counters.buckets.resizes, 0u);
 }
 
+/// The hinted row is moved between the loads of its link and of its word, and the row behind it after both.
+TEST(Schedules, TwoStopsOfAStepInACompaction) {
+   auto const scenario = compactionScenarios().front();
+   auto const recording = record(scenario, "recorded");
+   Campaign<Wide> campaign(scenario, recording);
+   for (auto const& operation : campaign.operations())
+      if (operation.name.starts_with("next by hint")) campaign.twoStops(operation, 1);
+   Report const report = campaign.finish();
+   expectClean(report, scenario.name);
+   EXPECT_GT(report.counters.nextSlowPath, 0u);
+}
+
 } // namespace
 } // namespace Test

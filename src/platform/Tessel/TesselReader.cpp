@@ -110,7 +110,9 @@ template <class Slot> WalkResult TesselReader<Slot>::place() {
    u64 const base = Mem::loadShared(header().base[generation & 1]);
    u32 const capacity = Mem::loadShared(table(generation).capacity);
    u32 const count = Mem::loadShared(table(generation).count);
-   bool const mapped = count <= capacity && follow(generation, capacity);
+   Mem::ParcelWrapper const& file = tables_[generation & 1];
+   bool const sound = count <= capacity && file.memSize() >= tableFileSize(capacity);
+   bool const mapped = sound && follow(generation, capacity);
    u32 position = 0;
    if (mapped) {
       QueueEntry const* const entries = table(generation).entries();
@@ -124,9 +126,13 @@ template <class Slot> WalkResult TesselReader<Slot>::place() {
       }
    }
    if (!same(generation)) return WalkResult::more;
+   if (!sound)
+      corrupt(
+          fmt::format("bad queue table count:{} capacity:{} file size:{}", count, capacity, file.memSize()));
    if (!mapped)
-      corrupt(fmt::format("bad queue table count:{} capacity:{} {}", count, capacity,
-                          tables_[generation & 1].lastError()));
+      throw Lomi::MemoryResourceException(fmt::format("failed to map {} for {} entries. Reason: {}",
+                                                      file.getFilename(), capacity, file.lastError()));
+   if (floor >= next) corrupt(fmt::format("bad queue floor:{} next:{}", floor, next));
    if (last_ < floor || last_ >= next) return WalkResult::resync;
    generation_ = generation;
    base_ = base;

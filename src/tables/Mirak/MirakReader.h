@@ -131,6 +131,7 @@ private:
    bool validateBuckets();
    bool validateSlots();
    bool fail(char const* what, std::string const& file, std::string const& why);
+   bool mapsFilesOfPath() const;
    bool failCorrupt(char const* what, std::string const& file, std::string const& why);
    void release();
 

@@ -73,7 +73,11 @@ template <class Ops> bool MirakReader<Ops>::open(std::string const& event) {
 template <class Ops> bool MirakReader<Ops>::validateBuckets() {
    auto& buckets = buckets_.buckets();
    std::string error;
-   if (buckets.validate(kestorId_, error)) return true;
+   try {
+      if (buckets.validate(kestorId_, error)) return true;
+   } catch (Lomi::MemoryResourceException const& e) {
+      return fail("failed to validate buckets", buckets.mapping().getFilename(), e.what()); // no damage
+   }
    return failCorrupt("failed to validate buckets", buckets.mapping().getFilename(), error);
 }
 
@@ -104,12 +108,14 @@ bool MirakReader<Ops>::fail(char const* what, std::string const& file, std::stri
    return false;
 }
 
-/// The same for headers that can't be right, with the marker file for it.
+/// The same for headers that can't be right, with the marker file for it, unless another table's files have
+/// taken the place of these meanwhile.
 template <class Ops>
 bool MirakReader<Ops>::failCorrupt(char const* what, std::string const& file, std::string const& why) {
    fail(what, file, why);
    LOMI_TRACE(debugHandler_, 0, "MirakReader", "{}", dumpHeaders());
-   damageFound_ = Util::isDamage(debugHandler_, rootPath_, kestorId_, corruptionMarker_ ? &why : nullptr);
+   damageFound_ = mapsFilesOfPath() &&
+                  Util::isDamage(debugHandler_, rootPath_, kestorId_, corruptionMarker_ ? &why : nullptr);
    return false;
 }
 
@@ -129,9 +135,12 @@ template <class Ops> void MirakReader<Ops>::detach(bool) {
    LOMI_TRACE(debugHandler_, 1, "MirakReader", "{} detached", rootPath_.str());
 }
 
+template <class Ops> bool MirakReader<Ops>::mapsFilesOfPath() const {
+   return slots_.mapping().samePathFile() && buckets_.buckets().mapping().samePathFile();
+}
+
 template <class Ops> bool MirakReader<Ops>::filesReplaced() const {
-   return this->initialized() &&
-          !(slots_.mapping().samePathFile() && buckets_.buckets().mapping().samePathFile());
+   return this->initialized() && !mapsFilesOfPath();
 }
 
 template <class Ops> u32 MirakReader<Ops>::members() const {

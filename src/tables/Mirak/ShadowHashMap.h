@@ -102,7 +102,7 @@ private:
    bool replace(Slot& old, u32 slotIndex, Slot& slot);
    void grow();
    void shrink();
-   void resizeBuckets(u32 from, u32 to, char const* what);
+   void resizeBuckets(u32 from, u32 to);
 
    Reader::Counters& counters_;
    SlotCounters& slotCounters_;
@@ -139,8 +139,13 @@ template <class Slot> bool ShadowHashMap<Slot>::write(u32 slotIndex, Slot& slot,
       grow();
       at = placeOf(slot.hash, key);
    }
+   bool const atEnd = !*at;
+   bool const atHead = at == &buckets_[bucketOf(slot.hash)];
    link(at, slot, *at);
-   LOMI_TRACE(debugHandler(), 8, "ShadowHashMap", "{}", "value inserted");
+   LOMI_TRACE(debugHandler(), 8, "ShadowHashMap", "{}",
+              !atEnd   ? "value inserted"
+              : atHead ? "value inserted in fresh bucket"
+                       : "add slot to end of chain");
    slotCounters_.add(slotIndex);
    ++counters_.members;
    return true;
@@ -166,8 +171,9 @@ template <class Slot> bool ShadowHashMap<Slot>::remove(u32 slotIndex, Slot& slot
       LOMI_TRACE(debugHandler(), 9, "ShadowHashMap", "dead slot {}", slotIndex);
       return false;
    }
-   LOMI_TRACE(debugHandler(), 8, "ShadowHashMap", "slot:{} next:{} occupied:{} key:{}", slotIndex,
-              slot.next ? indexOf(*slot.next) : 0, counters_.members, keyText(slot.rowKey()));
+   LOMI_TRACE(debugHandler(), 8, "ShadowHashMap", "slot:{} prev->next:{} next:{} occupied:{} key:{}",
+              slotIndex, indexOf(**slot.prev), slot.next ? indexOf(*slot.next) : 0, counters_.members,
+              keyText(slot.rowKey()));
    *slot.prev = slot.next;
    if (slot.next) slot.next->prev = slot.prev;
    slot.next = nullptr;
@@ -244,7 +250,7 @@ template <class Slot> void ShadowHashMap<Slot>::patch(std::ptrdiff_t offset) {
 // --- the number of buckets ---
 
 /// The contents up to the smaller size stay, what is new is null; the base may move.
-template <class Slot> void ShadowHashMap<Slot>::resizeBuckets(u32 from, u32 to, char const* what) {
+template <class Slot> void ShadowHashMap<Slot>::resizeBuckets(u32 from, u32 to) {
    u64 const bytes = Mem::multiplyOverflowCheck(to, sizeof(Slot*));
    char* const old = bucketsMem_.base();
    char* const base = bucketsMem_.resize(bytes);
@@ -252,29 +258,33 @@ template <class Slot> void ShadowHashMap<Slot>::resizeBuckets(u32 from, u32 to, 
       throw Lomi::MemoryResourceException(fmt::format("failed to resize {} from {} to {} buckets : {}",
                                                       bucketsMem_.kind(), from, to, bucketsMem_.lastError()));
    if (base != old)
-      LOMI_TRACE(debugHandler(), 2, "ShadowHashMap", "{}: base address moved from {} to {}", what,
-                 fmt::ptr(old), fmt::ptr(base));
+      LOMI_TRACE(debugHandler(), 2, "ShadowHashMap", "base address moved from {} to {}", fmt::ptr(old),
+                 fmt::ptr(base));
    buckets_ = reinterpret_cast<Slot**>(base);
 }
 
 template <class Slot> void ShadowHashMap<Slot>::grow() {
    LOMI_TRACE(debugHandler(), 2, "ShadowHashMap", "buckets growing from:{} to:{}", numBuckets_,
               2 * numBuckets_);
-   resizeBuckets(numBuckets_, 2 * numBuckets_, "grow");
+   resizeBuckets(numBuckets_, 2 * numBuckets_);
    ++bucketFactor_;
    // Downwards, so that each pair lies above all buckets that are still to be cut.
    for (u32 old = numBuckets_; old-- > 0;) {
       if (old >= chainsAhead) Mem::prefetchShared(buckets_[old - chainsAhead]);
       Slot* const chain = buckets_[old];
       buckets_[old] = nullptr;
-      Slot** at = &buckets_[2 * old];
+      Slot** at = &buckets_[u64{2} * old];
       *at = chain;
       if (chain) chain->prev = at;
       while (*at && bucketOf((*at)->hash) == 2 * old) at = &(*at)->next;
       Slot* const rest = *at;
+      if (rest)
+         LOMI_TRACE(debugHandler(), 8, "ShadowHashMap", "splitting bucket {} to buckets {} and {}", old,
+                    2 * old, 2 * old + 1);
       *at = nullptr;
-      buckets_[2 * old + 1] = rest;
-      if (rest) rest->prev = &buckets_[2 * old + 1];
+      at = &buckets_[u64{2} * old + 1];
+      *at = rest;
+      if (rest) rest->prev = at;
    }
    numBuckets_ *= 2;
    ++counters_.shadowBucketGrows;
@@ -284,8 +294,9 @@ template <class Slot> void ShadowHashMap<Slot>::shrink() {
    u32 const half = numBuckets_ / 2;
    for (u32 bucket = 0; bucket < half; ++bucket) {
       Slot** at = &buckets_[bucket];
-      Slot* const rest = buckets_[2 * bucket + 1];
-      *at = buckets_[2 * bucket];
+      Slot* const* const pair = &buckets_[u64{2} * bucket];
+      Slot* const rest = pair[1];
+      *at = pair[0];
       if (*at) (*at)->prev = at;
       while (*at) at = &(*at)->next;
       *at = rest;
@@ -294,7 +305,7 @@ template <class Slot> void ShadowHashMap<Slot>::shrink() {
    Slot** const old = buckets_;
    --bucketFactor_;
    numBuckets_ = half;
-   resizeBuckets(2 * half, half, "shrink");
+   resizeBuckets(2 * half, half);
    ++counters_.shadowBucketShrinks;
    LOMI_TRACE(debugHandler(), 2, "ShadowHashMap", "shrunk to numBuckets_:{} bucketFactor_:{}", numBuckets_,
               bucketFactor_);

@@ -47,6 +47,8 @@ bool ShadowStore<Slot>::doSlot(Tessel::BasicSlot slotIndex, Rusk::Sequence seq, 
    Value row;
    bool const found = fetch(slotIndex, row);
    Mem::VersionAnchor const anchor = *readerAnchor_;
+   LOMI_TRACE(debugHandler(), 9, "ShadowStore", "updated: {} compare: {} slotIndex:{}{}", found, compare,
+              slotIndex, found ? " found " + keyText(Ops::key(row)) : " not found");
 
    Slot* const slot = &slots_[slotIndex]; // stays there while the store is enabled and the row found
    bool const live = !slot->dead();

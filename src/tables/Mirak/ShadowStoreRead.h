@@ -77,15 +77,15 @@ template <class Slot> auto ShadowStore<Slot>::safeValue(Slot const& slot, void* 
       if (reader_.getValue(index, target, nullptr)) {
          if (Ops::key(target) == key) return &target;
          ++counters_.shadowKeyMismatches;
-      } else {
+      } else if (index >= reader_.capacity()) {
          LOMI_TRACE(debugHandler(), 5, "KeyShadowSlot", "slotIndex:{} shmemCapacity:{}, returning not found",
                     index, reader_.capacity());
       }
    } catch (TableReformattedException const&) {
       throw;
-   } catch (Lomi::CorruptionDetectedException const& e) {
-      LOMI_TRACE(debugHandler(), 5, "KeyShadowSlot",
-                 "unable to retrieve slotIndex:{}, returning not found: {}", index, e.msg());
+   } catch (Lomi::CorruptionDetectedException const&) {
+      LOMI_TRACE(debugHandler(), 5, "KeyShadowSlot", "unable to retrieve slotIndex:{}, returning not found",
+                 index);
    }
    // The row may stand elsewhere already, with the entry that says so still to come.
    bool found = false;

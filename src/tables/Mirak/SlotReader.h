@@ -151,11 +151,15 @@ public:
    Mem::VersionAnchor const& anchor() const { return anchor_; }
    void resetAnchor() const { anchor_ = {}; }
    /// Whether `anchor` still lies in the mapping and its word still stands there. False, and nothing is
-   /// touched, if the mapping moved since.
+   /// touched, if the mapping moved since, or if the slot may have been cut off meanwhile: one that comes
+   /// back counts its words from the beginning again.
    bool anchorHolds(Mem::VersionAnchor const& anchor) const {
-      if (!header_ || anchor.base != mappedBase() || anchor.offset > mapping_.mappedSize() - sizeof(u32))
+      if (!header_ || anchor.base != mappedBase() || anchor.offset >= Base::endOf(numSlots_.value))
          return false;
-      return Mem::loadShared(*reinterpret_cast<u32 const*>(anchor.base + anchor.offset)) == anchor.word;
+      // SYNC(slot-word) load
+      u32 const word = Mem::loadShared(*reinterpret_cast<u32 const*>(anchor.base + anchor.offset));
+      // SYNC(num-slots) load: behind that of the word, so that it tells of all cuts before it.
+      return word == anchor.word && anchor.offset < Base::endOf(keptSince(Mem::loadPair(header_->numSlots)));
    }
    /// An anchor that is kept for longer than one read: doResize() moves it along with the mapping, or marks
    /// it as gone when its slot was cut off.
@@ -163,6 +167,13 @@ public:
 
 private:
    [[gnu::cold, gnu::noinline]] Read readChanging(Slot const& slot, Read read, void* front, void* rest) const;
+   /// So many slots have been in the table all the time since numSlots_ was taken, if the header says `now`:
+   /// each step of the version is one growth or one cut.
+   u32 keptSince(Mem::VersionedRef<u32> now) const {
+      if (u32 const steps = now.version - numSlots_.version; steps <= 1)
+         return std::min(now.value, numSlots_.value);
+      return 0;
+   }
    char const* mappedBase() const { return reinterpret_cast<char const*>(header_); }
    u64 bytesFor(u32 numSlots) const;
    [[gnu::cold, gnu::noinline]] void follow();
@@ -273,12 +284,12 @@ template <class Ops> void SlotReaderTable<Ops>::follow() {
                  fmt::ptr(oldBase), fmt::ptr(newBase));
       ++counters_.remaps;
    }
-   if (mappedAnchor_.offset != Mem::anchorUnset && mappedAnchor_.offset != Mem::anchorGone) {
-      if (mappedAnchor_.offset < headerSize + u64{newNumSlots} * slotSize)
-         mappedAnchor_.base = newBase;
-      else
-         mappedAnchor_.offset = Mem::anchorGone;
-   }
+   u64 const kept = Base::endOf(keptSince(copy.numSlots));
+   if (anchor_.offset >= kept) markGone(anchor_);
+   if (mappedAnchor_.offset >= kept)
+      markGone(mappedAnchor_);
+   else
+      mappedAnchor_.base = newBase;
    ++counters_.slotResizes;
    LOMI_TRACE(debugHandler_, 3, "SlotReaderTable", "onResize {}", copy.toString());
    numSlots_ = copy.numSlots;

@@ -152,6 +152,8 @@ template <class Ops> struct SlotTable {
    static_assert(slotSize == (16 + valueSize + 7) / 8 * 8 && headerSize % 8 == 0 &&
                  offsetof(Slot, value) == 16);
 
+   /// Where the slots end: bytes from the file's start.
+   static constexpr u64 endOf(u32 numSlots) { return headerSize + u64{numSlots} * slotSize; }
    static Slot& lookaside(Header& header) { return *reinterpret_cast<Slot*>(&header + 1); }
    static Slot const& lookaside(Header const& header) { return *reinterpret_cast<Slot const*>(&header + 1); }
 

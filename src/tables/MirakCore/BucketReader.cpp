@@ -60,10 +60,7 @@ template <class Link> bool BucketReader<Link>::validate(Parcel::KestorId kestor,
    BucketTableHeader copy;
    u64 const size = copyHeader(copy);
    if (!copy.validate(debugHandler_, size, kestor, error)) return false;
-   if (!follow(copy)) {
-      error = fmt::format("cannot map {} buckets: {}", copy.numBuckets.value, mapping_.lastError());
-      return false;
-   }
+   follow(copy);
    kestor_ = kestor;
    return true;
 }
@@ -80,25 +77,25 @@ template <class Link> void BucketReader<Link>::doResize() {
    std::string error;
    if (!copy.validate(debugHandler_, size, kestor_, error)) throw Lomi::CorruptionDetectedException(error);
    u32 const old = numBuckets_.value;
-   if (!follow(copy))
-      throw Lomi::MemoryResourceException(fmt::format(
-          "failed to resize {} from {} to {} buckets, needed {} bytes. Reason: {}", mapping_.getFilename(),
-          old, copy.numBuckets.value, bucketFileSize(copy.numBuckets.value), mapping_.lastError()));
+   follow(copy);
    ++counters_.resizes;
    LOMI_TRACE(debugHandler_, 2, "BucketReader", "{} from {} to {} buckets", mapping_.getFilename(), old,
               numBuckets_.value);
 }
 
-/// Maps what a checked header says. @return false with everything left as it was
-template <class Link> bool BucketReader<Link>::follow(BucketTableHeader const& copy) {
-   char const* base = mapping_.resize(bucketFileSize(copy.numBuckets.value));
-   if (!base) return false;
+/// Maps what a checked header says. @throws Lomi::MemoryResourceException with everything left as it was
+template <class Link> void BucketReader<Link>::follow(BucketTableHeader const& copy) {
+   u32 const wanted = copy.numBuckets.value;
+   char const* base = mapping_.resize(bucketFileSize(wanted));
+   if (!base)
+      throw Lomi::MemoryResourceException(fmt::format(
+          "failed to resize {} from {} to {} buckets, needed {} bytes. Reason: {}", mapping_.getFilename(),
+          numBuckets_.value, wanted, bucketFileSize(wanted), mapping_.lastError()));
    auto const* header = reinterpret_cast<BucketTableHeader const*>(base);
    if (header != header_ && numBuckets_.value != 0) ++counters_.remaps;
    header_ = header;
    numBuckets_ = copy.numBuckets;
    bits_ = static_cast<u32>(std::countr_zero(numBuckets_.value));
-   return true;
 }
 
 template <class Link> void BucketReader<Link>::mismatch() const {

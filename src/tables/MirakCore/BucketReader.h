@@ -33,6 +33,7 @@ public:
    /// Checks the header, takes the count from the copy that was checked, and maps the entries.
    /// @param kestor the generation that the file must be of; later resizes are held to it
    /// @return false with the reason in `error`
+   /// @throws Lomi::MemoryResourceException when the kernel refuses the mapping: no damage
    bool validate(Parcel::KestorId kestor, std::string& error);
    void detach();
    bool attached() const { return header_ != nullptr; }
@@ -77,7 +78,7 @@ public:
 
 private:
    u64 copyHeader(BucketTableHeader& copy) const;
-   bool follow(BucketTableHeader const& copy);
+   void follow(BucketTableHeader const& copy);
    [[noreturn, gnu::cold, gnu::noinline]] void mismatch() const;
 
    Lomi::Platform::DebugHandler const& debugHandler_;

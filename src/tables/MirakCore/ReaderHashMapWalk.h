@@ -120,14 +120,18 @@ template <class Owner>
    // (5)
    if (!place.stands()) [[unlikely]]
       return Fast::unfit;
-   // (6)
+   // (6) A compaction moves the hinted row first: its link moves, its word falls, and only then goes the row
+   // behind it. Who loaded the link after the one and the word before the other sees it by the word alone.
+   auto const moved = [&] { return SlotTable::loadWordAndHash(last).word != hint.version; };
    Key const& found = Ops::key(value);
-   if (!read.occupied()) [[unlikely]]
+   if (!read.occupied()) [[unlikely]] {
+      if (moved()) return Fast::unfit;
       ReaderErrors::notOccupied(Walk::nextFast, index, bytesOf(found), 0);
+   }
    // (7)
    u32 const hash = reader_->ops_.hash(found);
    if (bucketOf(hash) != hint.bucket) [[unlikely]] {
-      if (outdated(hinted.rhash, hint)) return Fast::unfit;
+      if (outdated(hinted.rhash, hint) || moved()) return Fast::unfit;
       checkKey(Walk::nextFast, found, hint.bucket);
    }
    // (8) Rows ascend. One that doesn't means a loop or a damaged place: the slow path, which counts, decides.
