@@ -113,7 +113,7 @@ std::vector<Field> fields() {
       {"link out of range", {slot(1, next, 64)}, false, "out-of-range index: 64 max:63", G, "",
        "out-of-range index:64 numSlots:64"},
       {"link over a row", {slot(0, next, 2)}, false, "mismatch header->occupiedSlots:8 count:7", G},
-      {"link to the end", {slot(0, next, none)}, false, "mismatch header->occupiedSlots:8 count:", G, "",
+      {"link to the end", {slot(0, next, none)}, false, "thinks we've reached the end of the table", G, "",
        "has bucket: 0 with next bucket: 0 and numBuckets: 8"},
       {"link to another bucket", {slot(2, next, end | 3)}, false,
        "has bucket: 0 with next bucket: 3 and numBuckets: 8", G, "", "has bucket: 0 with next bucket: 3"},

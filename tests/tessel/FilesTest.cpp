@@ -274,6 +274,39 @@ TEST_F(TesselFiles, FollowersReportDamage) {
    reader.sweptTo(queue.tail());
    EXPECT_EQ(reader.walk(5), Tessel::WalkResult::quiesced);
    EXPECT_THROW(reader.validateNotif(), Lomi::CorruptionDetectedException); // behind the last entry
+   reader.sweptTo(queue.tail());
+   header().floor = queue.tail() + 1; // nobody could ever be above it
+   EXPECT_THROW(reader.walk(1), Lomi::CorruptionDetectedException);
+}
+
+TEST_F(TesselFiles, AnEmptyQueueHoldsNoBlocksOfAnEarlierOne) {
+   fill();
+   queue.reserve(1 << 20);
+   queue.attach({1, 2});
+   ::usleep(150000); // followers of the earlier one had their time
+   while (queue.choresPending()) queue.chores();
+   for (auto const* wrapper : queue.wrappers())
+      EXPECT_LE(wrapper->blockBytes(), 4096u) << wrapper->getFilename();
+}
+
+// No address space for a larger table is no damage: the copy stays, and the change is tried again.
+TEST_F(TesselFiles, NoMemoryToFollowIsNoDamage) {
+   fill();
+   Deaf client;
+   Tessel::TesselReader<Tessel::BasicSlot> reader(handler(), path, client);
+   ASSERT_TRUE(reader.attach(kestor));
+   reader.sweptTo(queue.tail());
+   EXPECT_EQ(reader.walk(5), Tessel::WalkResult::quiesced);
+   queue.reserve(1 << 20);
+   for (u32 const generation = queue.generation(); queue.generation() < generation + 2;)
+      for (u32 slot = 0; slot < (1 << 20); ++slot) queue.notify(slot);
+   rlimit old{};
+   ::getrlimit(RLIMIT_AS, &old);
+   rlimit const none{1 << 20, old.rlim_max};
+   ::setrlimit(RLIMIT_AS, &none);
+   EXPECT_THROW(reader.walk(5), Lomi::MemoryResourceException);
+   ::setrlimit(RLIMIT_AS, &old);
+   EXPECT_EQ(reader.walk(1), Tessel::WalkResult::more);
 }
 
 } // namespace

@@ -188,5 +188,37 @@ TEST(TesselWriter, LocalTablesHaveAQueueOfLengthZero) {
    EXPECT_EQ(queue.attach({1, 0}), Tessel::queueNew);
 }
 
+// Whoever attaches after a death inside a compaction sweeps from its start on, and needs the entries from
+// there.
+TEST(TesselWriter, ACompactionsEntriesOutliveItsFollowersReports) {
+   Crowd crowd;
+   Queue queue(handler(), tablePath("corral"), false, Tessel::PruneMode::prune, [] {});
+   queue.followersIs(&crowd);
+   queue.attach({1, 1});
+   queue.reserve(64);
+   crowd.connected = true;
+   auto const untilTurn = [&](u32 slot) {
+      u32 changes = 0;
+      for (u64 const turns = queue.turns(); queue.turns() == turns; ++changes) {
+         crowd.reported = queue.tail();
+         queue.notify(slot);
+      }
+      return changes;
+   };
+   untilTurn(1);
+   for (u32 left = untilTurn(1) - 2; left != 0; --left) queue.notify(1);
+   queue.markShrinkStart();
+   u64 const start = queue.corralStart();
+   EXPECT_LT(untilTurn(2), 8u);
+   EXPECT_LT(floorOf(queue), start);
+   queue.markShrinkEnd();
+   // All have taken in all: no reason to wake this process again and again.
+   crowd.reported = queue.tail();
+   for (int looks = 0; looks < 100 && queue.choresPending(); ++looks) queue.chores();
+   EXPECT_FALSE(queue.choresPending());
+   queue.notify(3);
+   EXPECT_EQ(queue.corralStart(), 0u);
+}
+
 } // namespace
 } // namespace Test

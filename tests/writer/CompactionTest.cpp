@@ -134,6 +134,30 @@ TEST(Compaction, WhatWasHandedOutIsStale) {
    EXPECT_THROW(table.writer->validateVersionAnchor(), Mem::VersionMismatchException);
 }
 
+// So also where the slot lies in the page in which the table ends, and for readers.
+TEST(Compaction, WhatAReaderWasHandedIsStale) {
+   u32 const slot = 36; // of 32 to 39, which share the page in which a table of 32 slots ends
+   auto writer = open<R>("handed", descriptor(), quiet());
+   for (u32 i = 0; i < 64; ++i) writer->write(R::make(row(i), 1), true);
+   R removed;
+   for (u32 i = 0; i < 63; ++i)
+      if (i != slot && writer->members() > 16) writer->remove(row(i), removed);
+   ASSERT_EQ(writer->capacity(), 64u);
+   Mirak::MirakReader<OpsOf<R>> reader(quiet(), "handed", {});
+   ASSERT_TRUE(reader.initialize("test"));
+   bool found;
+   reader.lookup(row(slot), found, nullptr);
+   ASSERT_TRUE(found);
+   writer->lookup(row(slot), found, nullptr);
+   reader.validateVersionAnchor();
+   writer->validateVersionAnchor();
+   writer->remove(row(slot), removed); // fewer than a quarter of 64: cut to 32
+   ASSERT_EQ(writer->capacity(), 32u);
+   for (u32 i = 100; writer->members() < 40; ++i) writer->write(R::make(row(i), 1), true);
+   ASSERT_EQ(writer->capacity(), 64u);
+   EXPECT_THROW(reader.validateVersionAnchor(), Mem::VersionMismatchException);
+}
+
 /// Calls `task` at the first move of a compaction, once.
 struct AtFirstMove {
    explicit AtFirstMove(std::function<void()> task) {

@@ -196,6 +196,22 @@ TEST(Lifecycle, OneWriterForADirectory) {
    EXPECT_EQ(difference(*writer, content, keys), "");
 }
 
+TEST(Lifecycle, CleanupAfterTheDirectoryWasReplaced) {
+   fs::path const at = testRoot() + "/replaced";
+   auto writer = open<R>("replaced", Mirak::MapDescriptor(10), quiet());
+   fs::remove_all(at);
+   Child other([] {
+      auto mine = open<R>("replaced", Mirak::MapDescriptor(10), quiet());
+      for (;;) ::pause();
+   });
+   while (!fs::exists(at / "kestor")) ::usleep(1000);
+   EXPECT_THROW(writer->cleanup(), Lomi::InvalidInitializeException);
+   EXPECT_TRUE(fs::exists(at / "slots"));
+   other.kill();
+   writer->cleanup();
+   EXPECT_TRUE(fs::is_empty(at));
+}
+
 // --- placeholders ---
 
 TEST(Placeholders, AnswerAsAnEmptyTableOrNotAtAll) {

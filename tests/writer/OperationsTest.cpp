@@ -390,6 +390,24 @@ TEST_F(FullFileSystem, BucketsCantGrow) {
    refusedAndThenFormatted<R>(std::move(writer), content);
 }
 
+// Nothing is asked of the system for a row that can't be stored.
+TEST_F(FullFileSystem, AFullTableOfFixedSizeGoesOn) {
+   Mirak::MapDescriptor fixed(256);
+   fixed.fixedSize = true;
+   auto writer = open<R>("small/table", fixed);
+   for (u32 i = 0; i < 256; ++i) {
+      if (i == 200) fill();
+      writer->write(R::make({i, i}, 1), true);
+   }
+   for (bool direct : {false, true}) {
+      R const row = R::make({500, 500}, 1);
+      EXPECT_THROW(direct ? void(writer->directWrite(row)) : void(writer->write(row, true)),
+                   Mirak::TableFullException);
+      EXPECT_FALSE(inSection(*writer));
+   }
+   EXPECT_EQ(writer->write(R::make({7, 7}, 2), true)->generation(), 2u);
+}
+
 // The signal that the kernel sends to whoever writes beyond it would end an agent.
 TEST(WriterDeath, ALimitOnFileSizesIsAnError) {
    auto const fill = [] {
@@ -424,6 +442,29 @@ TEST(Operations, AWalkEndsOnLinksThatLeadBack) {
    };
    EXPECT_THROW(walk(), Lomi::CorruptionDetectedException);
    EXPECT_EQ(steps, 3u);
+}
+
+// What a stray store leaves in the files of a writer that lives, in counts or behind the last row.
+TEST(Operations, DamageUnderALiveWriterIsProved) {
+   auto writer = open<R>("live", Mirak::MapDescriptor(1000));
+   for (u32 i = 0; i < 8; ++i) writer->write(R::make({i, i}, 1), true);
+   EXPECT_TRUE(writer->validate());
+   auto& slots = writer->slotTable().header();
+   auto const spoiled = [&](u32& word, u32 value) {
+      u32 const old = std::exchange(word, value);
+      EXPECT_FALSE(writer->validate()) << value;
+      word = old;
+      EXPECT_TRUE(writer->validate());
+   };
+   spoiled(slots.numSlots.value, slots.numSlots.value / 2);
+   u32& buckets = const_cast<u32&>(writer->hashMap().buckets().header().numBuckets.value);
+   spoiled(buckets, buckets / 2);
+   // The last row of the walk, far from the last bucket: the heads behind it would be seen by nobody.
+   R last;
+   Mirak::IterHint hint;
+   for (bool more = writer->first(last, hint); more;) more = writer->next(last.key(), last, hint);
+   ASSERT_LT(hint.bucket, writer->buckets() - 1);
+   spoiled(writer->slotTable().slot(hint.slot).link.next, Mirak::noSlot);
 }
 
 } // namespace

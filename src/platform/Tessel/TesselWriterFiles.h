@@ -55,6 +55,9 @@ template <class Slot, class Position> int TesselWriter<Slot, Position>::attach(P
       if (beforeFormat_) beforeFormat_();
       format(kestor);
    }
+   // What an earlier content, or a cut that a crash interrupted, left behind the ends.
+   for (auto* wrapper : {&tables_[0], &tables_[1], &slotsWrapper_})
+      wrapper->releaseTailAfter(wrapper->mappedSize());
    figuresIs(0, 0);
    updateChores();
    int const result = kept ? queueExisting : found.any() ? queueReformatted : queueNew;

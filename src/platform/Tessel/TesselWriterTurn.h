@@ -74,6 +74,8 @@ template <class Slot, class Position> u64 TesselWriter<Slot, Position>::newFloor
    // find their place again.
    if (pruneMode_ == PruneMode::prune && followers_)
       floor = std::max(floor, std::min(followers_->reportedByAll(), tail()));
+   // Who comes after a death inside this compaction sweeps from its start on: that must not be left out.
+   if (shrinking_ && corralStart_ != 0) floor = std::min(floor, corralStart_ - 1);
    return floor;
 }
 
@@ -252,7 +254,7 @@ template <class Slot, class Position> void TesselWriter<Slot, Position>::updateC
    }
    bool const release =
        tables_[0].releasePending() || tables_[1].releasePending() || slotsWrapper_.releasePending();
-   chores_ = release || corralEnd_ != 0 || cuttable();
+   chores_ = release || (corralEnd_ != 0 && !dropWanted_) || cuttable();
 }
 
 template <class Slot, class Position> void TesselWriter<Slot, Position>::chores() {
@@ -262,7 +264,7 @@ template <class Slot, class Position> void TesselWriter<Slot, Position>::chores(
    if (cuttable()) cut();
    // Where all followers are behind a compaction, nobody loses by its end. Not looked at each time: there may
    // be many.
-   if (corralEnd_ != 0 && followers_ && patience_++ % 256 == 0 && followers_->reportedByAll() >= corralEnd_)
+   if (corralEnd_ != 0 && followers_ && patience_++ % 16 == 0 && followers_->reportedByAll() >= corralEnd_)
       shrinkMarker();
    updateChores();
 }

@@ -35,7 +35,12 @@ template <class Ops> void MirakWriter<Ops>::shrink() {
    if (busy()) refuseBusy("", "");
    if (!attached()) return;
    releaseDue();
-   doMaybeShrinkSlots(slots_.shrinkDue());
+   try {
+      doMaybeShrinkSlots(slots_.shrinkDue());
+   } catch (...) {
+      slots_.markCriticalSection(); // half done: nothing more may be written, and the next start re-formats
+      throw;
+   }
 }
 
 template <class Ops> void MirakWriter<Ops>::doMaybeShrinkSlots(u32 threshold) {
@@ -80,7 +85,7 @@ template <class Ops> void MirakWriter<Ops>::doMaybeShrinkSlots(u32 threshold) {
    if constexpr (Ops::hasChangeQueue) queue_.cutTo(newNumSlots);
    armRelease();
    // A slot that comes back may have the word that it had: what was handed out of the tail is stale for good.
-   if (anchor_.offset < Mem::anchorUnset && anchor_.offset >= slots_.wrapper().mappedSize())
+   if (anchor_.offset < Mem::anchorUnset && anchor_.offset >= SlotTable<Ops>::endOf(newNumSlots))
       anchor_.offset = Mem::anchorGone;
    LOMI_TRACE(debugHandler_, 2, "MirakWriter", "{} from {} slots to {}", rootPath_.str(), capacity,
               newNumSlots);

@@ -117,15 +117,11 @@ template <class Ops>
 bool MirakWriter<Ops>::attachAndValidate(bool reformat, Parcel::OwnerFile& ownerFile,
                                          Parcel::TunnetInfo const& tunnetInfo) {
    std::string error;
-   auto giveUp = [&](char const* what) {
-      LOMI_TRACE(debugHandler_, 0, "MirakWriter", "{}", what);
-      LOMI_TRACE(debugHandler_, 0, "MirakWriter", "{}", dumpHeaders());
-      LOMI_TRACE(debugHandler_, 0, "MirakWriter", "owner file: {}", ownerFile.headerToString());
-      return false;
-   };
    if (!reformat) {
-      if (!attach(kestorId_)) return giveUp("failed to attach to existing files");
-      if (!validate(kestorId_, error, false)) {
+      char const* unusable = nullptr;
+      if (!attach(kestorId_)) {
+         unusable = "failed to attach to existing files";
+      } else if (!validate(kestorId_, error, false)) {
          if (Util::runningOnPhysicalDut() && Util::strictValidation()) {
             // The damaged table goes into a core file, and the next start begins afresh.
             Parcel::KestorFile(debugHandler_, rootPath_, localMem_).remove();
@@ -135,7 +131,13 @@ bool MirakWriter<Ops>::attachAndValidate(bool reformat, Parcel::OwnerFile& owner
             throw Lomi::InvalidInitializeException(
                 fmt::format("failed initial validation of {} after re-attaching", rootPath_.str()));
          }
-         return giveUp("failed to validate existing files");
+         unusable = "failed to validate existing files";
+      }
+      if (unusable) {
+         LOMI_TRACE(debugHandler_, 0, "MirakWriter", "{}", unusable);
+         LOMI_TRACE(debugHandler_, 0, "MirakWriter", "{}", dumpHeaders());
+         LOMI_TRACE(debugHandler_, 0, "MirakWriter", "owner file: {}", ownerFile.headerToString());
+         return false;
       }
    } else {
       LOMI_TRACE(debugHandler_, 1, "MirakWriter", "all entries from {} will be lost", rootPath_.str());
@@ -192,19 +194,20 @@ bool MirakWriter<Ops>::validate(Parcel::KestorId kestor, std::string& error, boo
       return false;
    }
    bool sound = false;
-   auto const caught = [&](char const* text) {
-      LOMI_TRACE(debugHandler_, 0, "MirakWriter", "caught: {}", text);
-      error = text;
-   };
+   std::string caught;
    try {
       Validator<Ops, MirakWriter> validator(debugHandler_, *this);
       typename HashMap::Marking const marking(map_, validator);
       sound = validator.doValidate(kestor);
       error = validator.error();
    } catch (Lomi::CorruptionDetectedException const& e) {
-      caught(e.what());
+      caught = e.what();
    } catch (Lomi::MemoryResourceException const& e) {
-      caught(e.what());
+      caught = e.what();
+   }
+   if (!caught.empty()) {
+      LOMI_TRACE(debugHandler_, 0, "MirakWriter", "caught: {}", caught);
+      error = caught;
    }
    if (!sound)
       LOMI_TRACE(debugHandler_, 0, "MirakWriter", "Mirak {} validation failed: {}", rootPath_.str(), error);
@@ -272,10 +275,9 @@ template <class Ops> void MirakWriter<Ops>::cleanup() {
    if (localMem_ || !rootPath_.exists()) return;
    Parcel::OwnerFile ownerFile(debugHandler_, rootPath_, localMem_);
    ownerFile.lock();
-   std::optional<Mem::WriterLock> lock;
    // A lock that another process holds can't be taken away from it: then this throws, and nothing is removed.
-   if (!writerLock_)
-      lock.emplace(Mem::WriterLock::acquireWriterLock(debugHandler_, rootPath_, ownerFile, true));
+   // Asked also with a lock of our own: somebody may have removed that one's file, and another writer begun.
+   auto const lock = Mem::WriterLock::acquireWriterLock(debugHandler_, rootPath_, ownerFile, true);
    owner_ = ownerFile.validate();
    if (!owner_)
       LOMI_TRACE(debugHandler_, 1, "MirakWriter",

@@ -61,13 +61,17 @@ template <class Ops> void MirakWriter<Ops>::releaseDue() {
 }
 
 /// Makes sure, before the first store of an insert, that the index can grow after it, and that the change can
-/// be announced: a row that is linked must not be left behind by an exception.
+/// be announced: a row that is linked must not be left behind by an exception. A full table of fixed size
+/// refuses before anything is asked of the system.
 template <class Ops> void MirakWriter<Ops>::prepareInsert() {
+   bool const full = slots_.full();
+   if (full && slots_.fixedSize()) [[unlikely]]
+      slots_.refuse();
    if (u32 const rows = members() + 1; map_.wantsPreparation(rows)) [[unlikely]]
       map_.prepareGrow(rows);
    if constexpr (Ops::hasChangeQueue) {
       queue_.prepare(slots_.preparedSlots());
-      if (slots_.full() && !slots_.fixedSize()) [[unlikely]]
+      if (full) [[unlikely]]
          queue_.reserve(slots_.nextCapacity());
    }
 }

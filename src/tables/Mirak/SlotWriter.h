@@ -86,14 +86,16 @@ public:
              place < reinterpret_cast<char const*>(slots_ + capacity_);
    }
 
+   /// The failure exit of an insert into a full table of fixed size, which has changed nothing: leaves the
+   /// critical section. @throws TableFullException
+   [[noreturn, gnu::cold]] void refuse();
    /// Takes the head of the free list; the caller fills the slot. Grows the table if the list is empty, which
-   /// may move the mapping. @throws TableFullException (nothing changed, critical section left),
-   /// MemoryResourceException
+   /// may move the mapping. @throws TableFullException as refuse() does, MemoryResourceException
    Slot& takeFreeSlot() {
       if (occupiedSlots() >= prepareAt_) [[unlikely]]
          prepareGrow();
-      if (full()) [[unlikely]]
-         growOrRefuse();
+      if (full() && !grow()) [[unlikely]]
+         refuse();
       return slot(Mem::loadShared(header_->freeSlots));
    }
    /// Second half of an allocation, after the slot's rhash is stored: unlinks it from the free list and
@@ -180,8 +182,6 @@ private:
    u64 bytesFor(u32 numSlots) const {
       return Lomi::Util::fileSizeHelper(numSlots, Table::slotSize, Table::headerSize);
    }
-   [[gnu::cold]] void growOrRefuse();
-   [[noreturn, gnu::cold]] void alloc();
    [[noreturn, gnu::cold]] void outOfRange(u32 index) const;
 
    // Constant after construction.
@@ -333,11 +333,10 @@ template <class Ops> void SlotWriterTable<Ops>::formatFreeSlots(u32 start, u32 e
 template <class Ops> void SlotWriterTable<Ops>::prepareGrow() {
    u32 const to = nextCapacity();
    u32 const end = std::min(to, prepared_ + preparedBytes / Table::slotSize);
-   u64 const size = Table::headerSize + u64{end} * Table::slotSize;
+   u64 const size = Table::endOf(end);
    prepareAt_ = noSlot;
-   if (to > Mem::Local::maxMappingSize() / Table::slotSize || !wrapper_.reserve(size, bytesFor(to)) ||
-       wrapper_.writableSize() < size)
-      return;
+   bool const mappable = Table::endOf(to) + Mem::pageSize_ < Mem::Local::maxMappingSize();
+   if (!mappable || !wrapper_.reserve(size, bytesFor(to)) || wrapper_.writableSize() < size) return;
    formatFreeSlots(prepared_, end, to);
    prepared_ = end;
    if (end == to) return;
@@ -413,12 +412,7 @@ template <class Ops> void SlotWriterTable<Ops>::shrinkTo(u32 numSlots) {
    ++counters_.slotShrinks;
 }
 
-template <class Ops> void SlotWriterTable<Ops>::growOrRefuse() {
-   if (!grow()) alloc();
-}
-
-/// The failure exit of an allocation. A refused insert has changed nothing, so the section ends cleanly.
-template <class Ops> void SlotWriterTable<Ops>::alloc() {
+template <class Ops> void SlotWriterTable<Ops>::refuse() {
    leaveCriticalSection();
    throw TableFullException(fmt::format("Mirak table full (occupancy:{} tableSize:{}) {}", occupiedSlots(),
                                         maxSlots_, rootPath_.str()));

@@ -76,8 +76,8 @@ template <class Ops, class Writer> bool Validator<Ops, Writer>::doValidate(Parce
    bool const slots = checkSlotHeader(kestor);
    bool queue = true;
    if constexpr (Ops::hasChangeQueue) {
-      queue = writer_.queue().tesselWriter.validate(kestor, Mem::loadShared(writer_.slotTable().header().mostSlots),
-                                              error_);
+      queue = writer_.queue().tesselWriter.validate(
+          kestor, Mem::loadShared(writer_.slotTable().header().mostSlots), error_);
    }
    if (!buckets || !slots || !queue) return false;
    if constexpr (Ops::hasChangeQueue) tesselMarks_.grow(writer_.queue().tesselWriter.count());
@@ -95,8 +95,16 @@ template <class Ops, class Writer> bool Validator<Ops, Writer>::checkSlotHeader(
    if (flags & Header::inCriticalSection)
       return fail(fmt::format("bad critical section runtimeFlags:{:x}", flags));
    using Table = SlotTable<Ops>;
-   return header.validate(debugHandler_, writer_.slotTable().wrapper().memSize(), kestor, Table::headerSize,
-                          Table::slotSize, error_);
+   if (!header.validate(debugHandler_, writer_.slotTable().wrapper().memSize(), kestor, Table::headerSize,
+                        Table::slotSize, error_))
+      return false;
+   // Under a writer that lives, the files alone may be damaged; the walks go by its own counts.
+   u32 const numSlots = Mem::loadPair(header.numSlots).value;
+   u32 const numBuckets = Mem::loadPair(writer_.hashMap().buckets().header().numBuckets).value;
+   if (numSlots != writer_.capacity() || numBuckets != writer_.buckets())
+      return fail(fmt::format("bad numSlots:{} numBuckets:{}, the writer has {} and {}", numSlots, numBuckets,
+                              writer_.capacity(), writer_.buckets()));
+   return true;
 }
 
 template <class Ops, class Writer> bool Validator<Ops, Writer>::walkOccupiedSlots() {

@@ -367,6 +367,7 @@ template <class Ops> bool WriterHashMap<Ops>::nextSlow(Key const& key, Value& va
       index = Mem::loadPair(slot.link).next;
    }
    if (index == noSlot) {
+      atEndOfTable(bucket);
       LOMI_TRACE(debugHandler_, 9, "WriterHashMap", "{} failed", Mirak::keyText(key));
       return false;
    }
