@@ -76,8 +76,8 @@ template <class Ops, class Writer> bool Validator<Ops, Writer>::doValidate(Parce
    bool const slots = checkSlotHeader(kestor);
    bool queue = true;
    if constexpr (Ops::hasChangeQueue) {
-      queue = writer_.queue().tesselWriter.validate(kestor, Mem::loadShared(writer_.slotTable().header().mostSlots),
-                                              error_);
+      queue = writer_.queue().tesselWriter.validate(
+          kestor, Mem::loadShared(writer_.slotTable().header().mostSlots), error_);
    }
    if (!buckets || !slots || !queue) return false;
    if constexpr (Ops::hasChangeQueue) tesselMarks_.grow(writer_.queue().tesselWriter.count());
