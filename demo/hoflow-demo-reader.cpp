@@ -6,7 +6,7 @@
 // there must be there, its counts must not fall, and no walk may pass a row twice: each breach is an anomaly.
 // A re-format or a new file ends the generation; the reader then attaches again and starts from nothing.
 //
-// Each second, and at the end, one JSON object with all counts so far goes to stdout.
+// Twice a second, and at the end, one JSON object with all counts so far goes to stdout.
 #include "Mem/Paths.h"
 #include "Table.h"
 

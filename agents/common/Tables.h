@@ -24,7 +24,7 @@ std::string mountWriter(Zeb::Ptr<ZebMirak::CollectionControl> const& control, ch
 /// Runs a start's mounting, and turns a refusal into CannotOpen. @throws also Lomi::MemoryResourceException
 void openTables(std::function<void()> const& mount);
 
-/// Rows that a table of flows is laid out for; above it the table grows by tenths instead of doubling.
+/// Rows that a table of flows is laid out for; beyond it the table grows by tenths instead of doubling.
 inline constexpr unsigned flowTableSize = 1u << 20;
 
 /// The process that writes the table at `path` now, 0 if none does.

@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // The mix:
 //   flows    appear one after the other, evenly over the capture, so that a table of them grows all the
-//   while; which of
-//            those that are there sends next is drawn so that a flow's chance falls with its age's rank
-//            (about 1/rank): a few flows carry most packets, most flows have one or two
+//            while. Which of those that are there sends next is drawn so that a flow's chance falls with
+//            its age's rank (about 1/rank): a few flows carry most packets, most flows have one or two
 //   pairs    two flows in succession are the two directions between a client and a server
 //   hosts    some thousand clients, a few hundred servers, clients' ports counting up
 //   families 70 % IPv4, 30 % IPv6; 15 % in one of 16 VLANs, some of these behind a second tag

@@ -85,8 +85,6 @@ public:
    std::uint64_t rowsRemoved() const { return removed_; }
    /// Rows stored by this run.
    std::uint64_t stores() const { return stores_; }
-   /// True while the packets of an earlier run are counted again.
-   bool recounting() const { return recounting_; }
 
 private:
    static void add(Record& row, bool known, std::uint64_t bytes, Zeb::Seconds time) {

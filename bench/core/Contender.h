@@ -16,8 +16,7 @@
 //    u64 bytes()                                  memory held now
 //    Reader(Place const&, Peer*)                  Peer is null in another process
 //    bool Reader::lookup(Key const&, u32 ordinal, Row&)   copies all 84 bytes on a hit
-//    void Reader::walk(F&& seeRow)                        copies each row's 84 bytes into a Row of its own
-//    first
+//    void Reader::walk(F&& seeRow)                        copies each row's 84 bytes into its own Row first
 #pragma once
 
 #include "core/Workload.h"

@@ -145,8 +145,8 @@ template <class R> struct Scenario {
    Mirak::MapDescriptor descriptor;
    Act setup;
    std::vector<Act> acts;
-   bool restarts =
-       false; ///< the acts start a writer, or end a table: readers may be refused, rows may be lost
+   /// The acts start a writer, or end a table: readers may be refused, rows may be lost.
+   bool restarts = false;
    bool damaged = false; ///< what is there before the acts may be called corrupt
 };
 

@@ -68,7 +68,7 @@ std::string cellText(Cell const& cell);
 /// set, a tag as an object, everything else as text.
 void appendJson(fmt::memory_buffer& out, Cell const& cell);
 
-/// Reads what a person typed. @return false with what was expected in `expected`: "a port or number from 0 to
+/// Reads what a person typed. @return false with what was expected in `expected`: "a number from 0 to
 /// 65535"
 bool parseCell(CellType const& type, std::string_view text, Cell& cell, std::string& expected);
 

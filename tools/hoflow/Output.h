@@ -28,12 +28,12 @@ struct Failure {
    std::string hint = {};
 };
 
-/// Of several tables' outcomes the gravest counts: corrupt, can't open, incomplete, no match, ok.
+/// Of several tables' outcomes the gravest counts: corrupt, usage, can't open, incomplete, no match, ok.
 Exit worse(Exit a, Exit b);
 
 enum class Style { plain, bold, good, warning, bad };
 
-/// stdout. Colour only on a terminal, and not if NO_COLOR is set to anything.
+/// stdout. Colour only on a terminal, and not if NO_COLOR is set and not empty.
 class Output {
 public:
    Output();

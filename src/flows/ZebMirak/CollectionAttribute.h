@@ -134,7 +134,6 @@ public:
 
    Map& map() { return map_; }
    Map const& map() const { return map_; }
-   Binding const& binding() const { return binding_; }
 
 private:
    void tell(Key const& key) {

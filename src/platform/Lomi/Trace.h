@@ -92,7 +92,6 @@ public:
    explicit Debuggable(Platform::DebugHandler const& handler)
       : handler_(&handler) {}
    Platform::DebugHandler const& debugHandler() const { return *handler_; }
-   void debugHandlerIs(Platform::DebugHandler const& handler) { handler_ = &handler; }
 
 private:
    Platform::DebugHandler const* handler_;

@@ -94,8 +94,7 @@ void OwnerFile::lock() {
 }
 
 // A writer may be at work on the record: a copy whose checksum fails is taken again before it counts as
-// damage.
-// `refused` tells apart what the system doesn't let us see.
+// damage. `refused` tells apart what the system doesn't let us see.
 bool OwnerFile::read(Record& record, std::string& error, bool* refused) const {
    // Under lock() the file is open already: a lack of descriptors must not look like damage.
    int fd = locked_ ? locked_->fd() : -1;

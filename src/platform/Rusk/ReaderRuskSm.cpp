@@ -72,8 +72,7 @@ void ReaderRuskSm::notifyingIs(bool notifying) {
    walkSoon();
 }
 
-// --- walking
-// ---------------------------------------------------------------------------------------------------
+// --- walking ---
 
 void ReaderRuskSm::walkSoon() {
    pollTask_.cancel();
@@ -141,8 +140,7 @@ void ReaderRuskSm::onPoll() {
    if (!armed_) pollAfter(std::min(2 * pollPause_, longestPoll));
 }
 
-// --- talking
-// ---------------------------------------------------------------------------------------------------
+// --- talking ---
 
 bool ReaderRuskSm::tell(MessageType type) {
    Message message;
@@ -229,8 +227,7 @@ void ReaderRuskSm::lost() {
    follower_.handleDisconnect(); // last: the object may end in it
 }
 
-// --- connecting
-// ------------------------------------------------------------------------------------------------
+// --- connecting ---
 
 void ReaderRuskSm::connectSoon() {
    connectTask_ = Lomi::TaskSchedulerRoot::root().timerTask(pause_, [this] { connect(); });

@@ -143,8 +143,8 @@ private:
    Lomi::Task connectTask_;
    Lomi::Task walkTask_;
    Lomi::Task pollTask_;
-   std::shared_ptr<u64>
-       epoch_; // moves when the object is detached or ends; outlives it in a call of the follower
+   /// Moves when the object is detached or ends; outlives it in a call of the follower.
+   std::shared_ptr<u64> epoch_;
    Counters counters_;
 };
 

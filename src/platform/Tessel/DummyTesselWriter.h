@@ -4,13 +4,11 @@
 #pragma once
 
 #include "Lomi/Export.h"
-
 #include "Mem/SharedWords.h"
 
 namespace Tessel {
 
 struct HOFLOW_EXPORT DummyTesselWriter {
-   static constexpr bool real = false;
    void notify(Mem::u32 /*slot*/) {}
    void tombstone(Mem::u32 /*slot*/) {}
 };

@@ -99,7 +99,6 @@ template <class Slot> bool TesselReader<Slot>::follow(u32 generation, u32 capaci
 /// sought again
 template <class Slot> WalkResult TesselReader<Slot>::place() {
    placed_ = false;
-   ++placements_;
    // SYNC(queue-generation) load: all that is read below is of this generation, or a later look says so.
    u32 const generation = Mem::loadShared(header().generation);
    // SYNC(queue-kestor) load: it was taken away before the generation moved, and given back last.

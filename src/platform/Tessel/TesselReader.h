@@ -78,8 +78,6 @@ public:
    Rusk::Sequence last() const { return last_; }
    /// The writer's last sequence, 0 while detached.
    Rusk::Sequence tail() const;
-   /// How often the place had to be found: at each new generation, and after each sweep and attach.
-   u64 placements() const { return placements_; }
 
 private:
    class TesselNotifications;
@@ -106,7 +104,6 @@ private:
    u64 base_ = 0;
    Rusk::Sequence last_ = 0;
    u64 attachments_ = 0; ///< tells a walk that its client has detached the queue
-   u64 placements_ = 0;
 };
 
 extern template class TesselReader<BasicSlot>;

@@ -76,7 +76,6 @@ template <class Slot, class Position> class HOFLOW_EXPORT TesselWriter : public 
    static_assert(sizeof(Slot) == 4 && sizeof(Position) == 4);
 
 public:
-   static constexpr bool real = true;
    static constexpr char const* slotsFile = "tessel.slots";
 
    /// Touches no file. @param beforeFormat called before the files, found or new, are formatted

@@ -4,8 +4,8 @@
 //
 //    template <> struct Zeb::Declaration<Status> {
 //       static constexpr std::tuple attributes{
-//           Zeb::constructed<&Status::key>(2, "key"),                              // given to the
-//           constructor Zeb::field<&Status::hoFlowState, &Status::hoFlowStateIs>(3, "hoFlowState"),
+//           Zeb::constructed<&Status::key>(2, "key"),   // given to the constructor
+//           Zeb::field<&Status::hoFlowState, &Status::hoFlowStateIs>(3, "hoFlowState"),
 //           Zeb::function<&Status::mirakString>(4, "mirakString")};
 //    };
 //

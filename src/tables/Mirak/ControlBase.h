@@ -48,8 +48,8 @@ public:
    /// first, also under a mounted writer. Where it throws, the collection is as before.
    /// @throws std::bad_cast: not a Mirak::MapDescriptor
    ///         Lomi::InvalidInitializeException: another descriptor while it is mounted, a descriptor that
-   ///         makes no sense, another writer lives, the files can't be made Lomi::MemoryResourceException: no
-   ///         space
+   ///         makes no sense, another writer lives, the files can't be made
+   ///         Lomi::MemoryResourceException: no space
    ///         What a callback throws passes through, too; a writer is mounted then.
    /// In a callback of init() itself the collection counts as mounted. So it does in one of controlDetach():
    /// mount it again after that.

@@ -84,8 +84,8 @@ protected:
    std::string traceName;   ///< names its traces; empty: its path does
    mutable bool notifying_ = true;
    mutable double yieldTime_ = 0.05; ///< seconds
-   bool assertOnOrphanAccess =
-       false; ///< from now on access to the collection is an error that stops the process
+   /// From now on access to the collection is an error that stops the process.
+   bool assertOnOrphanAccess = false;
    u64 backChanges_ = 0;
 
 private:

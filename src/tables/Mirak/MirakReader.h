@@ -7,18 +7,14 @@
 // table's files and needs no more than read rights. Reacting to changes is the shadow's business.
 //
 // Guarantees of lookup, first, next and getValue:
-//   R1  what is returned was true at some moment of the call, and neither file changed its size and no
-//   re-format
+//   R1  what is returned was true at some moment of the call: neither file changed its size and no re-format
 //       of the table began before the last of its loads
 //   R2  a resize during the call is followed and the call repeated: each repeat needs a new resize by the
-//   writer,
-//       so there is no limit
+//       writer, so there is no limit
 //   R3  Mirak::TableReformattedException: the writer formatted the table anew. Not damage; detach,
-//   initialize,
-//       start over
+//       initialize, start over
 //   R4  any other Lomi::CorruptionDetectedException: the files hold what no writer leaves there. The object
-//   stays
-//       usable
+//       stays usable
 //   R5  Lomi::MemoryResourceException: the kernel refused a mapping. The next call tries again
 // How a re-format is noticed: it takes away the kestor file before it destroys anything, stores its
 // generation into the slot header before anything else, draws another hash seed, and moves the bucket count's

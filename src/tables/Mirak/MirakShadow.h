@@ -17,8 +17,7 @@
 //   - in an asynchronous mount nothing of rows before the copy is complete for the first time; then each row
 //     that is new or changed, and each removal. For each row these add up to what the copy holds.
 //   - a keyshadow tells a row by its key, also when it was rewritten with what it held. It tells each row
-//   once
-//     more in a resynchronisation: its client must not mind
+//     once more in a resynchronisation: its client must not mind
 //   - mountStatusFn when the copy is complete, when the connection to the writer comes or is lost, and at the
 //     end of a flush; quiescedFn when the queue's end is met, and when the copy has fallen behind by more
 //     than the yield time
@@ -231,7 +230,6 @@ template <class Ops> void MirakShadow<Ops>::corruptionDetected(std::string const
 
 template <class Ops> void MirakShadow<Ops>::notifyingIs(bool notifying) {
    LOMI_TRACE(debugHandler(), 5, "MirakShadow", "notifying:{}", notifying);
-   notifying_ = notifying;
    if (!notifying) tesselReader_.pause();
    syncer_.notifyingIs(notifying);
    rusk_.notifyingIs(notifying);

@@ -89,7 +89,6 @@ protected:
    Tessel::TesselReader<Tessel::BasicSlot> tesselReader_;
    Rusk::ReaderRuskSm rusk_;
    u32 const shadowFlags;
-   bool notifying_ = true;
    Rusk::Sequence sequence_ = 0; ///< at the start of the last sweep
    bool synced_ = false;         ///< a first sweep was completed
    u32 resyncs_ = 0;

@@ -160,7 +160,6 @@ private:
    bool attached() const { return slots_.attached(); }
    bool busy() const { return inDirectMode() || restructuring_; }
    [[gnu::always_inline]] inline Place locate(Key const& key);
-   Slot& slotBehind(SlotLink const* prev) { return slots_.slot(Mem::loadPair(*prev).next); }
    void prepareInsert();
    Slot& allocate(Place& place);
    void overwriteSlot(Slot& slot, Value const& value);

@@ -68,7 +68,6 @@ template <class KeyType, class ValueType, class KeyOperations, class ValueOperat
 struct HOFLOW_EXPORT Ops {
    using Key = KeyType;
    using Value = ValueType;
-   using ValueOperationsType = ValueOperations;
    using TesselWriter = TesselWriterType;
    /// Known without the queue's definition: readers of a table need not know how its queue is written.
    static constexpr bool hasChangeQueue = !std::is_same_v<TesselWriterType, Tessel::DummyTesselWriter>;

@@ -113,7 +113,6 @@ public:
    bool grow();
    /// The threshold if the table is now empty enough to shrink, else 0.
    u32 shrinkDue() const { return occupiedSlots() < shrinkThreshold_ / 2 ? shrinkThreshold_ : 0; }
-   u32 shrinkThreshold() const { return shrinkThreshold_; }
    /// Cuts the table down to `numSlots`. Whatever lies above is on no list and in no chain any more.
    /// @throws Lomi::MemoryResourceException with the smaller count published; only private memory can do so
    void shrinkTo(u32 numSlots);

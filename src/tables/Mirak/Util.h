@@ -46,6 +46,6 @@ bool runningOnPhysicalDut();
 /// Whether a table that fails its first validation stops the start with an exception and goes into a core
 /// file instead of being formatted. Off unless the process asks for it; acts on real hardware only.
 bool strictValidation();
-void strictValidationIs(bool strict);
+HOFLOW_EXPORT void strictValidationIs(bool strict);
 
 } // namespace Mirak::Util

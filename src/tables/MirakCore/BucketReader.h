@@ -86,8 +86,8 @@ private:
    Mirak::Reader::BucketCounters& counters_;
    BucketTableHeader const* header_ = nullptr; ///< the mapping's base
    u32 bits_ = 0;
-   Mem::VersionedRef<u32> numBuckets_{0,
-                                      0}; ///< private copy; all bucket arithmetic uses it, never the header
+   /// Private copy; all bucket arithmetic uses it, never the header.
+   Mem::VersionedRef<u32> numBuckets_{0, 0};
    Parcel::KestorId kestor_;
 };
 

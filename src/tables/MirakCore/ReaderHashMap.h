@@ -16,9 +16,8 @@
 // Why, by the word that is read:
 //   SYNC(slot-word)    protects the copy of a row (SlotReader.h)
 //   SYNC(chain-link)   the link by which a slot was reached is loaded again after the slot was read: if it
-//   stands
-//                      still, the slot was in this chain when it was read. That finds a removal, a re-use and
-//                      a move.
+//                      stands still, the slot was in this chain when it was read. That finds a removal, a
+//                      re-use and a move.
 //   SYNC(num-buckets)  is asked before absence is reported, and by the wrapper after each operation
 //
 // Progress. A walk starts over when a link changed under it; there is no limit, since each time needs a fresh

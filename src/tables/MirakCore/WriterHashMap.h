@@ -170,8 +170,8 @@ private:
    SlotWriterTable& slots_;
    Mem::VersionAnchor& anchor_;
    Mirak::Writer::Counters& counters_;
-   Validator* validator_ =
-       nullptr; ///< only while a validation runs: the walk then checks and marks each slot
+   /// Only while a validation runs: the walk then checks and marks each slot.
+   Validator* validator_ = nullptr;
    /// Where a growth cuts a chain in two: behind which slot (noSlot: the bucket's head), and what follows
    /// there.
    struct Cut {
