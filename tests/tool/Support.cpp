@@ -2,6 +2,8 @@
 // Running the program, and the tests' files. See Support.h.
 #include "Support.h"
 
+#include "Tessel/QueueFormat.h"
+
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -255,6 +257,17 @@ void Root::claimQueue(std::string const& table) const {
    poke(file(table, "slots"), offsetof(Mirak::SlotTableHeader, constFlags),
         Mirak::SlotTableHeader::hasChangeQueue);
    sealHeader(table);
+   Tessel::QueueHeader queue{};
+   queue.magic = queue.magicValue;
+   queue.version = queue.formatVersion;
+   queue.kestor = peek<Mirak::SlotTableHeader>(file(table, "slots"), 0).kestor;
+   queue.platform = queue.platformX86;
+   queue.entryKind = queue.slotEntries;
+   queue.hash = queue.checksum();
+   queue.next = 1;
+   for (char const* name : {"tessel", "tessel.0", "tessel.1", "tessel.slots"})
+      write(file(table, name), std::vector<char>(Tessel::headerFileSize));
+   poke(file(table, "tessel"), 0, queue);
 }
 
 std::string Root::snapshot() const {

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // What the tool's tests stand on: the built program run as a user would run it, and tables of all seven types
 // in a root of their own. Tables are made by real writers. Those of the types with a change queue are made
-// without one, and their header then says that it has one: readers see no other difference.
+// without one, and get an empty one by hand: readers see no other difference.
 #pragma once
 
 #include "FlowTracking/Tables.h"
@@ -123,7 +123,7 @@ protected:
    void store(std::string const& path, std::size_t offset, void const* from, std::size_t bytes) const;
    /// The checksum of a slot file's header, made right again.
    void sealHeader(std::string const& table) const;
-   /// A table's header now says that its writer feeds a queue.
+   /// The table has an empty queue, as if its writer fed one.
    void claimQueue(std::string const& table) const;
    /// Names, lengths, times and contents of all files.
    std::string snapshot() const;

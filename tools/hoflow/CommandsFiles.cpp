@@ -124,7 +124,7 @@ void showJson(Common const& common, Inspection const& t) {
       j["maxSlots"] = h.maxSlots;
       j["mostSlots"] = h.mostSlots;
       j["changeQueue"] = hasQueue(h);
-      if (t.queueHeader && t.queueTable) j["queue"] = queueJson(t);
+      if (t.queue.header && t.queue.table) j["queue"] = queueJson(t);
       j["inOperation"] = t.inOperation();
    }
    if (t.bucketHeader) j["buckets"] = t.bucketHeader->numBuckets.value;
@@ -141,10 +141,10 @@ void showJson(Common const& common, Inspection const& t) {
 
 std::string queueText(Inspection const& t) {
    if (!hasQueue(*t.slotHeader)) return "none: readers look, nobody tells them";
-   if (!t.queueHeader || !t.queueTable) return "the writer feeds a change queue";
-   return fmt::format("{} entries of {}, generation {}; {} changes so far, {} followers", t.queueTable->count,
-                      t.queueTable->capacity, t.queueHeader->generation, t.queueHeader->next - 1,
-                      t.writerAlive ? t.queueHeader->followers : 0);
+   if (!t.queue.header || !t.queue.table) return "the writer feeds a change queue";
+   return fmt::format("{} entries of {}, generation {}; {} changes so far, {} followers",
+                      t.queue.table->count, t.queue.table->capacity, t.queue.header->generation,
+                      t.queue.header->next - 1, t.writerAlive ? t.queue.header->followers : 0);
 }
 
 void showText(Common const& common, Inspection const& t) {

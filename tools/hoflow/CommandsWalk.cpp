@@ -8,7 +8,7 @@
 // same bytes before and after the walk: versions only move on, so equal bytes mean that nothing was stored in
 // between.
 //
-// What it cannot see: the free list, and values that are wrong in themselves.
+// What it cannot see: the free list, a change queue's entries, and values that are wrong in themselves.
 #include "Commands.h"
 #include "Files.h"
 #include "Json.h"
@@ -134,8 +134,8 @@ Exit checkOne(Common const& common, std::string const& name) {
    Checked const seen = verdict.seen;
    Inspection const after = inspect(name);
    bool const interrupted = after.interrupted();
-   if (!after.ownerProblem.empty())
-      verdict.problems.push_back(after.ownerProblem + "; the next writer formats the table anew");
+   for (std::string const& problem : {after.ownerProblem, after.queue.problem})
+      if (!problem.empty()) verdict.problems.push_back(problem + "; the next writer formats the table anew");
    Exit const status = !verdict.problems.empty() ? Exit::corrupt : interrupted ? Exit::incomplete : Exit::ok;
    std::string const died = "the last writer died inside an operation: the next one formats the table anew";
    if (common.json) {

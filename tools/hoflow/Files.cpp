@@ -12,8 +12,6 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -24,45 +22,6 @@ using Mirak::SlotTableHeader;
 using MirakCore::BucketTableHeader;
 
 namespace {
-
-/// Opens one file of the table's directory, and fills in what there is to know of it from outside.
-Mem::Descriptor openFile(Mem::Descriptor const& directory, char const* name, FileFacts& facts) {
-   struct stat status {};
-   if (::fstatat(directory.get(), name, &status, AT_SYMLINK_NOFOLLOW) != 0) {
-      facts.present = errno != ENOENT;
-      facts.error = errno;
-      return {};
-   }
-   facts = {true, 0, static_cast<std::uint64_t>(status.st_size),
-            static_cast<std::uint64_t>(status.st_blocks) * 512};
-   // Anything but a plain file isn't even opened.
-   if (!S_ISREG(status.st_mode)) {
-      facts.error = S_ISLNK(status.st_mode) ? ELOOP : EINVAL;
-      return {};
-   }
-   Mem::Descriptor file(::openat(directory.get(), name, O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
-   if (!file) facts.error = errno;
-   return file;
-}
-
-template <class Header> bool readAt0(Mem::Descriptor const& file, Header& header) {
-   ssize_t got = 0;
-   do {
-      got = ::pread(file.get(), &header, sizeof header, 0);
-   } while (got < 0 && errno == EINTR);
-   return got == static_cast<ssize_t>(sizeof header);
-}
-
-/// A header between two looks at its version: not the half of one size and the half of another.
-template <class Header, class Version>
-std::optional<Header> readHeader(Mem::Descriptor const& file, Version version) {
-   Header header, again;
-   for (int attempt = 0; attempt < 100; ++attempt) {
-      if (!file || !readAt0(file, header) || !readAt0(file, again)) return std::nullopt;
-      if (version(header) == version(again)) break;
-   }
-   return again;
-}
 
 /// The judgement of one look; the first thing that is wrong counts.
 class Judge {
@@ -110,7 +69,7 @@ private:
                     "hoflow list shows what is there");
       for (auto const& [facts, name] : all) {
          if (!facts.present || facts.error == 0) continue;
-         if (facts.error == ELOOP || facts.error == EINVAL)
+         if (facts.notPlain())
             return say(State::foreign, file(name) + ": is not a plain file",
                        "a table's files are plain files; links aren't followed");
          return say(State::unreadable, fmt::format("{}: {}", file(name), std::strerror(facts.error)),
@@ -207,18 +166,6 @@ private:
    int directoryError_;
 };
 
-void readQueue(Inspection& t, Mem::Descriptor const& directory) {
-   FileFacts facts;
-   std::string error;
-   t.queueHeader = readHeader<Tessel::QueueHeader>(openFile(directory, "tessel", facts),
-                                                   [](auto const& h) { return h.generation; });
-   if (t.queueHeader && !t.queueHeader->validate(t.kestorId, error)) t.queueHeader.reset();
-   if (!t.queueHeader) return;
-   char const* const current = t.queueHeader->generation & 1 ? "tessel.1" : "tessel.0";
-   t.queueTable = readHeader<Tessel::QueueTable>(openFile(directory, current, facts),
-                                                 [](auto const& h) { return h.generation; });
-}
-
 Inspection look(Mem::NaoRootPath const& place) {
    Inspection t;
    t.name = place.name();
@@ -236,11 +183,9 @@ Inspection look(Mem::NaoRootPath const& place) {
                                                  [](auto const& h) { return h.numSlots.version; });
       t.bucketHeader = readHeader<BucketTableHeader>(openFile(directory, "buckets", t.buckets),
                                                      [](auto const& h) { return h.numBuckets.version; });
-      if (t.slotHeader && hasQueue(*t.slotHeader)) readQueue(t, directory);
       Parcel::OwnerFile const ownerFile(handler, place, false);
       openFile(directory, Parcel::OwnerFile::FILENAME, t.owner);
-      bool const mayRead =
-          !t.owner.present || t.owner.error == 0 || t.owner.error == ELOOP || t.owner.error == EINVAL;
+      bool const mayRead = !t.owner.present || t.owner.error == 0 || t.owner.notPlain();
       if (mayRead && !ownerFile.validate(t.ownerProblem) && t.ownerProblem.empty())
          t.ownerProblem = ownerFile.getFilename() + ": is no sound owner file";
       t.ownerText = t.owner.present ? ownerFile.headerToString() : "absent";
@@ -250,6 +195,8 @@ Inspection look(Mem::NaoRootPath const& place) {
       openFile(directory, "corruption-detected", marker);
       t.marked = marker.present;
       t.writerAlive = Mem::WriterLock::ownerIsAlive(handler, place, &t.writerPid);
+      if (t.slotHeader && hasQueue(*t.slotHeader))
+         t.queue = lookAtQueue(directory, t.path, t.kestorId, t.writerAlive);
    }
    if (t.slotHeader) t.type = FlowTracking::tableTypeNamed(t.slotHeader->valueTypeName());
    Judge(t, directoryError).judge();
@@ -335,12 +282,12 @@ bool hasQueue(SlotTableHeader const& header) {
 }
 
 ordered_json queueJson(Inspection const& t) {
-   return {{"held", t.queueTable->count},
-           {"bound", t.queueTable->capacity},
-           {"generation", t.queueHeader->generation},
-           {"sequence", t.queueHeader->next - 1},
-           {"followers", t.writerAlive ? t.queueHeader->followers : 0},
-           {"resyncs", t.writerAlive ? t.queueHeader->resyncs : 0}};
+   return {{"held", t.queue.table->count},
+           {"bound", t.queue.table->capacity},
+           {"generation", t.queue.header->generation},
+           {"sequence", t.queue.header->next - 1},
+           {"followers", t.writerAlive ? t.queue.header->followers : 0},
+           {"resyncs", t.writerAlive ? t.queue.header->resyncs : 0}};
 }
 
 Inspection glance(std::string const& name) {
@@ -356,9 +303,11 @@ Inspection inspect(std::string const& name) {
    // A moment after a writer's step, what looked half made or damaged is whole.
    for (int attempt = 0;; ++attempt) {
       Inspection seen = glance(name);
+      bool const queue = seen.state == State::ok && !seen.queue.problem.empty();
       bool const transient =
-          seen.writerAlive && (seen.state == State::halfMade || seen.state == State::corrupt);
-      if (!transient || attempt == 5) return seen;
+          seen.writerAlive && (seen.state == State::halfMade || seen.state == State::corrupt || queue);
+      // A queue gets a second look in any case: a writer may have come and gone between the files.
+      if (!(transient && attempt < 5) && !(queue && attempt == 0)) return seen;
       std::this_thread::sleep_for(50ms);
    }
 }

@@ -11,10 +11,11 @@
 #include "Mem/Paths.h"
 #include "Mirak/AnyTable.h"
 #include "MirakCore/BucketTable.h"
+#include "OneFile.h"
 #include "Output.h"
 #include "Parcel/KestorId.h"
 #include "Parcel/OwnerFile.h"
-#include "Tessel/QueueFormat.h"
+#include "QueueFiles.h"
 
 #include <memory>
 #include <nlohmann/json_fwd.hpp>
@@ -22,13 +23,6 @@
 #include <string>
 
 namespace Tool {
-
-struct FileFacts {
-   bool present = false;
-   int error = 0;            ///< errno of opening it, if it is present
-   std::uint64_t size = 0;   ///< its length
-   std::uint64_t memory = 0; ///< what it takes
-};
 
 enum class State { ok, halfMade, absent, unreadable, unknownType, otherVersion, foreign, corrupt };
 std::string_view stateText(State state);
@@ -38,8 +32,7 @@ struct Inspection {
    FileFacts slots, buckets, kestor, owner;
    std::optional<Mirak::SlotTableHeader> slotHeader; ///< as far as there is one, sound or not
    std::optional<MirakCore::BucketTableHeader> bucketHeader;
-   std::optional<Tessel::QueueHeader> queueHeader; ///< sound ones of this generation, or none
-   std::optional<Tessel::QueueTable> queueTable;   ///< the current table's header
+   QueueLook queue; ///< if the table has one
    Parcel::KestorId kestorId;
    double kestorTime = 0; ///< when the writer let readers in
    bool writerAlive = false;

@@ -53,14 +53,14 @@ void rate(Pulse& now, Pulse const& before) {
       return static_cast<double>(static_cast<std::int64_t>(b - a)) / seconds;
    };
    now.rowRate = per(before.rows(), now.rows());
-   if (now.hasQueue() && before.hasQueue() && now.seen.queueHeader->next >= before.seen.queueHeader->next)
-      now.changeRate = per(before.seen.queueHeader->next, now.seen.queueHeader->next);
+   if (now.hasQueue() && before.hasQueue() && now.seen.queue.header->next >= before.seen.queue.header->next)
+      now.changeRate = per(before.seen.queue.header->next, now.seen.queue.header->next);
 }
 
 } // namespace
 
 double Pulse::queueLoad() const {
-   return hasQueue() ? ratio(seen.queueTable->count, seen.queueTable->capacity) : 0;
+   return hasQueue() ? ratio(seen.queue.table->count, seen.queue.table->capacity) : 0;
 }
 
 void Pulses::look() {

@@ -26,7 +26,7 @@ struct Pulse {
 
    std::uint64_t rows() const { return seen.slotHeader ? seen.slotHeader->occupiedSlots : 0; }
    std::uint64_t capacity() const { return seen.slotHeader ? seen.slotHeader->numSlots.value : 0; }
-   bool hasQueue() const { return seen.queueHeader && seen.queueTable; }
+   bool hasQueue() const { return seen.queue.header && seen.queue.table; }
    /// What the queue's current table is filled to; 0 without a queue.
    double queueLoad() const;
 };

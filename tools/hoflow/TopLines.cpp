@@ -42,10 +42,10 @@ TopLine lineOf(std::string const& name, Pulse const& pulse) {
    return {{name, number(readable, pulse.rows()), number(readable, pulse.capacity()),
             rateText(readable ? pulse.rowRate : std::nullopt),
             rateText(readable ? pulse.changeRate : std::nullopt),
-            queue ? fmt::format("{}/{}", t.queueTable->count, t.queueTable->capacity) : "-",
-            number(queue, queue ? t.queueHeader->generation : 0),
-            number(queue && t.writerAlive, queue ? t.queueHeader->followers : 0),
-            number(queue && t.writerAlive, queue ? t.queueHeader->resyncs : 0),
+            queue ? fmt::format("{}/{}", t.queue.table->count, t.queue.table->capacity) : "-",
+            number(queue, queue ? t.queue.header->generation : 0),
+            number(queue && t.writerAlive, queue ? t.queue.header->followers : 0),
+            number(queue && t.writerAlive, queue ? t.queue.header->resyncs : 0),
             !t.writerAlive ? "-"
             : t.writerPid  ? std::to_string(t.writerPid)
                            : "?",
