@@ -87,5 +87,23 @@ TEST_F(Queue, CheckIsQuietBesideAWriterAtWork) {
    busy.join();
 }
 
+TEST_F(Queue, LoadLosesNoRowsInSilence) {
+   auto const dump = run({"dump", statusName, "--strep", "-n", "1"}).out;
+   std::string const rowFile = root + "/rows";
+   write(rowFile, {dump.begin(), dump.end()});
+   header(AT(magic), std::uint16_t{0});
+   std::string const before = snapshot();
+   auto const kept = run({"load", "--keep", statusName, rowFile});
+   EXPECT_EQ(kept.status, 4) << kept.err;
+   EXPECT_NE(kept.err.find(at("tessel") + ": bad queue magic"), std::string::npos) << kept.err;
+   EXPECT_EQ(snapshot(), before);
+   auto const loaded = run({"load", statusName, rowFile});
+   EXPECT_EQ(loaded.status, 0) << loaded.err;
+   EXPECT_NE(loaded.err.find("can't be taken over; emptied"), std::string::npos) << loaded.err;
+   auto const sound = run({"load", "--keep", statusName, rowFile});
+   EXPECT_EQ(sound.status, 0);
+   EXPECT_EQ(sound.err, "");
+}
+
 } // namespace
 } // namespace ToolTest

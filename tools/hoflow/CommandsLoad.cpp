@@ -10,6 +10,7 @@
 #include "Json.h"
 #include "Names.h"
 #include "Schema.h"
+#include "Walk.h"
 #include "Zeb/Registry.h"
 
 #include <algorithm>
@@ -134,6 +135,14 @@ void refuse(Inspection const& table) {
    }
 }
 
+/// With --keep rows must not be lost.
+void refuseToEmpty(Inspection const& table) {
+   if (std::string const why = whyNotAdopted(table); !why.empty())
+      throw Failure{Exit::corrupt,
+                    fmt::format("{}: its rows can't be kept, a writer formats it anew: {}", table.name, why),
+                    "nothing was changed; without --keep the table is emptied first"};
+}
+
 /// Reads all rows, and says what is wrong with each line that is none.
 std::unique_ptr<Rows> readRows(std::istream& in, std::string const& file, Inspection const& table,
                                std::string const& type) {
@@ -174,6 +183,12 @@ Done write(std::string const& name, Inspection const& table, Rows const& rows, b
    Mirak::MapDescriptor const descriptor(static_cast<std::uint32_t>(size));
    auto const writer = rows.type().makeWriter(quietHandler(), name, descriptor);
    writer->open();
+   // A table that is taken over keeps its generation.
+   if (table.slots.present && glance(name).kestorId.value() != table.kestorId.value()) {
+      std::string const emptied = name + ": what was there can't be taken over; emptied";
+      if (keep) throw Failure{Exit::corrupt, emptied, "nothing was loaded"};
+      say(emptied);
+   }
    Done done;
    if (!keep)
       for (void const* row = writer->first(); row; row = writer->next())
@@ -206,6 +221,7 @@ Exit loadTable(Common const& common, std::string const& word, std::string const&
          throw Failure{Exit::cantOpen, file + ": is a directory"};
    }
    auto const rows = readRows(file == "-" ? std::cin : opened, file, table, options.type);
+   if (options.keep) refuseToEmpty(table);
    try {
       Done const done = write(name, table, *rows, options.keep);
       if (common.json)

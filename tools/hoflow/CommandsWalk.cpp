@@ -282,6 +282,16 @@ Exit statOne(Common const& common, std::string const& name) {
 
 } // namespace
 
+std::string whyNotAdopted(Inspection const& seen) {
+   if (seen.state == State::absent) return {};
+   if (seen.state != State::ok) return seen.problem;
+   if (seen.interrupted()) return seen.path + ": the last writer died inside an operation";
+   for (std::string const& problem : {seen.ownerProblem, seen.queue.problem})
+      if (!problem.empty()) return problem;
+   auto const problems = judge(*openTable(seen.name)).problems;
+   return problems.empty() ? std::string() : seen.path + ": " + problems.front();
+}
+
 Exit checkTables(Common const& common, std::vector<std::string> const& words) {
    return forEachTable(resolveTables(words), [&](std::string const& name) { return checkOne(common, name); });
 }

@@ -2,6 +2,7 @@
 // A walk over all rows, and what can end it early while a writer is at work.
 #pragma once
 
+#include "Files.h"
 #include "Output.h"
 #include "Table.h"
 
@@ -36,6 +37,10 @@ template <class OnRow> WalkEnd walkRows(Table& table, OnRow&& row) {
    }
    return table.filesReplaced() ? WalkEnd::replaced : WalkEnd::complete;
 }
+
+/// Why the table's next writer would not take it over but format it anew, as far as `check` can see; names the
+/// file. Empty if nothing speaks against it. Walks the whole table.
+std::string whyNotAdopted(Inspection const& seen);
 
 /// Why a walk's rows are not those of the present table; for messages.
 inline std::string_view endText(WalkEnd end) {
