@@ -105,5 +105,16 @@ TEST_F(Queue, LoadLosesNoRowsInSilence) {
    EXPECT_EQ(sound.err, "");
 }
 
+TEST_F(Queue, WatchSaysWhyItCantFollow) {
+   header(AT(magic), std::uint16_t{0});
+   auto const watch = run({"watch", statusName, "-t", "0.3"});
+   EXPECT_EQ(watch.status, 4) << watch.err;
+   std::string const why = "can't be followed: " + at("tessel") + ": bad queue magic";
+   EXPECT_EQ(watch.err.find(why), watch.err.rfind(why)) << "said again: " << watch.err;
+   EXPECT_NE(watch.err.find(why), std::string::npos) << watch.err;
+   makeTable();
+   EXPECT_EQ(run({"watch", statusName, "-t", "0.3"}).status, 1);
+}
+
 } // namespace
 } // namespace ToolTest

@@ -158,7 +158,8 @@ Exit watchTable(Common const& common, std::string const& word, WatchOptions cons
    }
    follow(common.out, changes, *following, ending);
    bool const wanted = options.count ? changes.enough() : changes.told() > 0;
-   return ending.stopped() || wanted ? Exit::ok : Exit::noMatch;
+   if (ending.stopped() || wanted) return Exit::ok;
+   return following->refused() ? Exit::corrupt : Exit::noMatch;
 }
 
 } // namespace Tool

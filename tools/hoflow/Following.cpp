@@ -93,12 +93,16 @@ public:
       syncSequence_ = counters.syncSequence;
       if (!attached_ && Clock::now() >= nextCheck_) {
          nextCheck_ = Clock::now() + std::chrono::seconds(1);
-         bool const there = isThere(changes_, inspect(changes_.table()));
-         if (there && checks_++ == 2)
-            say(changes_.table() + ": is there, but can't be followed; it is tried again and again");
+         Inspection const seen = inspect(changes_.table());
+         if (isThere(changes_, seen)) refusedFor(seen);
       }
-      if (attached_) checks_ = 0;
+      if (attached_) {
+         refusals_ = 0;
+         said_.clear();
+         wasAttached_ = true;
+      }
    }
+   bool refused() const override { return !wasAttached_ && !said_.empty(); }
    bool quiet() const override { return follower_->quiesced() || !attached_; }
    double pause() const override { return 1; }
 
@@ -112,6 +116,15 @@ private:
       changes_.removed(row);
    }
    void mountChanged() override { look(); }
+
+   /// The table is whole, and not attached. Without a reason that shows it may be a matter of the moment.
+   void refusedFor(Inspection const& seen) {
+      std::string why = seen.queue.problem.empty() ? seen.queue.unreadable : seen.queue.problem;
+      if (++refusals_ < 3 && why.empty()) return;
+      std::string const text = fmt::format("{}: can't be followed{}{}; tried again and again", seen.name,
+                                           why.empty() ? "" : ": ", why);
+      if (std::exchange(said_, text) != text) say(text);
+   }
 
    void look() {
       auto const status = follower_->mountStatus();
@@ -136,7 +149,9 @@ private:
    bool attached_ = false, synchronised_ = false;
    std::uint64_t resyncs_ = 0, syncSequence_ = 0;
    Clock::time_point nextCheck_;
-   unsigned checks_ = 0; ///< that found the table there, and it not attached
+   unsigned refusals_ = 0; ///< checks that found the table there, and it not attached
+   std::string said_;      ///< of these
+   bool wasAttached_ = false;
 };
 
 class ByWalking final : public Following {

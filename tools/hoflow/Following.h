@@ -26,6 +26,8 @@ public:
    virtual bool quiet() const = 0;
    /// Seconds after which turn() is to be called even if nothing happens in the loop.
    virtual double pause() const = 0;
+   /// The table is there, and could never be followed.
+   virtual bool refused() const { return false; }
 };
 
 /// `changes` is to outlive what these return. @param present how the rows are told of that are there already
