@@ -99,7 +99,7 @@ TEST_F(Load, AnExistingTableGetsTheFilesRows) {
    // An empty file empties a table, but says nothing of the type of a new one.
    write(at("empty"), {});
    EXPECT_EQ(run({"load", "other", at("empty")}).status, 2);
-   EXPECT_EQ(run({"load", "other", at("empty"), "--type", "FlowTracking::HosStateCounterEntry"}).status, 0);
+   EXPECT_EQ(run({"load", "other", at("empty"), "--type", "hosStateCounterEntry"}).status, 0);
    EXPECT_EQ(run({"list", "other", "-j"}).objects().at(0)["valueType"], "FlowTracking::HosStateCounterEntry");
    EXPECT_EQ(run({"load", counterName, at("empty")}).status, 0);
    EXPECT_EQ(run({"count", counterName}).out, "0\n");
@@ -117,7 +117,9 @@ TEST_F(Load, ALineThatDoesntParseChangesNothing) {
         {":1: key.srcPort: expected a number from 0 to 65535", "1 of 300"}},
        {"\n", "\n\n", {":2: expected \"Value('FlowTracking::HoIpFlowCounter'", "found the end", "1 of 301"}},
        {"\n", "\r\n", {":1: expected the end"}},
-       {"HoIpFlowCounter", "HoIpFlowConfig", {":1: expected"}},
+       {"HoIpFlowCounter",
+        "HoIpFlowConfig",
+        {":1: a row of FlowTracking::HoIpFlowConfig; the table holds FlowTracking::HoIpFlowCounter"}},
    };
    for (auto const& [part, instead, says] : all) {
       edit("rows", "bad", part, instead);

@@ -53,6 +53,9 @@ public:
       , size_(row_.type().info().size) {}
 
    void add(std::string const& line, std::uint64_t number) {
+      if (std::string_view const named = typeInStrep(line);
+          named != type_.valueType && FlowTracking::tableTypeNamed(named))
+         throw Lomi::RuntimeException(fmt::format("a row of {}; the table holds {}", named, type_.valueType));
       row_.type().info().implementation.values->genericIfStrepToValue(row_.get(), line, row_.type());
       auto const* const bytes = static_cast<std::byte const*>(row_.get());
       bytes_.insert(bytes_.end(), bytes, bytes + size_);
@@ -97,7 +100,7 @@ TableType const& typeFor(Inspection const& table, std::string const& said, std::
                          std::string const& file) {
    TableType const* type = table.type;
    std::string_view wanted = said.empty() ? typeInStrep(firstLine) : std::string_view(said);
-   if (type && (said.empty() || said == type->valueType)) return *type;
+   if (type && (said.empty() || isTypeName(said, type->valueType))) return *type;
    if (type)
       throw Failure{Exit::cantOpen, fmt::format("{}: holds {}, not {}", table.path, type->valueType, said),
                     "load into another table"};
@@ -106,7 +109,8 @@ TableType const& typeFor(Inspection const& table, std::string const& said, std::
           Exit::usage,
           fmt::format("{}: its first line names no type, and there is no table {} yet", file, table.path),
           "--type names the rows' type, one of: " + typeNames()};
-   type = FlowTracking::tableTypeNamed(wanted);
+   for (TableType const& known : FlowTracking::tableTypes())
+      if (said.empty() ? wanted == known.valueType : isTypeName(said, known.valueType)) type = &known;
    if (!type)
       throw Failure{Exit::usage, fmt::format("there are no tables of type \"{}\"", wanted),
                     "types are: " + typeNames()};

@@ -85,15 +85,11 @@ std::string defaultStrep(ZebType type) {
    return type.info().implementation.values->genericIfStrRep(value.get(), type).str();
 }
 
-/// All of its name, in any case, or the end of it behind "::".
 ZebType resolveType(std::string const& word) {
    std::string names;
    for (ZebType const type : allTypes()) {
       std::string_view const name = type.name();
-      auto const colons = name.rfind("::");
-      if (equalIgnoringCase(name, word) ||
-          (colons != std::string_view::npos && equalIgnoringCase(name.substr(colons + 2), word)))
-         return type;
+      if (isTypeName(word, name)) return type;
       names += fmt::format("\n    {}", name);
    }
    throw Failure{Exit::usage, fmt::format("there is no type \"{}\"", word), "there is:" + names};

@@ -105,6 +105,12 @@ bool equalIgnoringCase(std::string_view a, std::string_view b) {
    return a.size() == b.size() && strncasecmp(a.data(), b.data(), a.size()) == 0;
 }
 
+bool isTypeName(std::string_view word, std::string_view name) {
+   auto const colons = name.rfind("::");
+   return equalIgnoringCase(name, word) ||
+          (colons != std::string_view::npos && equalIgnoringCase(name.substr(colons + 2), word));
+}
+
 Cell Field::get(void const* at) const {
    Room keyRoom, room;
    if (!(owner == row)) {

@@ -73,5 +73,7 @@ void appendJsonRow(fmt::memory_buffer& out, Schema const& schema, void const* ro
 Zeb::String strepOf(Schema const& schema, void const* row);
 
 bool equalIgnoringCase(std::string_view a, std::string_view b);
+/// Whether a word means the type of that name: all of it, in any case, or the end of it behind "::".
+bool isTypeName(std::string_view word, std::string_view name);
 
 } // namespace Tool
