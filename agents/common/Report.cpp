@@ -2,12 +2,14 @@
 // Report.h: texts only.
 #include "Report.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fmt/format.h>
 #include <string_view>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 namespace Agents {
@@ -43,7 +45,8 @@ ProgressBar::ProgressBar(std::string label)
    , start_(std::chrono::steady_clock::now()) {
    char const* const noColour = std::getenv("NO_COLOR");
    char const* const terminal = std::getenv("TERM");
-   colour_ = !(noColour && *noColour) && !(terminal && std::string_view(terminal) == "dumb");
+   dumb_ = terminal && std::string_view(terminal) == "dumb";
+   colour_ = !(noColour && *noColour) && !dumb_;
    next_ = start_ + std::chrono::milliseconds(500); // short work shows no bar
 }
 
@@ -57,18 +60,30 @@ void ProgressBar::show(double share, std::uint64_t packets) {
    std::string bar;
    for (int i = 0; i < width; ++i) bar += i < full ? "#" : ".";
    double const seconds = std::chrono::duration<double>(now - start_).count();
-   std::string const text =
-       fmt::format("{} {}{}{} {:3.0f}%  {} packets, {} a second", label_, colour_ ? "\033[32m" : "", bar,
-                   colour_ ? "\033[0m" : "", share * 100, grouped(packets),
+   std::string text =
+       fmt::format("{} {} {:3.0f}%  {} packets, {} a second", label_, bar, share * 100, grouped(packets),
                    grouped(static_cast<std::uint64_t>(double(packets) / seconds)));
-   std::fprintf(stderr, "\r%s\033[K", text.c_str());
+   // A line that wraps can't be drawn over. The last column stays free: some terminals wrap behind it.
+   winsize window{};
+   if (ioctl(STDERR_FILENO, TIOCGWINSZ, &window) == 0 && window.ws_col > 0)
+      text.resize(std::min<std::size_t>(text.size(), window.ws_col - 1u));
+   clear();
+   drawn_ = text.size();
+   if (std::size_t const begin = label_.size() + 1; colour_ && begin < text.size()) {
+      text.insert(std::min(begin + width, text.size()), "\033[0m");
+      text.insert(begin, "\033[32m");
+   }
+   std::fputs(text.c_str(), stderr);
    std::fflush(stderr);
-   drawn_ = true;
 }
 
 void ProgressBar::clear() {
-   if (drawn_) std::fprintf(stderr, "\r\033[K");
-   drawn_ = false;
+   if (drawn_ == 0) return;
+   if (dumb_)
+      std::fprintf(stderr, "\r%*s\r", static_cast<int>(drawn_), "");
+   else
+      std::fputs("\r\033[K", stderr);
+   drawn_ = 0;
 }
 
 } // namespace Agents

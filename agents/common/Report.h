@@ -20,7 +20,7 @@ std::string grouped(std::uint64_t number);
 std::string groupedSum(std::uint64_t ip4, std::uint64_t ip6);
 
 /// A bar on stderr, redrawn at most ten times a second. Silent unless stderr is a terminal. In colour unless
-/// NO_COLOR is set and not empty.
+/// NO_COLOR is set and not empty. No wider than the terminal, and without its commands where TERM is "dumb".
 class ProgressBar {
 public:
    explicit ProgressBar(std::string label);
@@ -33,7 +33,8 @@ public:
 
 private:
    std::string label_;
-   bool terminal_, colour_, drawn_ = false;
+   bool terminal_, colour_, dumb_;
+   std::size_t drawn_ = 0; ///< characters that stand on the terminal
    std::chrono::steady_clock::time_point start_, next_;
 };
 

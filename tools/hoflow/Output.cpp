@@ -11,6 +11,7 @@
 #include <cstring>
 #include <iterator>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -25,11 +26,19 @@ Exit worse(Exit a, Exit b) {
    return rank(a) < rank(b) ? b : a;
 }
 
+namespace {
+
+/// Whether the terminal takes no command but to begin its line anew.
+bool isDumb() {
+   char const* const terminal = std::getenv("TERM");
+   return terminal && std::string_view(terminal) == "dumb";
+}
+
+} // namespace
+
 Output::Output() {
    char const* const noColor = std::getenv("NO_COLOR");
-   char const* const terminal = std::getenv("TERM");
-   colour_ = isatty(STDOUT_FILENO) != 0 && !(noColor && *noColor) &&
-             !(terminal && std::string_view(terminal) == "dumb");
+   colour_ = isatty(STDOUT_FILENO) != 0 && !(noColor && *noColor) && !isDumb();
    struct stat status {};
    file_ = fstat(STDOUT_FILENO, &status) == 0 && S_ISREG(status.st_mode);
 }
@@ -113,22 +122,32 @@ void Progress::draw(std::uint64_t done) {
    auto const now = std::chrono::steady_clock::now();
    if (now - drawnAt_ < 100ms) return;
    drawnAt_ = now;
-   drawn_ = true;
    constexpr std::size_t width = 30;
    // Under a live writer there may be more rows by now than there were at the start.
    std::uint64_t const total = std::max(total_, done);
    auto const filled = static_cast<std::size_t>(total ? done * width / total : width);
    double const seconds = std::chrono::duration<double>(now - began_).count();
-   fmt::print(stderr, "\r\033[K{} [{}{}] {} of {} rows, {:.0f} a second", what_, std::string(filled, '#'),
-              std::string(width - filled, '.'), done, total, static_cast<double>(done) / seconds);
+   std::string text =
+       fmt::format("{} [{}{}] {} of {} rows, {:.0f} a second", what_, std::string(filled, '#'),
+                   std::string(width - filled, '.'), done, total, static_cast<double>(done) / seconds);
+   // A line that wraps can't be drawn over. The last column stays free: some terminals wrap behind it.
+   winsize window{};
+   if (ioctl(STDERR_FILENO, TIOCGWINSZ, &window) == 0 && window.ws_col > 0)
+      text.resize(std::min<std::size_t>(text.size(), window.ws_col - 1u));
+   clear();
+   drawn_ = text.size();
+   fmt::print(stderr, "{}", text);
    std::fflush(stderr);
 }
 
 void Progress::clear() {
-   if (!drawn_) return;
-   fmt::print(stderr, "\r\033[K");
+   if (drawn_ == 0) return;
+   if (isDumb())
+      fmt::print(stderr, "\r{}\r", std::string(drawn_, ' '));
+   else
+      fmt::print(stderr, "\r\033[K");
    std::fflush(stderr);
-   drawn_ = false;
+   drawn_ = 0;
 }
 
 Columns::Columns(Output& out, std::vector<Column> columns, bool header)

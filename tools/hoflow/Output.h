@@ -72,7 +72,7 @@ void say(std::string_view text);
 void say(Failure const& failure);
 
 /// A bar on stderr for long work, from half a second on, if stderr is a terminal and stdout is not in its
-/// way.
+/// way. No wider than the terminal, and without its commands where TERM is "dumb".
 class Progress {
 public:
    Progress(std::string_view what, std::uint64_t total, bool wanted);
@@ -89,7 +89,7 @@ private:
    std::string what_;
    std::uint64_t total_;
    bool shown_;
-   bool drawn_ = false;
+   std::size_t drawn_ = 0; ///< characters that stand on the terminal
    std::chrono::steady_clock::time_point began_, drawnAt_;
 };
 
