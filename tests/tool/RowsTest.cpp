@@ -132,6 +132,8 @@ TEST_F(AllTypes, List) {
    ASSERT_EQ(text.lines().size(), 3u); // names of the columns first
    EXPECT_NE(text.lines()[1].find("HoIp6FlowStatus"), std::string::npos);
    EXPECT_EQ(run({"list", "nothing"}).status, 1);
+   EXPECT_NE(run({"list", "nothing"}).err.find("matches \"nothing\""), std::string::npos);
+   EXPECT_NE(run({"help", "dump"}).err.find("\"help\""), std::string::npos);
 }
 
 class Rows : public Root {

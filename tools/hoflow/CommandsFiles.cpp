@@ -224,8 +224,9 @@ Exit listTables(Common const& common, std::vector<std::string> const& patterns, 
    for (std::string const& directory : found.skipped) say(directory + ": may not be read by this user");
    if (!found.skipped.empty()) return Exit::incomplete;
    if (shown) return Exit::ok;
-   say(patterns.empty() ? fmt::format("there is no table below {}", Mem::RootPath::get())
-                        : fmt::format("no table below {} matches", Mem::RootPath::get()));
+   say(patterns.empty()
+           ? fmt::format("there is no table below {}", Mem::RootPath::get())
+           : fmt::format("no table below {} matches {}", Mem::RootPath::get(), quoted(patterns)));
    return Exit::noMatch;
 }
 

@@ -3,6 +3,7 @@
 #include "Commands.h"
 #include "Json.h"
 #include "Mem/Paths.h"
+#include "Names.h"
 #include "TopLines.h"
 #include "TopScreen.h"
 
@@ -57,8 +58,9 @@ Exit topTables(Common const& common, TopOptions const& options) {
       columns.finish();
    }
    if (!pulses.tables().empty()) return Exit::ok;
-   say(fmt::format("there is no {}table below {}", options.patterns.empty() ? "" : "such ",
-                   Mem::RootPath::get()));
+   say(options.patterns.empty()
+           ? fmt::format("there is no table below {}", Mem::RootPath::get())
+           : fmt::format("no table below {} matches {}", Mem::RootPath::get(), quoted(options.patterns)));
    return Exit::noMatch;
 }
 

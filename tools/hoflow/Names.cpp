@@ -95,7 +95,17 @@ std::string listed(std::vector<std::string> const& names) {
    return text;
 }
 
+/// Whether the word means a folder, or what lies below it.
+bool means(std::string const& word, std::string const& folder) {
+   return word == folder || folder.ends_with("/" + word) || word.starts_with(folder + "/") ||
+          (isPattern(word) && matchesPattern(word, folder));
+}
+
 Failure unknown(std::string const& word, Scan const& scan) {
+   for (std::string const& closed : scan.skipped)
+      if (means(word, fs::path(closed).lexically_relative(Mem::RootPath::get()).string()))
+         return {Exit::cantOpen, closed + ": may not be read by this user",
+                 "reading needs the right to enter the directory and to read its files"};
    std::string const text = fmt::format("there is no table \"{}\" below {}", word, Mem::RootPath::get());
    if (auto const near = nearNames(scan.names, word); !near.empty())
       return {Exit::cantOpen, text, "did you mean:" + listed(near)};
@@ -146,6 +156,12 @@ std::vector<std::string> resolve(std::string const& given) {
 }
 
 } // namespace
+
+std::string quoted(std::vector<std::string> const& words) {
+   std::string text;
+   for (std::string const& word : words) text += fmt::format("{}\"{}\"", text.empty() ? "" : " or ", word);
+   return text;
+}
 
 bool isPattern(std::string_view word) { return word.find_first_of("*?[") != std::string_view::npos; }
 

@@ -27,6 +27,9 @@ std::string resolveTable(std::string const& word);
 /// The same; a word that names no table and is no pattern is the path of one to be made.
 std::string resolveOrNewTable(std::string const& word);
 
+/// "a" or "b"; for messages.
+std::string quoted(std::vector<std::string> const& words);
+
 /// Whether a pattern of fnmatch(3).
 bool isPattern(std::string_view word);
 bool matchesPattern(std::string const& pattern, std::string const& name);

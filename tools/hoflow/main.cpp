@@ -83,9 +83,10 @@ private:
    /// What to say of a command line that can't be understood.
    std::string complaint(CLI::Error const& e) const {
       auto const rest = app.remaining();
-      if (e.get_exit_code() != static_cast<int>(CLI::ExitCodes::ExtrasError) ||
-          !app.get_subcommands().empty() || rest.empty() || rest[0][0] == '-')
-         return fmt::format("hoflow: {}\n  hoflow --help and hoflow COMMAND --help say more\n", e.what());
+      bool const stray = !rest.empty() && !rest[0].starts_with('-');
+      if (!stray || !app.get_subcommands().empty())
+         return fmt::format("hoflow: {}\n  hoflow --help and hoflow COMMAND --help say more\n",
+                            stray ? fmt::format("the word \"{}\" is out of place", rest[0]) : e.what());
       std::string commands;
       for (auto const* const sub : app.get_subcommands(nullptr)) commands += " " + sub->get_name();
       return fmt::format("hoflow: there is no command \"{}\"\n  commands are:{}\n", rest[0], commands);
@@ -143,7 +144,7 @@ private:
           "  hoflow get hoIpFlowCounter src=10.0.0.1 dst=10.0.0.2 proto=tcp sport=443 dport=50000 vlan=5\n"
           "  hoflow get hoIp6FlowCounter udp '[2001:db8::1]:53' '[2001:db8::2]:50000'\n"
           "  hoflow get hoIpFlowStatus tcp 10.0.0.1:443 10.0.0.2:50000 intf=if7\n"
-          "  hoflow get hosStateCounter offloaded\n"
+          "  hoflow get hosStateIpCounter offloaded\n"
           "  hoflow get hoIpFlowCounter '{\"srcAddr\":\"10.0.0.1\", ...}'      a row or key as dump -j gives "
           "it\n"
           "  hoflow get hoIpFlowCounter srcPort=443 'packets>1000' src=10.0.0.0/8\n\n"
@@ -163,7 +164,7 @@ private:
                                  "  hoflow dump hoIpFlowCounter --columns srcAddr,dstAddr,bytes --no-header\n"
                                  "  hoflow dump hoIpFlowCounter src=10.0.0.0/8 'bytes>1000000'\n"
                                  "  hoflow dump hoIpFlowCounter -w 'updateTime<2025-03-01T12:00:00Z' -j\n"
-                                 "  hoflow dump hoIpFlowCounter --strep > rows\n",
+                                 "  hoflow dump hoIpFlowCounter --strep > rows; hoflow load saved/v4 rows\n",
                                  [](Common const& c, Arguments const& a) {
                                     DumpOptions options = a.dump;
                                     options.strep = a.strep;
