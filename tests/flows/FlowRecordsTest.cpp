@@ -8,10 +8,8 @@
 #include "FlowTracking/HosStateCounterEntry.h"
 
 #include <algorithm>
-#include <cmath>
 #include <cstring>
 #include <gtest/gtest.h>
-#include <limits>
 #include <vector>
 
 namespace FlowTracking {
@@ -88,7 +86,7 @@ TYPED_TEST(EveryType, OnlyFieldsTakePartInComparisonOrderAndHash) {
       EXPECT_EQ(std::memcmp(static_cast<void const*>(&assigned), flipped.data(), sizeof(T)), 0);
    }
    if constexpr (requires { !base; }) {
-      EXPECT_FALSE(T()) << "a default one is false";
+      EXPECT_TRUE(base && !T()) << "only a default one is false";
    }
 }
 
@@ -107,35 +105,15 @@ TEST(FlowRecords, TagsAndAddressesHaveTheBytesOfTheFormat) {
    EXPECT_TRUE(at(config, 52, std::uint64_t(0x0807060504030201u)));
 }
 
-TEST(FlowRecords, DefaultIsNotZero) {
-   auto const zeroed = fromBytes<HoIpFlowConfig>(std::vector<unsigned char>(sizeof(HoIpFlowConfig), 0));
-   EXPECT_FALSE(zeroed == HoIpFlowConfig());
-   EXPECT_TRUE(zeroed);
-   HoIpFlowConfig tagged;
-   tagged.dot1qVlanTagIs(Ovie::VlanTag(42));
-   EXPECT_TRUE(tagged) << "a tag alone makes a record true";
-   EXPECT_TRUE(HoIpFlowConfig(sampleKey<HoIpFlowKey>()));
-   HoIpFlowConfig cached;
-   cached.cachedIntfIdIs(Nimbet::IntfId(1));
-   EXPECT_FALSE(cached == HoIpFlowConfig());
-   EXPECT_EQ(cached.mirakString(), HoIpFlowConfig().mirakString());
-   HoIpFlowConfig timeless;
-   timeless.createTimeIs(std::numeric_limits<double>::quiet_NaN());
-   HoIpFlowConfig const copy = timeless;
-   EXPECT_FALSE(copy == timeless);
-}
-
 TEST(FlowRecords, ArithmeticIsModular) {
    HoIpFlowCounter counter;
    counter.packetsIs(~0ull);
    EXPECT_EQ(counter.packetsInc(1), 0ull);
-   EXPECT_EQ(counter.bytesInc(1ull << 40), 1ull << 40);
    EXPECT_EQ(counter.hosEntriesInc(2), 2u);
    EXPECT_EQ(counter.hosEntriesDec(3), 0xffffffffu);
    HosStateCounterEntry entry;
    EXPECT_EQ(entry.hoFlowsInc(1), 1u);
    EXPECT_EQ(entry.hoFlowsDec(2), 0xffffffffu);
-   EXPECT_EQ(entry.hoFlows(), 0xffffffffu);
 }
 
 TEST(FlowRecords, TraceTexts) {
