@@ -15,14 +15,7 @@ namespace FuzzFrame {
 
 inline std::string text(Agents::Frame const& frame) {
    auto flow = [&](char family, auto const& key) {
-      auto hex = [](auto const& address) {
-         std::string digits;
-         for (unsigned byte : address.bytes()) {
-            digits += "0123456789abcdef"[byte / 16];
-            digits += "0123456789abcdef"[byte % 16];
-         }
-         return digits;
-      };
+      auto hex = [](auto const& address) { return Reference::hex(address.bytes()); };
       return std::string(1, family) + " " + std::to_string(key.vlanId()) + " " +
              std::to_string(static_cast<unsigned>(key.ipProtocol())) + " " + hex(key.srcAddr()) + " " +
              hex(key.dstAddr()) + " " + std::to_string(key.srcPort()) + " " + std::to_string(key.dstPort()) +

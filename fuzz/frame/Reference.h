@@ -10,6 +10,15 @@
 
 namespace Reference {
 
+inline std::string hex(std::span<unsigned char const> bytes) {
+   std::string text;
+   for (unsigned const byte : bytes) {
+      text += "0123456789abcdef"[byte / 16];
+      text += "0123456789abcdef"[byte % 16];
+   }
+   return text;
+}
+
 class Parser {
 public:
    explicit Parser(std::span<unsigned char const> frame)
@@ -48,15 +57,6 @@ private:
       return value;
    }
 
-   std::string hex(std::size_t at, unsigned bytes) const {
-      std::string text;
-      for (unsigned i = 0; i < bytes; ++i) {
-         text += "0123456789abcdef"[frame_[at + i] / 16];
-         text += "0123456789abcdef"[frame_[at + i] % 16];
-      }
-      return text;
-   }
-
    std::string flow(char family, unsigned vlan, unsigned protocol, bool fragment, std::size_t src,
                     unsigned width, std::size_t transport, std::size_t end, unsigned length) const {
       std::string ports = "0 0";
@@ -65,7 +65,8 @@ private:
       if (known && !fragment && a && b && transport + 4 <= end)
          ports = std::to_string(*a) + " " + std::to_string(*b);
       return std::string(1, family) + " " + std::to_string(vlan) + " " + std::to_string(protocol) + " " +
-             hex(src, width) + " " + hex(src + width, width) + " " + ports + " " + std::to_string(length);
+             hex(frame_.subspan(src, width)) + " " + hex(frame_.subspan(src + width, width)) + " " + ports +
+             " " + std::to_string(length);
    }
 
    std::string ip4(std::size_t at, unsigned vlan) const {

@@ -11,6 +11,7 @@
 // 3. where tables are opened and formatted, also a third writer, after the second one died, too.
 //
 // The last tests break the order of changes as a careless writer would, and expect complaints.
+#include "Dice.h"
 #include "Judge.h"
 #include "Live.h"
 #include "Scenarios.h"
@@ -249,14 +250,8 @@ template <class R> void expectClean(std::vector<Scenario<R>> const& scenarios, b
    }
 }
 
-/// Queues that turn every few changes.
-struct SmallQueues {
-   SmallQueues() { Tessel::leastEntries = 4; }
-   ~SmallQueues() { Tessel::leastEntries = 510; }
-};
-
 TEST(Crash, InTablesWithAQueue) {
-   SmallQueues const small;
+   SmallTables const small(4); // turns every few changes
    expectClean(chainScenarios<QueuedSmall>());
    expectClean(pairScenarios<QueuedSmall>());
    expectClean(turnScenarios());

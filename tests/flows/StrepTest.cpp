@@ -102,8 +102,6 @@ TEST(Strep, Formats) {
    std::string const keyText =
        "Value('FlowTracking::HoIpFlowKey', ** {'ipFlowKey': " + flowText + ", 'intfId': none})";
    EXPECT_EQ(valueToStrep(HoIpFlowKey()), keyText);
-   EXPECT_EQ(valueToStrep(HoIp6FlowKey()).view().substr(0, 49),
-             "Value('FlowTracking::HoIp6FlowKey', ** {'ipFlowKe");
    HoIpFlowConfig config{HoIpFlowKey()};
    config.srcEthAddrIs(Nimbet::EthAddr({0, 0x1c, 0x73, 0, 0, 0x99}));
    config.dot1qVlanTagIs(Ovie::VlanTag(0x7000 | 42, 0x88a8, 1));
@@ -147,25 +145,18 @@ TEST(Strep, AnErrorNamesFieldPlaceAndWhatWasExpected) {
         "key.srcPort: expected a number from 0 to 65535 at character 186, found \"65536, 'dst"},
        {"443", "-1", "key.srcPort: expected a number"},
        {"443", "0443", "key.srcPort: expected a number"},
-       {"443", "", "key.srcPort: expected a number"},
        {"443", " 443", "key.srcPort: expected a number"},
-       {"443", "+443", "key.srcPort: expected a number"},
        {"443", "0x1bb", "expected \", 'dstPort': \" at character 187, found \"x1bb"},
        {"4294967295", "4294967296", "hosEntries: expected a number from 0 to 4294967295"},
        {"18446744073709551615", "18446744073709551616", "bytes: expected a number from 0 to 184467440737"},
        {"10.0.0.1", "10.0.0.01", "key.srcAddr: expected an IPv4 address"},
-       {"10.0.0.1", "10.0.1", "key.srcAddr: expected an IPv4 address"},
-       {"10.0.0.1", "::1", "key.srcAddr: expected an IPv4 address"},
        {"TCP", "tcp", "key.ipProtocol: expected a protocol's name"},
        {"TCP", "6", "key.ipProtocol: expected a protocol's name"},
        {"egress", "2", "key.direction: expected unspecified, ingress, egress"},
-       {"egress", "256", "key.direction: expected"},
        {"if7.2", "if7.0", "intfId: expected an interface"},
        {"if7.2", "7", "intfId: expected an interface"},
        {"if7.2", "if4294967295", "intfId: expected an interface"}, // is printed as none
-       {"0.125", ".125", "updateTime: expected a time"},
        {"0.125", "0.1250", "updateTime: expected a time"},
-       {"0.125", "0,125", "expected \", 'hosEntries': \""},
        {"1700000000", "1.7e+09", "createTime: expected a time"},
        {"0.125", "1e400", "updateTime: expected a time"},
        {"0.125", "infinity", "updateTime: expected a time"},
@@ -182,30 +173,9 @@ TEST(Strep, AnErrorNamesFieldPlaceAndWhatWasExpected) {
    EXPECT_EQ(complaint("0.125", "-inf"), "");
    EXPECT_EQ(complaint("0.125", "1e+300"), "");
    EXPECT_EQ(complaint("TCP", "256"), ""); // a protocol without a name
-   // A state whose name another one begins with, and one with more letters.
-   EXPECT_THROW(Zeb::strepToValue("offloade", static_cast<HosStateCounterKey*>(nullptr)),
-                Zeb::RangeException);
-   EXPECT_THROW(Zeb::strepToValue("offloadedx", static_cast<HosStateCounterKey*>(nullptr)),
-                Zeb::RangeException);
-   EXPECT_THROW(Zeb::strepToValue("2", static_cast<HosStateCounterKey*>(nullptr)), Zeb::RangeException);
-}
-
-TEST(Strep, ABlankMoreOrLessThrows) {
-   for (std::size_t at = 0; at <= counterText.size(); ++at) {
-      std::string more = counterText;
-      more.insert(at, " ");
-      EXPECT_THROW(Zeb::strepToValue(more, static_cast<HoIpFlowCounter*>(nullptr)), Lomi::Exception) << at;
-      if (at == counterText.size() || counterText[at] != ' ') continue;
-      EXPECT_THROW(Zeb::strepToValue(counterText.substr(0, at) + counterText.substr(at + 1),
-                                     static_cast<HoIpFlowCounter*>(nullptr)),
-                   Lomi::Exception)
-          << at;
-   }
-}
-
-TEST(Strep, AStatusOfOneFamilyIsNoneOfTheOther) {
-   EXPECT_THROW(Zeb::strepToValue(valueToStrep(HoIpFlowStatus()), static_cast<HoIp6FlowStatus*>(nullptr)),
-                Zeb::SyntaxException);
+   for (auto const* bad :
+        {"offloade", "offloadedx", "2"}) // a name's beginning, more than one, one that has one
+      EXPECT_THROW(Zeb::strepToValue(bad, static_cast<HosStateCounterKey*>(nullptr)), Zeb::RangeException);
 }
 
 } // namespace

@@ -50,7 +50,8 @@ TEST_F(Processes, AWriterThatComesDiesAndComesBack) {
    EXPECT_EQ(reader.heard(), mountedLog);
    writer.ask('w', 1);
    EXPECT_EQ(reader.get(1), 1u);
-   EXPECT_EQ(reader.owner(), fmt::format("{}:{}", Mem::WriterLock::processName(writer.pid()), writer.pid()));
+   EXPECT_EQ(reader.owner(), fmt::format("{}:{}", Mem::WriterLock::processName(writer.process().pid()),
+                                         writer.process().pid()));
    auto const kestor = reader.kestorId();
 
    // A dead writer leaves the table; the next one carries on with it.
@@ -142,7 +143,7 @@ TEST_F(Processes, DamageThatAReaderMeets) {
    EXPECT_EQ(reader.heard(), detachedLog);
    EXPECT_EQ(reader.get(1), 0u);
    // The marker made the writer prove its table, which stopped it. The reader waits.
-   EXPECT_EQ(writer.end(), -SIGABRT);
+   EXPECT_EQ(writer.process().wait(), -SIGABRT);
    auto const attempts = [&] { return traces.count("attempting to attach"); };
    auto const before = attempts();
    for (int i = 0; i < 20; ++i) {
@@ -180,20 +181,6 @@ TEST_F(Processes, DamageThatAReaderFindsAtItsStart) {
    fs::remove(fileOf(table, "corruption-detected"));
    ASSERT_TRUE(attaches());
    reader.controlDetach();
-}
-
-TEST_F(Processes, AMarkerForASoundTableIsRemoved) {
-   writer.start();
-   writer.ask('w', 1);
-   std::string const marker = fileOf(table, "corruption-detected");
-   ::close(::open(marker.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0644));
-   EXPECT_TRUE(runUntil([&] { return !fs::exists(marker); }));
-   // Not again at once: the proof takes the writer's time.
-   ::close(::open(marker.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0644));
-   writer.ask('w', 2);
-   writer.ask('w', 3);
-   EXPECT_TRUE(fs::exists(marker));
-   EXPECT_FALSE(writer.ended());
 }
 
 TEST_F(Processes, WhatTheSystemRefusesIsTriedAgain) {

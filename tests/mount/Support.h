@@ -2,9 +2,9 @@
 // A collection whose client writes down what it is told, and a process that writes a table on command.
 #pragma once
 
-#include "Loop.h"
 #include "Mem/DirectoryWatch.h"
 #include "Mirak/MirakMap.h"
+#include "Servant.h"
 #include "TestRoot.h"
 #include "TestTable.h"
 
@@ -14,10 +14,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <memory>
-#include <poll.h>
 #include <string>
-#include <sys/epoll.h>
-#include <sys/socket.h>
 #include <unistd.h>
 #include <vector>
 
@@ -78,7 +75,6 @@ template <class Ops> class Client : public Mirak::MirakMap<Ops> {
 
 public:
    using Base::assertOnOrphanAccess;
-   using Base::backIs;
    using Base::mounter_;
    using Base::notify;
    using typename Base::BackEnd;
@@ -92,7 +88,7 @@ public:
          hear(fmt::format("status {}", static_cast<int>(this->mountStatus())));
       };
       notify.keyDelFn = [this](Key const& key) { hear("removed " + key.str()); };
-      backIs(this->createDefaultLocalWriter(*this->debugHandler));
+      this->backIs(this->createDefaultLocalWriter(*this->debugHandler));
    }
    bool mounted() const { return this->readerFullyAttached(); }
    bool put(u32 number, u32 generation) {
@@ -127,69 +123,32 @@ class WriterProcess {
 public:
    explicit WriterProcess(std::string name)
       : name_(std::move(name)) {}
-   ~WriterProcess() { kill(); }
 
    /// A new process, which has mounted the table.
    void start() {
-      int ends[2];
-      ASSERT_EQ(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends), 0);
-      auto const work = [&] {
-         ::close(ends[0]);
-         obey(ends[1]);
-      };
-      child_ = std::make_unique<Child>(work);
-      ::close(ends[1]);
-      socket_ = Mem::Descriptor(ends[0]);
+      servant_.emplace([this] {
+         static Traces const quietly(0);
+         auto const table = std::make_shared<Client<QueuedOps>>(name_);
+         return [table](Command const& command) {
+            if (command.what == 'i') table->init(settings(MirakType::writer));
+            if (command.what == 'w') table->put(command.number, command.number);
+            if (command.what == 'd') table->controlDetach();
+            if (command.what == 'c') table->cleanupAndDetach();
+         };
+      });
       ask('i');
    }
-   void ask(char command, u32 number = 0) {
-      char text[8] = {command};
-      std::memcpy(text + 4, &number, 4);
-      ASSERT_EQ(::send(socket_.get(), text, sizeof text, MSG_NOSIGNAL), ssize_t(sizeof text)) << command;
-      pollfd wait{socket_.get(), POLLIN, 0};
-      ASSERT_EQ(::poll(&wait, 1, 30000), 1) << command;
-      ASSERT_EQ(::recv(socket_.get(), text, sizeof text, 0), 1) << command;
-   }
-   void kill() {
-      if (child_) child_->kill();
-      child_.reset();
-   }
-   /// Waits for its end. @return as Child::wait
-   int end() { return child_->wait(); }
-   bool ended() { return child_->ended(); }
-   pid_t pid() const { return child_->pid(); }
+   void ask(char what, u32 number = 0) { servant_->ask({what, number}); }
+   void kill() { servant_.reset(); }
+   Child& process() { return servant_->process(); }
 
 private:
-   void obey(int socket) {
-      Traces const quietly(0);
-      Client<QueuedOps> table(name_);
-      auto const task = loop().descriptorTask(socket, EPOLLIN, [&](std::uint32_t) {
-         char text[8];
-         if (::recv(socket, text, sizeof text, 0) != ssize_t(sizeof text)) ::_exit(0);
-         u32 number;
-         std::memcpy(&number, text + 4, 4);
-         switch (text[0]) {
-         case 'i':
-            table.init(settings(MirakType::writer));
-            break;
-         case 'w':
-            table.put(number, number);
-            break;
-         case 'd':
-            table.controlDetach();
-            break;
-         case 'c':
-            table.cleanupAndDetach();
-            break;
-         }
-         if (::send(socket, text, 1, MSG_NOSIGNAL) != 1) ::_exit(0);
-      });
-      for (;;) loop().run(-1);
-   }
-
+   struct Command {
+      char what;
+      u32 number;
+   };
    std::string name_;
-   Mem::Descriptor socket_;
-   std::unique_ptr<Child> child_;
+   std::optional<Servant<Command>> servant_;
 };
 
 inline std::string fileOf(std::string const& table, char const* file) {

@@ -3,7 +3,6 @@
 #include "Lomi/Exception.h"
 #include "Lomi/Util.h"
 #include "Scratch.h"
-#include "Wend/Local.h"
 
 #include <gtest/gtest.h>
 
@@ -78,17 +77,6 @@ TEST(Trace, WithoutASinkGoesToStderr) {
              std::string::npos);
 }
 
-TEST(AssertDeathTest, SaysWhyOnStderrWhateverTheSink) {
-   GTEST_FLAG_SET(death_test_style, "threadsafe");
-   LOMI_ASSERT(true, handler(), "never {}", 1);
-   EXPECT_EXIT(
-       {
-          Lomi::Platform::traceSinkIs([](auto...) {});
-          LOMI_ASSERT(1 + 1 == 3, handler(), "Mirak reentrancy detected: {}", "name");
-       },
-       testing::KilledBySignal(SIGABRT), "Mirak reentrancy detected: name");
-}
-
 TEST(Util, FileSizesAreWholePagesBelowTheLimit) {
    using Lomi::Util::fileSizeHelper;
    EXPECT_EQ(fileSizeHelper(0, 104, 688), 4096u);
@@ -100,16 +88,6 @@ TEST(Util, FileSizesAreWholePagesBelowTheLimit) {
    EXPECT_THROW(fileSizeHelper(0xffffffffu, 0xffffffffu, 0xffffffffu), Lomi::RuntimeException);
 }
 
-TEST(Util, HexAndCanary) {
-   unsigned char const bytes[] = {0x00, 0x0a, 0xff};
-   EXPECT_EQ(Lomi::dumpHex(bytes, 3), "000aff");
-   for (int i = 0; i < 70; ++i) Lomi::Util::emitCanaryLog(fmt::format("line {}", i));
-   auto const lines = Lomi::Util::canaryLog();
-   ASSERT_EQ(lines.size(), 64u);
-   EXPECT_EQ(lines.front(), "line 6");
-   EXPECT_EQ(lines.back(), "line 69");
-}
-
 TEST(Util, CoreFilesTakeSharedMemory) {
    EXPECT_EQ(Child([] {
                 if (!Lomi::Util::includeShmemInCore()) return 1;
@@ -118,17 +96,4 @@ TEST(Util, CoreFilesTakeSharedMemory) {
                 return (filter & 0xa) == 0xa ? 0 : 2;
              }).wait(),
              0);
-}
-
-TEST(WendLocal, GrowsWithClearFlags) {
-   Wend::Local<bool> flags(handler(), 3);
-   flags[2] = true;
-   flags.grow(5000);
-   EXPECT_EQ(flags.size(), 5000u);
-   for (std::size_t i = 0; i < flags.size(); ++i) EXPECT_EQ(flags[i], i == 2);
-   flags.grow(10);
-   EXPECT_EQ(flags.size(), 5000u);
-   if (!sanitized) {
-      EXPECT_THROW(flags.grow(std::size_t{1} << 62), Lomi::MemoryResourceException);
-   }
 }

@@ -31,12 +31,8 @@ void spill(std::string const& path, std::string const& bytes) {
 } // namespace
 
 TEST(Kestor, IdsHaveTheirFormAndNeverBecomeNone) {
-   KestorId id(0x1234, 0x5678);
-   EXPECT_EQ(id.value(), 0x56781234u);
-   EXPECT_EQ(KestorId(id.value()), id);
-   EXPECT_EQ(fmt::format("{}", id), "4660:22136");
-   EXPECT_EQ(id.text(), "4660:22136");
-   EXPECT_EQ(id.bumpHigh(), KestorId(0x1234, 0x5679));
+   EXPECT_EQ(KestorId(0x1234, 0x5678).value(), 0x56781234u);
+   EXPECT_EQ(fmt::format("{}", KestorId(0x56781234)), "4660:22136");
    EXPECT_EQ(KestorId(1, 0xffff).bumpHigh(), KestorId(1, 0));
    EXPECT_EQ(KestorId(0, 0xffff).bumpHigh(), KestorId(0, 1)) << "an id of 0 means none";
 }

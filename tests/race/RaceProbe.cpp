@@ -2,12 +2,11 @@
 // The stress test's writer and reader as two threads of one process, on one and the same mapping: every
 // access of one side that could race with the other's has the same address on both. With the argument "race"
 // the writer also changes a row past Mem/SharedWords.h, as a careless writer would: a race detector must say
-// so, or it sees nothing at all here. With the argument "queue" the other side follows the change queue, with
-// "shadow" it is a mounted shadow, woken through the socket.
+// so, or it sees nothing at all here. With the argument "shadow" the other side is a
+// mounted shadow, which follows the change queue and is woken through the socket.
 //
 // Direct mode is left out: its caller fills a place with plain stores that a late reader may still be
 // copying, and that reader throws its copy away.
-#include "Copy.h"
 #include "Lomi/TaskSchedulerRoot.h"
 #include "Mirak/MirakMap.h"
 #include "TestRoot.h"
@@ -88,32 +87,6 @@ template <class More> void changeWhile(FollowedWriter& writer, More const& more)
    }
 }
 
-int followBesideWriter() {
-   FollowedWriter writer(Test::quiet(), "followed", Mirak::MapDescriptor(500));
-   writer.initialize("test");
-   std::atomic<bool> done{false};
-   std::atomic<u64> walks{0}, moved{0};
-   std::string difference = "the follower did not begin";
-   std::thread following([&] {
-      Test::Copy<Followed> copy("followed");
-      while (!copy.attachUnwoken()) Test::pause(0.001);
-      for (bool last = false; !last; ++walks) {
-         last = done;
-         while (copy.walk() == Rusk::Walked::more) {
-         }
-         moved = copy.moved;
-      }
-      difference = copy.difference();
-   });
-   changeWhile(writer, [&] { return moved == 0; });
-   done = true;
-   following.join();
-   auto const counters = writer.writerCounters();
-   fmt::print("{} walks, {} turns, {} moves, {} met by the follower. {}\n", walks.load(), counters.queueTurns,
-              counters.slotsMoved, moved.load(), difference);
-   return !difference.empty() || counters.queueTurns == 0;
-}
-
 struct Shadow : Mirak::MirakMap<FollowedOps> {
    explicit Shadow(std::string const& table)
       : MirakMap(table) {
@@ -165,7 +138,6 @@ int main(int argc, char** argv) {
    std::string_view const mode = argc > 1 ? argv[1] : "";
    Test::testRoot();
    Mem::ParcelWrapper::sharedBase = baseOf;
-   if (mode == "queue") return followBesideWriter();
    if (mode == "shadow") return shadowBesideWriter();
    return readBesideWriter(mode == "race");
 }

@@ -33,32 +33,6 @@ struct Pair {
 
 } // namespace
 
-TEST(Protocol, MessagesSurviveTheWay) {
-   Pair pair;
-   EXPECT_EQ(Rusk::receive(pair.ends[0], pair.message), Received::nothing);
-   for (auto type : {MessageType::hello, MessageType::sleep, MessageType::report, MessageType::welcome,
-                     MessageType::armed, MessageType::wake}) {
-      Message const sent{type, 1ull << 40, 17, 99, std::string(Rusk::longestName, 'x'), 7};
-      ASSERT_EQ(Rusk::send(pair.ends[1], sent), Sent::done);
-      ASSERT_EQ(Rusk::receive(pair.ends[0], pair.message), Received::message);
-      EXPECT_EQ(pair.message.type, type);
-      EXPECT_TRUE(type > MessageType::report || pair.message.sequence == sent.sequence);
-      EXPECT_TRUE(type > MessageType::report || pair.message.resyncs == 7);
-      if (type != MessageType::hello) continue;
-      EXPECT_EQ(pair.message.tableId, 17u);
-      EXPECT_EQ(pair.message.kestor, 99u);
-      EXPECT_EQ(pair.message.name, sent.name);
-   }
-   // The other end stops reading, then it is gone: no wait and no signal.
-   Message const wake{};
-   Sent sent = Sent::done;
-   for (int i = 0; i < 100000 && sent == Sent::done; ++i) sent = Rusk::send(pair.ends[0], wake);
-   EXPECT_EQ(sent, Sent::full);
-   pair.closeFar();
-   EXPECT_EQ(Rusk::send(pair.ends[0], wake), Sent::gone);
-   EXPECT_EQ(Rusk::receive(pair.ends[0], pair.message), Received::closed);
-}
-
 TEST(Protocol, NothingElseIsAMessage) {
    Pair pair;
    std::string const good = hello(1);
@@ -87,16 +61,4 @@ TEST(Protocol, NothingElseIsAMessage) {
       for (auto& byte : bytes) byte = static_cast<char>(random());
       EXPECT_EQ(pair.receiveAfter(bytes), Received::bad);
    }
-}
-
-TEST(Protocol, PassedDescriptorsAreNotTaken) {
-   Pair pair;
-   int pipe[2];
-   ASSERT_EQ(::pipe2(pipe, O_CLOEXEC | O_NONBLOCK), 0);
-   ASSERT_GT(sendWithDescriptor(pair.ends[1], position(2, 5), pipe[1]), 0);
-   ::close(pipe[1]);
-   EXPECT_EQ(Rusk::receive(pair.ends[0], pair.message), Received::descriptors);
-   char byte;
-   EXPECT_EQ(::read(pipe[0], &byte, 1), 0) << "somebody still holds the passed descriptor";
-   ::close(pipe[0]);
 }

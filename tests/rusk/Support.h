@@ -16,7 +16,6 @@
 #include <atomic>
 #include <cstring>
 #include <fcntl.h>
-#include <sys/epoll.h>
 #include <sys/socket.h>
 
 namespace RuskTest {
@@ -25,21 +24,7 @@ using Rusk::Drop;
 using Rusk::u32;
 using Rusk::u64;
 
-using Test::loop;
-using Test::runUntil;
-
-/// Until `done` or for half a minute, driven as an agent with a loop of its own drives it.
-template <class Done> bool driveUntil(Done done) {
-   int const epoll = ::epoll_create1(EPOLL_CLOEXEC);
-   epoll_event event{};
-   event.events = EPOLLIN;
-   ::epoll_ctl(epoll, EPOLL_CTL_ADD, loop().fd(), &event);
-   double const end = Lomi::monotonicTime() + 30;
-   while (!done() && Lomi::monotonicTime() < end)
-      if (::epoll_wait(epoll, &event, 1, 20) == 1) loop().dispatch();
-   ::close(epoll);
-   return done();
-}
+using Test::driveUntil, Test::loop, Test::runUntil;
 
 /// Sends `bytes` with a descriptor passed along. @return what sendmsg says
 inline ssize_t sendWithDescriptor(int socket, std::string bytes, int descriptor) {

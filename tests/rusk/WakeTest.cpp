@@ -12,27 +12,6 @@ using namespace RuskTest;
 using Wake = Served;
 using WakeLater = Rooted;
 
-TEST_F(Wake, ASleeperIsWokenForEachChange) {
-   Child child([&] { return followInChild(scratch, *shared); });
-   for (u64 i = 1; i <= 200; ++i) {
-      ASSERT_TRUE(driveUntil([&] { return writer.rusk.sleepingReaders() == 1 && shared->asleep; })) << i;
-      EXPECT_TRUE(writer.rusk.asleep());
-      writer.change();
-      EXPECT_FALSE(writer.rusk.asleep()) << "one WAKE is enough";
-      ASSERT_TRUE(runUntil([&] { return shared->taken == i; }));
-      ASSERT_TRUE(runUntil([&] { return shared->wakes >= i; }));
-   }
-   ASSERT_TRUE(runUntil([&] { return writer.rusk.sleepingReaders() == 1; }));
-   EXPECT_EQ(writer.rusk.reportedByAll(), 200u);
-   EXPECT_EQ(writer.rusk.clientQuiesced("follower", 200), 1u);
-   EXPECT_EQ(writer.rusk.counters().wakesSent, 200u);
-   EXPECT_EQ(writer.rusk.droppedPeers(), 0u);
-   shared->stop = true;
-   EXPECT_EQ(child.wait(), 0);
-   ASSERT_TRUE(runUntil([&] { return writer.rusk.readers() == 0; }));
-   EXPECT_FALSE(writer.rusk.asleep());
-}
-
 // Changes fall into every moment of the follower's way to sleep; the writer looks at its loop now and then.
 TEST_F(Wake, NoChangeIsSleptThrough) {
    Child child([&] { return followInChild(scratch, *shared); });

@@ -5,6 +5,8 @@
 #include "Lomi/TaskSchedulerRoot.h"
 #include "Processes.h"
 
+#include <sys/epoll.h>
+
 namespace Test {
 
 inline Lomi::TaskSchedulerRoot& loop() { return Lomi::TaskSchedulerRoot::root(); }
@@ -16,6 +18,17 @@ template <class Done> bool runUntil(Done done) {
       loop().run(0.1);
    }
    return true;
+}
+/// The same as an agent with a loop of its own does it: what isn't visible in fd() never runs.
+template <class Done> bool driveUntil(Done done) {
+   int const epoll = ::epoll_create1(EPOLL_CLOEXEC);
+   epoll_event event{};
+   event.events = EPOLLIN;
+   ::epoll_ctl(epoll, EPOLL_CTL_ADD, loop().fd(), &event);
+   for (double const end = now() + 30; !done() && now() < end;)
+      if (::epoll_wait(epoll, &event, 1, 20) == 1) loop().dispatch();
+   ::close(epoll);
+   return done();
 }
 /// Runs what is ready, until nothing is.
 inline void settle() {

@@ -55,42 +55,5 @@ TEST(Live, RefusesWhatASoundWriterNeverDoes) {
    EXPECT_NO_THROW(replay({change(Kind::allocate, 0, 12288), punch, change(Kind::allocate, 4096, 8), store}));
 }
 
-/// A pointer that is kept across a resize leads to a place that can't be read.
-TEST(MoveAlways, TheBaseMovesAtEachResize) {
-   using Mem::Mode, Mem::ParcelWrapper;
-   testRoot();
-   ParcelWrapper::moveAlways = true;
-   for (bool local : {false, true}) {
-      Mem::NaoRootPath const path(quiet(), "t", local);
-      ParcelWrapper writer(quiet(), path, "slots", local);
-      ASSERT_NE(writer.attach(4096, Mode::writer), nullptr);
-      std::strcpy(writer.base(), "kept");
-      ParcelWrapper reader(quiet(), path, "slots", local);
-      if (!local) {
-         ASSERT_NE(reader.attach(4096, Mode::reader), nullptr);
-      }
-      for (Mem::u64 size : {8192u, 8192u, 100000u, 4096u, 400000u}) {
-         char const* const before = writer.base();
-         ASSERT_NE(writer.resize(size), nullptr);
-         EXPECT_NE(writer.base(), before);
-         EXPECT_STREQ(writer.base(), "kept");
-         writer.base()[size - 1] = 'e';
-         if (local) continue;
-         char const* const seen = reader.base();
-         ASSERT_NE(reader.resize(size), nullptr);
-         EXPECT_NE(reader.base(), seen);
-         EXPECT_EQ(reader.base()[size - 1], 'e');
-         // The place that a stale pointer would lead to can't be read.
-         int ends[2];
-         ASSERT_EQ(::pipe(ends), 0);
-         EXPECT_EQ(::write(ends[1], before, 1), -1);
-         EXPECT_EQ(errno, EFAULT);
-         ::close(ends[0]);
-         ::close(ends[1]);
-      }
-   }
-   ParcelWrapper::moveAlways = false;
-}
-
 } // namespace
 } // namespace Test

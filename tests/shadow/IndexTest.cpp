@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The index of a copy under thousands of rows that come, go and change, while its memory moves with every
 // resize: the order of walks, lookups, the sizes.
-#include "../tessel/Dice.h"
+#include "Dice.h"
 #include "Support.h"
 
 #include <numeric>

@@ -339,25 +339,6 @@ TEST_P(ShadowMount, ItsClientLetsGoInAnyCallback) {
    expectTable();
 }
 
-TEST_P(ShadowMount, OneChangeWakesEverySleeper) {
-   constexpr u32 crowd = 5;
-   std::vector<std::unique_ptr<Client>> clients;
-   for (u32 n = 0; n < crowd; ++n) {
-      clients.push_back(std::make_unique<Client>("shadowed"));
-      clients.back()->init(wanted());
-   }
-   for (u32 change = 1; change <= 20; ++change) {
-      ASSERT_TRUE(runUntil([&] { return writer->writerCounters().sleepingReaders == crowd; }));
-      put(change, 1);
-      ASSERT_TRUE(runUntil([&] {
-         return std::all_of(clients.begin(), clients.end(),
-                            [&](auto& each) { return each->changes == change; });
-      }));
-   }
-   for (auto& each : clients) each->controlDetach();
-   settle();
-}
-
 TEST_P(ShadowMount, WaitsWhileItsClientWantsNoNotifications) {
    fill(40);
    client->notifyingIs(false);

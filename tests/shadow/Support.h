@@ -35,8 +35,8 @@ namespace Test {
 
 inline Key keyOf(u32 number) { return {number * 0x9e3779b1u, number}; }
 
-inline std::unique_ptr<Writer> newWriter(std::string const& table, u32 rows = 64) {
-   MapDescriptor const descriptor(rows);
+inline std::unique_ptr<Writer> newWriter(std::string const& table,
+                                         MapDescriptor const& descriptor = MapDescriptor(64)) {
    auto writer = std::make_unique<Writer>(quiet(), table.c_str(), descriptor, ShadowOps{});
    if (!writer->initialize("test")) throw std::runtime_error("no writer for " + table);
    return writer;
@@ -64,36 +64,6 @@ inline std::string difference(Content const& got, Content const& wanted) {
    }
    for (auto const& [key, generation] : got)
       if (!wanted.contains(key)) return fmt::format("{}@{} is too much", key.str(), generation);
-   return {};
-}
-
-/// Takes turns until each client's copy is this writer's table, and what it was told adds up to the same.
-/// @return what is wrong after a minute, or at the end; empty if nothing is
-template <class Clients, class Turn>
-std::string rest(Clients const& clients, Writer const& writer, Turn turn) {
-   std::string moves = "-";
-   for (double const end = now() + 60; !moves.empty();) {
-      if (now() > end) return "no rest:" + moves;
-      turn();
-      moves.clear();
-      for (auto& client : clients) {
-         if (client->notify.notifyLive && !client->notifying()) client->notifyingIs(true);
-         if (client->mountStatus() != Mem::MountStatus::synchronised || !client->quiesced() ||
-             client->kestorId() != writer.kestorId())
-            moves +=
-                fmt::format(" {} status {} quiesced {} connected {} notifying {} kestor {} wanted {}",
-                            client->modeStr(), static_cast<int>(client->mountStatus()), client->quiesced(),
-                            client->connected(), client->notifying(), client->kestorId(), writer.kestorId());
-      }
-   }
-   Content const wanted = contentOf(writer);
-   for (auto& client : clients) {
-      if (!client->complaint.empty()) return client->complaint;
-      if (std::string const wrong = difference(contentOf(client->back()), wanted); !wrong.empty())
-         return "copy: " + wrong;
-      if (std::string const wrong = difference(client->heard, wanted); !wrong.empty())
-         return "callbacks: " + wrong;
-   }
    return {};
 }
 

@@ -22,66 +22,55 @@ import threading
 import time
 from pathlib import Path
 
+sys.path.append(str(Path(__file__).resolve().parents[2] / "demo"))
+from processes import TERMINAL, Watcher  # noqa: E402
+
 CONFIG = "flowtracking/default/hwOffload/config/hoIpFlowConfig"
 SETTLED = 6  # seconds after its start in which a process is not measured
 
 
 class Agent:
-    """A program that is started again whenever it is ended."""
+    """A program that is started again whenever it is ended. Its words are kept in a file."""
 
-    def __init__(self, name, command, stdout=subprocess.DEVNULL):
-        self.name, self.command, self.stdout = name, command, stdout
-        self.starts, self.samples = 0, []
+    def __init__(self, name, command):
+        self.name, self.command, self.samples, self.words = name, command, [], tempfile.TemporaryFile("w+")
         self.start()
 
     def start(self):
-        self.process = subprocess.Popen(self.command, stdout=self.stdout, stderr=subprocess.PIPE, text=True)
-        threading.Thread(target=self.drain, args=[self.process.stderr], daemon=True).start()
+        self.process = subprocess.Popen(self.command, stdout=subprocess.DEVNULL, stderr=self.words)
         self.since = time.monotonic()
-        self.starts += 1
-
-    def drain(self, pipe):
-        self.last_words = collections.deque(pipe, maxlen=5)
 
     def end(self, number):
         self.process.send_signal(number)
         self.process.wait(timeout=60)
 
-    def sample(self):
-        if self.process.poll() is not None:
-            sys.exit(f"soak: {self.name} ended by itself with {self.process.returncode}: "
-                     f"{' '.join(getattr(self, 'last_words', []))}")
-        if time.monotonic() - self.since < SETTLED:
-            return
-        proc = Path("/proc") / str(self.process.pid)
-        try:
-            resident = int((proc / "statm").read_text().split()[1]) * os.sysconf("SC_PAGESIZE")
-            self.samples.append((len(os.listdir(proc / "fd")), resident))
-        except FileNotFoundError:
-            pass
+
+class Watched(Watcher):
+    """What `hoflow watch` says, and the first line that doesn't fit the ones before."""
+
+    def __init__(self, *place):
+        self.name, self.samples, self.since, self.wrong = "watch", [], time.monotonic(), None
+        super().__init__(*place)
+
+    def take(self, line):
+        row = line.get("is") or line.get("was")
+        if row and (json.dumps(row["key"]) in self.rows) == (line["event"] == "new"):
+            self.wrong = self.wrong or line
+        else:
+            super().take(line)
 
 
-class Watcher(Agent):
-    """`hoflow watch -j`, and what its lines add up to."""
-
-    def __init__(self, command):
-        self.rows, self.changes, self.events, self.wrong = set(), 0, collections.Counter(), []
-        super().__init__("watch", command, subprocess.PIPE)
-        threading.Thread(target=self.read, daemon=True).start()
-
-    def read(self):
-        for line in self.process.stdout:
-            said = json.loads(line)
-            kind = said.get("event")
-            self.events[kind] += 1
-            if kind not in ("new", "changed", "removed"):
-                continue
-            self.changes += 1
-            row = said.get("row") or said.get("is") or said.get("was")
-            key = json.dumps(row["key"], sort_keys=True)
-            if (key in self.rows) == (kind == "new"):
-                self.wrong.append(f"{kind}: {key}")
-            (self.rows.discard if kind == "removed" else self.rows.add)(key)
+def sample(one):
+    """Notes a process's descriptors and KiB of memory, once it has settled."""
+    if one.process.poll() is not None:
+        if isinstance(one, Agent):
+            one.words.seek(0)
+            print(*one.words.readlines()[-5:], file=sys.stderr)
+        sys.exit(f"soak: {one.name} ended by itself with {one.process.returncode}")
+    if time.monotonic() - one.since >= SETTLED:
+        proc = Path("/proc") / str(one.process.pid)
+        resident = int((proc / "statm").read_text().split()[1]) * os.sysconf("SC_PAGESIZE")
+        one.samples.append((len(os.listdir(proc / "fd")), resident // 1024))
 
 
 class Traffic(threading.Thread):
@@ -90,6 +79,7 @@ class Traffic(threading.Thread):
     def __init__(self, flows, dice):
         super().__init__(daemon=True)
         self.flows, self.dice, self.sent, self.going = flows, dice, 0, True
+        self.start()
 
     def run(self):
         sink = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
@@ -106,10 +96,6 @@ class Traffic(threading.Thread):
                 one.sendto(b"soak", sink.getsockname())
                 self.sent += 1
             time.sleep(0.1)
-
-
-def blocks(root):
-    return sum(path.stat().st_blocks * 512 for path in Path(root).rglob("*") if path.is_file())
 
 
 def flat(what, values, slack, report):
@@ -138,21 +124,20 @@ def main():
     live = ["-i", options.interface, "--root", root]
     tracker = Agent("tracker", [options.bin / "hoflow-tracker", *live, "--idle", "3", "--no-count"])
     offload = Agent("offload", [options.bin / "hoflow-offload", *live, "--slots", str(options.slots)])
-    watcher = Watcher([options.bin / "hoflow", "watch", "-j", "--all", "--root", root, CONFIG])
+    watcher = Watched(options.bin / "hoflow", CONFIG, root)
     everyone = [tracker, offload, watcher]
     traffic = Traffic(options.flows, dice)
-    traffic.start()
     used, ends = [], collections.Counter()
     begin, next_end = time.monotonic(), time.monotonic() + 15
     try:
         while (now := time.monotonic()) < begin + options.seconds:
             time.sleep(1)
             for one in everyone:
-                one.sample()
+                sample(one)
             if now > begin + 10:
-                used.append(blocks(root))
+                used.append(sum(path.stat().st_blocks // 2 for path in Path(root).rglob("*") if path.is_file()))
             if watcher.wrong:
-                sys.exit(f"soak: the watcher's lines don't add up: {watcher.wrong[0]}")
+                sys.exit(f"soak: the watcher's lines don't add up: {watcher.wrong}")
             if now > next_end:
                 victim = dice.choice([tracker, offload])
                 number = dice.choice([signal.SIGKILL, signal.SIGTERM])
@@ -162,8 +147,8 @@ def main():
                     time.sleep(dice.random())
                 victim.start()
                 next_end = now + dice.uniform(8, 25)
-            if sys.stderr.isatty():
-                print(f"\r{now - begin:6.0f} s  {len(watcher.rows)} rows, {watcher.changes} changes, "
+            if TERMINAL:
+                print(f"\r{now - begin:6.0f} s  {len(watcher.rows)} rows, {watcher.told()} changes, "
                       f"{sum(ends.values())} restarts ", end="", file=sys.stderr)
         traffic.going = False
         until = time.monotonic() + 60
@@ -174,8 +159,8 @@ def main():
         for one in everyone:
             descriptors, memory = zip(*one.samples)
             good &= flat(f"{one.name}: descriptors", descriptors, 2, report)
-            good &= flat(f"{one.name}: resident KiB", [m // 1024 for m in memory], 4096, report)
-        good &= flat("tables: KiB of blocks", [b // 1024 for b in used], max(1024, used[0] // 4096), report)
+            good &= flat(f"{one.name}: resident KiB", memory, 4096, report)
+        good &= flat("tables: KiB of blocks", used, max(1024, used[0] // 4), report)
         tables = subprocess.run([options.bin / "hoflow", "list", "--root", root, "-j"], capture_output=True, text=True)
         for line in tables.stdout.splitlines():
             name = json.loads(line)["table"]
@@ -186,7 +171,7 @@ def main():
         print(f"\n{'':28} {'first':>10} {'last':>10} {'most':>10}")
         for what, first, last, most, word in report:
             print(f"{what:28} {first:10.0f} {last:10.0f} {most:10.0f} {word}")
-        print(f"restarts: {dict(ends)}; packets sent: {traffic.sent}; changes watched: {watcher.changes}; "
+        print(f"restarts: {dict(ends)}; packets sent: {traffic.sent}; changes watched: {watcher.told()}; "
               f"watcher's events: {dict(watcher.events)}; rows left: {len(watcher.rows)}")
         print("flat, and everything added up" if good else "NOT as it should be")
         return 0 if good else 1

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 // The queue's files: what is adopted, what is formatted, what a damaged word is answered with.
-#include "Dice.h"
 #include "TestRoot.h"
 
 #include "Lomi/Exception.h"
 #include "Tessel/TesselReader.h"
+#include "Tessel/TesselWriter.h"
 
 #include <gtest/gtest.h>
 
@@ -19,6 +19,7 @@ namespace {
 using Mem::u32;
 using Mem::u64;
 using Tessel::QueueHeader;
+using Queue = Tessel::TesselWriter<Tessel::BasicSlot, u32>;
 Parcel::KestorId const kestor(1, 1);
 
 class TesselFiles : public testing::Test {

@@ -12,6 +12,7 @@ namespace {
 
 using Mem::u32;
 using Mem::u64;
+using Queue = Tessel::TesselWriter<Tessel::BasicSlot, u32>;
 
 Lomi::Platform::DebugHandler const& handler() { return *Lomi::Platform::getDebugHandler("test", true); }
 Mem::NaoRootPath tablePath(std::string const& name) {
@@ -138,54 +139,6 @@ TEST(TesselWriter, HoldsWhatTheModelHolds) {
    EXPECT_GT(turns, 1000u);
    EXPECT_GT(drops, 20u);
    EXPECT_GT(pruned, 100u);
-}
-
-// A long turn lets the table's critical tasks run, and they may ask where the queue stands.
-TEST(TesselWriter, LongTurnsRunTheHook) {
-   constexpr u32 slots = 1'000'000;
-   Queue queue(handler(), tablePath("hook"), false, Tessel::PruneMode::keep);
-   u64 calls = 0, wrong = 0;
-   queue.longOperationHookIs([&] {
-      ++calls;
-      wrong += queue.tail() < slots;
-   });
-   queue.attach({1, 1});
-   queue.reserve(slots);
-   Dice dice(1);
-   for (u32 slot = 0; slot < slots; ++slot) queue.notify(slot * 7919ull % slots);
-   u64 const turns = queue.turns();
-   calls = wrong = 0;
-   for (u32 n = 0; n < 5 && calls == 0; ++n)
-      for (u64 const before = queue.turns(); queue.turns() == before;) queue.notify(dice.below(slots));
-   EXPECT_GT(queue.turns(), turns);
-   EXPECT_EQ(wrong, 0u);
-   RecordProperty("calls", static_cast<int>(calls)); // how many is a matter of the machine
-   std::string error;
-   EXPECT_TRUE(queue.validate({1, 1}, slots, error)) << error;
-}
-
-TEST(TesselWriter, LocalTablesHaveAQueueOfLengthZero) {
-   Queue queue(handler(), {handler(), "anything", true}, true, Tessel::PruneMode::keep);
-   EXPECT_EQ(queue.attach({1, 0}), Tessel::queueNew);
-   queue.reserve(1u << 30);
-   for (u32 n = 0; n < 10; ++n) {
-      queue.notify(n);
-      queue.tombstone(n);
-   }
-   queue.markShrinkStart();
-   queue.notify(1);
-   EXPECT_EQ(queue.shrinkMarker(), 0u);
-   queue.markShrinkEnd();
-   EXPECT_FALSE(queue.choresPending());
-   std::string error;
-   EXPECT_TRUE(queue.validate({1, 0}, 4, error));
-   EXPECT_TRUE(queue.validateBeyond(0, error));
-   EXPECT_EQ(queue.count(), 0u);
-   EXPECT_EQ(queue.tesselSlot(0), Tessel::noPosition);
-   EXPECT_EQ(queue.tail(), 0u);
-   queue.validateFile();
-   queue.cleanup();
-   EXPECT_EQ(queue.attach({1, 0}), Tessel::queueNew);
 }
 
 // Whoever attaches after a death inside a compaction sweeps from its start on, and needs the entries from

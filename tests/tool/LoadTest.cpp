@@ -66,17 +66,15 @@ TYPED_TEST(LoadedTable, EqualsTheDumpedOne) {
       Writer<TypeParam> writer("from", 100);
       for (u32 n = 0; n < 250; ++n) writer.put(rowOf<TypeParam>(n));
    }
-   using Ops = PlainOps<TypeParam>;
    if (FlowTracking::tableTypeNamed(TypeParam::typeName)->hasChangeQueue) this->claimQueue("from");
    this->dumpTo("from", "file");
-   auto const load = this->run({"load", "new/to", this->at("file"), "-j"});
-   ASSERT_EQ(load.status, 0) << load.err;
-   EXPECT_EQ(load.objects().at(0)["rows"], load.objects().at(0)["loaded"]);
+   auto const load = this->object({"load", "new/to", this->at("file")});
+   EXPECT_EQ(load["rows"], load["loaded"]);
    auto const wanted = this->rowsOf("from");
    EXPECT_GT(wanted.size(), 200u);
    EXPECT_EQ(this->rowsOf("new/to"), wanted);
    EXPECT_EQ(this->run({"check", "new/to"}).status, 0);
-   EXPECT_EQ(this->run({"show", "new/to", "-j"}).objects().at(0)["owner"]["typeName"], Ops::Value::typeName);
+   EXPECT_EQ(this->object({"show", "new/to"})["owner"]["typeName"], TypeParam::typeName);
 }
 
 TEST_F(Load, AnExistingTableGetsTheFilesRows) {
@@ -89,9 +87,8 @@ TEST_F(Load, AnExistingTableGetsTheFilesRows) {
       writer.remove(key4(2));
       writer.put(counter4(rows + 5));
    }
-   auto const kept = run({"load", counterName, at("rows"), "--keep", "-j"}).objects().at(0);
-   EXPECT_EQ(kept["rows"], rows + 1);
-   auto const loaded = run({"load", "hoIpFlowCounter", at("rows"), "-j"}).objects().at(0);
+   EXPECT_EQ(object({"load", counterName, at("rows"), "--keep"})["rows"], rows + 1);
+   auto const loaded = object({"load", "hoIpFlowCounter", at("rows")});
    EXPECT_EQ(loaded["rows"], rows);
    EXPECT_EQ(loaded["removed"], 1);
    EXPECT_EQ(loaded["table"], counterName);
@@ -100,7 +97,7 @@ TEST_F(Load, AnExistingTableGetsTheFilesRows) {
    write(at("empty"), {});
    EXPECT_EQ(run({"load", "other", at("empty")}).status, 2);
    EXPECT_EQ(run({"load", "other", at("empty"), "--type", "hosStateCounterEntry"}).status, 0);
-   EXPECT_EQ(run({"list", "other", "-j"}).objects().at(0)["valueType"], "FlowTracking::HosStateCounterEntry");
+   EXPECT_EQ(object({"list", "other"})["valueType"], "FlowTracking::HosStateCounterEntry");
    EXPECT_EQ(run({"load", counterName, at("empty")}).status, 0);
    EXPECT_EQ(run({"count", counterName}).out, "0\n");
 }
@@ -123,37 +120,27 @@ TEST_F(Load, ALineThatDoesntParseChangesNothing) {
    };
    for (auto const& [part, instead, says] : all) {
       edit("rows", "bad", part, instead);
-      auto const load = run({"load", counterName, at("bad")});
-      EXPECT_EQ(load.status, 4) << load.err;
-      EXPECT_EQ(load.out, "");
-      for (auto const& words : says) EXPECT_NE(load.err.find(words), std::string::npos) << load.err;
+      refuses({"load", counterName, at("bad")}, 4, says);
       fs::remove(at("bad"));
    }
    auto lines = run({"dump", counterName, "--strep", "-n", "1"}).out;
    lines += lines;
    write(at("twice"), {lines.begin(), lines.end()});
-   auto const twice = run({"load", "new", at("twice")});
-   EXPECT_EQ(twice.status, 4);
-   EXPECT_NE(twice.err.find("twice:2: the row of line 1 has this key, too"), std::string::npos) << twice.err;
+   refuses({"load", "new", at("twice")}, 4, {"twice:2: the row of line 1 has this key, too"});
    fs::remove(at("twice"));
    EXPECT_EQ(snapshot(), before);
 }
 
 TEST_F(Load, RefusesWhatItMustNotWrite) {
    write(at("state"), {});
-   auto const otherType =
-       run({"load", counterName, at("state"), "--type", "FlowTracking::HosStateCounterEntry"});
-   EXPECT_EQ(otherType.status, 3);
-   EXPECT_NE(otherType.err.find("holds FlowTracking::HoIpFlowCounter"), std::string::npos) << otherType.err;
-   EXPECT_EQ(run({"load", counterName, at("absent")}).status, 3);
-   EXPECT_NE(run({"load", counterName, root}).err.find("is a directory"), std::string::npos);
-   EXPECT_EQ(run({"load", "../x", at("rows")}).status, 2);
+   refuses({"load", counterName, at("state"), "--type", "FlowTracking::HosStateCounterEntry"}, 3,
+           {"holds FlowTracking::HoIpFlowCounter"});
+   refuses({"load", counterName, at("absent")}, 3);
+   refuses({"load", counterName, root}, 3, {"is a directory"});
+   refuses({"load", "../x", at("rows")}, 2);
    Writer<HoIpFlowCounter> const alive(counterName);
    std::string const before = snapshot();
-   auto const refused = run({"load", counterName, at("rows")});
-   EXPECT_EQ(refused.status, 3);
-   EXPECT_NE(refused.err.find(fmt::format("its writer, process {}, lives", getpid())), std::string::npos)
-       << refused.err;
+   refuses({"load", counterName, at("rows")}, 3, {fmt::format("its writer, process {}, lives", getpid())});
    EXPECT_EQ(snapshot(), before);
 }
 
@@ -166,8 +153,8 @@ TEST_F(Load, TypesAndSchemas) {
           1)
           << table.valueType;
    EXPECT_EQ(hoflow({"types", "HosState", "-j"}).objects().at(0)["module"], "HoFlowStatus");
-   EXPECT_EQ(hoflow({"types", "nothing"}).status, 1);
-   auto const schema = hoflow({"schema", "hoipflowcounter", "-j"}).objects().at(0);
+   refuses({"types", "nothing"}, 1);
+   auto const schema = object({"schema", "hoipflowcounter"});
    EXPECT_EQ(schema["type"], "FlowTracking::HoIpFlowCounter");
    EXPECT_EQ(schema["attributes"][2],
              json::parse(
@@ -179,17 +166,17 @@ TEST_F(Load, TypesAndSchemas) {
 }
 
 TEST_F(Load, TheOwnerIsTyped) {
-   auto const owner = run({"show", counterName, "-j"}).objects().at(0)["owner"];
+   auto const owner = object({"show", counterName})["owner"];
    EXPECT_EQ(owner["pid"], getpid());
    EXPECT_EQ(owner["typeName"], "FlowTracking::HoIpFlowCounter");
    EXPECT_EQ(owner["parcelType"], "mirak");
    EXPECT_EQ(owner["socketName"], nullptr);
    EXPECT_EQ(owner["startTime"].get<std::string>().back(), 'Z');
    poke(file(counterName, "owner"), 24, 1);
-   auto const damaged = run({"show", counterName, "-j"}).objects().at(0)["owner"];
+   auto const damaged = object({"show", counterName})["owner"];
    EXPECT_NE(damaged["problem"].get<std::string>().find("checksum"), std::string::npos) << damaged;
    fs::remove(file(counterName, "owner"));
-   EXPECT_EQ(run({"show", counterName, "-j"}).objects().at(0)["owner"], nullptr);
+   EXPECT_EQ(object({"show", counterName})["owner"], nullptr);
 }
 
 } // namespace

@@ -4,71 +4,30 @@
 // without one, and get an empty one by hand: readers see no other difference.
 #pragma once
 
+#include "../seam/Running.h"
 #include "FlowTracking/Tables.h"
 #include "Mem/Paths.h"
 #include "Mirak/MirakWriter.h"
 
 #include <cstring>
+#include <fmt/ranges.h>
 #include <functional>
 #include <gtest/gtest.h>
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
 namespace ToolTest {
 
-using nlohmann::json;
 using u32 = std::uint32_t;
 using u64 = std::uint64_t;
 
-struct Result {
-   int status = -1; ///< exit status, 128 + n if signal n ended it
-   std::string out, err;
+using nlohmann::json;
+using Test::Result, Test::Running, Test::Surroundings;
 
-   std::vector<std::string> lines() const;
-   /// stdout as one JSON object a line. Fails the test if it is none.
-   std::vector<json> objects() const;
-};
-
-/// How a program is run beside its arguments.
-struct Surroundings {
-   std::vector<std::string> environment = {}; ///< NAME=VALUE; nothing else is set
-   unsigned uid = 0;                          ///< another user; needs root
-   bool terminal = false;                     ///< stdout is a terminal
-   bool closedPipe = false;                   ///< stdout is a pipe that nobody reads
-   std::string intoFile = {};                 ///< stdout is this file
-   std::function<void(int pid)> whileBlocked =
-       {}; ///< called when the pipe of stdout is full, before it is read
-};
-
-/// Runs `hoflow` with the arguments; ended after a minute.
-Result hoflow(std::vector<std::string> const& arguments, Surroundings const& around = {});
-
-/// A `hoflow` that runs beside the test, in the test's root. Ended with it.
-class Running {
-public:
-   /// @param terminal stdin and stdout are one
-   explicit Running(std::vector<std::string> arguments, bool terminal = false);
-   Running(Running const&) = delete;
-   Running& operator=(Running const&) = delete;
-   ~Running();
-
-   /// The next line of stdout. Fails the test, and is empty, where none comes in a minute.
-   std::string line();
-   /// The next line as an object.
-   json object();
-   /// Waits until stdout, or stderr, says this. What was said up to there isn't looked at again.
-   void says(std::string const& text, bool error = false);
-   void type(char key) const;
-   /// Sends a signal, if any, and waits for the end, also without reading. @return as Result::status
-   int end(int signal = 0);
-
-private:
-   bool more();
-   int pid_ = -1, out_ = -1, err_ = -1;
-   std::string said_, complained_;
-};
+inline Result hoflow(std::vector<std::string> arguments, Surroundings const& around = {}) {
+   return Running(HOFLOW_TOOL, std::move(arguments), around).wait();
+}
 
 /// The same types with a writer that feeds no queue.
 template <class Record>
@@ -103,7 +62,27 @@ protected:
    ~Root() override;
 
    /// hoflow with --root.
-   Result run(std::vector<std::string> arguments, Surroundings const& around = {}) const;
+   Result run(std::vector<std::string> arguments, Surroundings const& around = {}) const {
+      return start(std::move(arguments), around).wait();
+   }
+   /// The same beside the test.
+   Running start(std::vector<std::string> arguments, Surroundings const& around = {}) const {
+      arguments.insert(arguments.begin(), {"--root", root});
+      return Running(HOFLOW_TOOL, std::move(arguments), around);
+   }
+   /// Expects that hoflow ends so, with these words on stderr and nothing on stdout.
+   void refuses(std::vector<std::string> const& arguments, int status,
+                std::vector<std::string> const& says = {}) const {
+      SCOPED_TRACE(fmt::format("{}", fmt::join(arguments, " ")));
+      auto const result = run(arguments);
+      result.is(status, says);
+      EXPECT_EQ(result.out, "");
+   }
+   /// The only object that it prints.
+   json object(std::vector<std::string> arguments, Surroundings const& around = {}) const {
+      arguments.push_back("-j");
+      return run(std::move(arguments), around).object();
+   }
    std::string file(std::string const& table, char const* name) const {
       return root + "/" + table + "/" + name;
    }

@@ -17,7 +17,6 @@
 #include "Track.h"
 
 #include <gtest/gtest.h>
-#include <random>
 #include <sys/wait.h>
 
 namespace Tracker {
@@ -134,17 +133,6 @@ TEST_F(Kill, AtEveryStore) {
    EXPECT_GT(anew, 100u);
    EXPECT_GT(oneOfTwo, 300u);
    RecordProperty("places", static_cast<int>(at));
-}
-
-TEST_F(Kill, AgainAndAgain) {
-   std::mt19937 draw(11);
-   for (unsigned round = 0; round < 40; ++round) {
-      freshRoot();
-      unsigned deaths = 0;
-      while (deaths < 6 && dies(draw() % 2000)) ++deaths;
-      endsRight();
-      ASSERT_FALSE(HasFailure()) << "round " << round;
-   }
 }
 
 } // namespace

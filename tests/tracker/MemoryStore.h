@@ -7,6 +7,7 @@
 #include "RowStore.h"
 #include "Track.h"
 
+#include <gtest/gtest.h>
 #include <map>
 #include <random>
 #include <vector>
@@ -58,6 +59,28 @@ private:
    Rows rows_;
    std::uint64_t changes_ = 0, deadline_ = ~0ull;
 };
+
+/// What `run` makes of rows that it finds, when it dies at its first change, at its second one and so on, and
+/// is then started again: `wanted`, each time.
+template <class Record, class Run>
+void expectInSpiteOfDeaths(typename MemoryStore<Record>::Rows const& found,
+                           typename MemoryStore<Record>::Rows const& wanted, Run run) {
+   bool died = true;
+   for (std::uint64_t after = 0; died; ++after) {
+      MemoryStore<Record> store;
+      store.content() = found;
+      store.dieAfter(after);
+      died = false;
+      try {
+         run(store);
+      } catch (Killed const&) {
+         died = true;
+      }
+      store.dieAfter(~0ull >> 1);
+      run(store);
+      ASSERT_EQ(store.content(), wanted) << "died at change " << after;
+   }
+}
 
 struct TestPacket {
    FlowTracking::IpFlowKey key;

@@ -75,19 +75,6 @@ TEST(Compaction, AtAQuarterOfThePowerOfTwo) {
    EXPECT_LE(wrapper.blockBytes(), Mem::roundUpToPage(wrapper.mappedSize()));
 }
 
-// No further operation comes: the agent's loop does it.
-TEST(Compaction, MemoryGoesWithoutFurtherOperations) {
-   Sparse table("idle", 1000);
-   auto& wrapper = table.writer->slotTable().wrapper();
-   table.writer->shrink();
-   u64 const blocks = wrapper.blockBytes();
-   EXPECT_TRUE(wrapper.releasePending());
-   for (int i = 0; i < 1000 && wrapper.releasePending(); ++i) Lomi::TaskSchedulerRoot::root().run(0.05);
-   EXPECT_LT(wrapper.blockBytes(), blocks);
-   EXPECT_FALSE(wrapper.releasePending());
-   EXPECT_EQ(table.difference(), "");
-}
-
 TEST(Compaction, FarBelowAndDownToNothing) {
    Sparse table("far", 924);
    {

@@ -18,9 +18,9 @@ Mirak::MapDescriptor localOf(u32 rows) {
    return d;
 }
 
-Content fill(WriterOf<R>& writer, u32 rows) {
+template <class Writer> Content fill(Writer& writer, u32 rows) {
    Content content;
-   for (u32 i = 0; i < rows; ++i) writer.write(R::make({i, i}, content[{i, i}] = i + 1), true);
+   for (u32 i = 0; i < rows; ++i) writer.write(Writer::Value::make({i, i}, content[{i, i}] = i + 1), true);
    return content;
 }
 
@@ -163,10 +163,12 @@ TEST(Lifecycle, LocalTablesTouchNoFile) {
    auto const before = listing();
    Mem::Seam::observer = &calls;
    {
-      Mirak::Tmp<OpsOf<R>> table(quiet(), "no/such/name", localOf(100));
+      using Queued = Row<1201, true>;
+      Mirak::Tmp<OpsOf<Queued>> table(quiet(), "no/such/name", localOf(100));
       table.initialize("none");
       Content content = fill(table, 4);
-      EXPECT_EQ(difference(table, content, keys), "");
+      EXPECT_EQ(difference<Queued>(table, content, keys), "");
+      EXPECT_EQ(table.queue().tesselWriter.count() + table.queue().ruskSm.readers(), 0u);
       EXPECT_EQ(table.kestorId(), Parcel::KestorId(static_cast<Mem::u16>(getpid()), 0));
       EXPECT_EQ(table.mountStatus(), Mem::MountStatus::notMounted);
       EXPECT_TRUE(table.validateFiles());

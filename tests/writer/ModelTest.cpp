@@ -3,6 +3,7 @@
 // table by every way in; between them walks that live through it all.
 // Keys carry their own hashes, so that chains are as even, as uneven or as long as a case wants them. The
 // seed is printed with a failure; HOFLOW_SEED sets it, HOFLOW_STEPS the length.
+#include "Dice.h"
 #include "Fixture.h"
 
 #include "Mirak/MirakReader.h"
@@ -304,9 +305,8 @@ protected:
 TEST_P(WriterModel, Small) { run<Small>(12000); }
 TEST_P(WriterModel, Wide) { run<Wide>(12000); }
 TEST_P(WriterModel, WithAQueue) {
-   Tessel::leastEntries = 8;
+   SmallTables const small(8);
    run<Queued>(12000);
-   Tessel::leastEntries = 510;
 }
 
 class WriterModelOfHugeRows : public WriterModel {};

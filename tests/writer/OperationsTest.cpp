@@ -325,21 +325,23 @@ protected:
       EXPECT_EQ(writer->kestorId().high, kestor.high + 1);
    }
 
-   template <class Row> void fillUntilRefused(u32 atCapacity) {
+   /// The row behind so many others is refused in these words. What is prepared after `fillAt` of them finds
+   /// no room either, and that is no error yet.
+   template <class Row> void refuses(u32 rows, u32 fillAt, std::string const& words) {
       auto writer = open<Row>("small/table", Mirak::MapDescriptor(1000));
       Content content;
-      std::string text;
-      for (u32 i = 0; text.empty(); ++i) try {
-            writer->write(Row::make({i, i}, i + 1), true);
-            content[{i, i}] = i + 1;
-         } catch (Lomi::MemoryResourceException const& e) {
-            text = e.what();
-         }
-      EXPECT_EQ(writer->capacity(), atCapacity);
-      EXPECT_EQ(content.size(), atCapacity);
-      EXPECT_TRUE(text.starts_with(fmt::format("failed to resize {}/slots from {} to {} slots, needed ",
-                                               writer->rootPath().str(), atCapacity, 2 * atCapacity)))
-          << text;
+      for (u32 i = 0; i < rows; ++i) {
+         if (i == fillAt) fill();
+         writer->write(Row::make({i, i}, content[{i, i}] = i + 1), true);
+      }
+      if (rows == fillAt) fill();
+      try {
+         writer->write(Row::make({500, 500}, 1), true);
+         FAIL() << "the file system isn't full";
+      } catch (Lomi::MemoryResourceException const& e) {
+         EXPECT_NE(std::string(e.what()).find(words), std::string::npos) << e.what();
+      }
+      EXPECT_EQ(writer->capacity(), rows);
       refusedAndThenFormatted<Row>(std::move(writer), content);
    }
 
@@ -347,48 +349,17 @@ private:
    bool mounted_ = false;
 };
 
-TEST_F(FullFileSystem, SlotsCantGrow) { fillUntilRefused<Wide>(256); }
-
+TEST_F(FullFileSystem, SlotsCantGrow) {
+   refuses<Wide>(256, ~0u, "failed to resize " + directory() + "/table/slots from 256 to 512 slots, needed ");
+}
 // A growth that is prepared in pieces says nothing when they find no room; the growth itself does.
 TEST_F(FullFileSystem, PreparedSlotsCantGrow) {
    largerIs("size=2m");
-   fillUntilRefused<Row<1201>>(256);
+   refuses<Row<1201>>(256, ~0u, "/slots from 256 to 512 slots, needed ");
 }
-
 // Where the queue has no room for more slots, a row in one of them must not become visible.
-TEST_F(FullFileSystem, QueueCantGrow) {
-   using Queued = Row<3, true>;
-   auto writer = open<Queued>("small/table", Mirak::MapDescriptor(1000));
-   Content content;
-   for (u32 i = 0; i < 128; ++i) writer->write(Queued::make({i, i}, content[{i, i}] = i + 1), true);
-   EXPECT_EQ(writer->capacity(), 128u);
-   fill();
-   try {
-      writer->write(Queued::make({500, 500}, 1), true);
-      FAIL() << "the file system isn't full";
-   } catch (Lomi::MemoryResourceException const& e) {
-      EXPECT_NE(std::string(e.what()).find("tessel.0 for 256 slots"), std::string::npos) << e.what();
-   }
-   EXPECT_EQ(writer->capacity(), 128u);
-   refusedAndThenFormatted<Queued>(std::move(writer), content);
-}
-
-TEST_F(FullFileSystem, BucketsCantGrow) {
-   auto writer = open<R>("small/table", Mirak::MapDescriptor(1000));
-   Content content;
-   for (u32 i = 0; i < 256; ++i) {
-      if (i == 200) fill(); // what is prepared from here on finds no room, and that is no error yet
-      writer->write(R::make({i, i}, content[{i, i}] = i + 1), true);
-   }
-   try {
-      writer->write(R::make({500, 500}, 1), true);
-      FAIL() << "the file system isn't full";
-   } catch (Lomi::MemoryResourceException const& e) {
-      EXPECT_NE(std::string(e.what()).find("buckets from 256 to 512 buckets"), std::string::npos) << e.what();
-   }
-   EXPECT_EQ(writer->capacity(), 256u);
-   refusedAndThenFormatted<R>(std::move(writer), content);
-}
+TEST_F(FullFileSystem, QueueCantGrow) { refuses<Row<3, true>>(128, 128, "tessel.0 for 256 slots"); }
+TEST_F(FullFileSystem, BucketsCantGrow) { refuses<R>(256, 200, "buckets from 256 to 512 buckets"); }
 
 // Nothing is asked of the system for a row that can't be stored.
 TEST_F(FullFileSystem, AFullTableOfFixedSizeGoesOn) {

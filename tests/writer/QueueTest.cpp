@@ -130,48 +130,6 @@ TEST_F(AtRest, AFileOfTheQueueIsGone) {
    }
 }
 
-TEST(Queue, LivesInPrivateMemoryWithoutFiles) {
-   Mirak::MapDescriptor local(10);
-   local.local = true;
-   auto const writer = open<QueuedWide>("local", local, quiet());
-   Content content;
-   QueuedWide removed;
-   for (u32 i = 0; i < 40; ++i) writer->write(QueuedWide::make(key(i, i), content[key(i, i)] = 1), true);
-   for (u32 i = 0; i < 37; ++i) {
-      writer->remove(key(i, i), removed);
-      content.erase(key(i, i));
-   }
-   EXPECT_EQ(difference(*writer, content, {key(1, 1), key(38, 38)}), "");
-   EXPECT_GT(writer->writerCounters().slotShrinks, 0u);
-   EXPECT_EQ(writer->queue().tesselWriter.count(), 0u);
-   EXPECT_EQ(writer->queue().ruskSm.readers(), 0u);
-   EXPECT_FALSE(std::filesystem::exists(testRoot() + "/local"));
-}
-
-/// A hundred times from nothing to 60 rows and back.
-TEST(Queue, CompactsEveryTime) {
-   SilentFollower silent;
-   for (bool followed : {false, true}) {
-      std::filesystem::remove_all(testRoot() + "/tides");
-      auto const writer = open<QueuedWide>("tides", Mirak::MapDescriptor(100), quiet());
-      if (followed) writer->queue().tesselWriter.followersIs(&silent);
-      QueuedWide removed;
-      u64 largest = 0;
-      for (u32 tide = 0; tide < 100; ++tide) {
-         for (u32 i = 0; i < 60; ++i) writer->write(QueuedWide::make(key(i, i), tide + 1), true);
-         largest = std::max(largest, writer->queue().tesselWriter.mappedSize());
-         // One row stays and moves each time. Some of the others stay until the end, too.
-         for (u32 i = 0; i < 59; ++i) writer->remove(key((i * 7) % 59, (i * 7) % 59), removed);
-         EXPECT_EQ(writer->capacity(), writer->minSize()) << "tide " << tide << " followed " << followed;
-      }
-      EXPECT_GE(writer->writerCounters().slotShrinks, 100u);
-      EXPECT_LE(largest, Mem::roundUpToPage(1) * 8) << "the queue's files grow from tide to tide";
-      EXPECT_TRUE(writer->validate());
-      bool found;
-      EXPECT_EQ(writer->lookup(key(59, 59), found, nullptr)->generation(), 100u);
-   }
-}
-
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 /// Connected, and never asleep.
 class Awake final : public Rusk::Follower {

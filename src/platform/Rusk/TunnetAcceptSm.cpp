@@ -31,8 +31,8 @@ constexpr u32 mostOfOneUser = 128;   // of users other than this process's and t
 constexpr std::size_t mostVisitors = 32;
 constexpr double pauseWithoutDescriptors = 0.25;
 constexpr double pauseInAFlood = 0.02;
-constexpr int sendBuffer = 8192; // about twenty messages that a peer may leave unread
-constexpr double staleAge = 10;  // seconds; between bind and listen nobody answers either
+constexpr int sendBuffer = 8192;     // about twenty messages that a peer may leave unread
+constexpr std::time_t staleAge = 10; // seconds; between bind and listen nobody answers either
 constexpr u32 mostNames = 64;
 
 u32 connectionLimit() {

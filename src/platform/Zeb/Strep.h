@@ -124,7 +124,7 @@ template <class T> T strepToValue(String const& text, T*) {
       else
          return sequenceToValue(it, end, static_cast<T*>(nullptr));
    };
-   T const value = parsed();
+   T value = parsed();
    strepToValueEnd(text, it);
    return value;
 }

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the queue's tests share: random numbers that are the same everywhere, and small tables.
+// Random numbers that are the same everywhere, and small queues.
 #pragma once
 
 #include "Tessel/TesselWriter.h"
@@ -7,8 +7,6 @@
 #include <random>
 
 namespace Test {
-
-using Queue = Tessel::TesselWriter<Tessel::BasicSlot, Mem::u32>;
 
 class Dice {
 public:
