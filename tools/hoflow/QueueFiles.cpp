@@ -3,7 +3,6 @@
 #include "QueueFiles.h"
 
 #include "OneFile.h"
-#include "Rusk/Sequence.h"
 
 #include <algorithm>
 #include <cstring>
