@@ -109,9 +109,7 @@ template <class Slot> WalkResult TesselReader<Slot>::place() {
    u64 const base = Mem::loadShared(header().base[generation & 1]);
    u32 const capacity = Mem::loadShared(table(generation).capacity);
    u32 const count = Mem::loadShared(table(generation).count);
-   Mem::ParcelWrapper const& file = tables_[generation & 1];
-   bool const sound = count <= capacity && file.memSize() >= tableFileSize(capacity);
-   bool const mapped = sound && follow(generation, capacity);
+   bool const mapped = count <= capacity && follow(generation, capacity);
    u32 position = 0;
    if (mapped) {
       QueueEntry const* const entries = table(generation).entries();
@@ -125,12 +123,14 @@ template <class Slot> WalkResult TesselReader<Slot>::place() {
       }
    }
    if (!same(generation)) return WalkResult::more;
-   if (!sound)
-      corrupt(
-          fmt::format("bad queue table count:{} capacity:{} file size:{}", count, capacity, file.memSize()));
-   if (!mapped)
+   if (!mapped) {
+      Mem::ParcelWrapper const& file = tables_[generation & 1];
+      if (count > capacity || file.memSize() < tableFileSize(capacity))
+         corrupt(fmt::format("bad queue table count:{} capacity:{} file size:{}", count, capacity,
+                             file.memSize()));
       throw Lomi::MemoryResourceException(fmt::format("failed to map {} for {} entries. Reason: {}",
                                                       file.getFilename(), capacity, file.lastError()));
+   }
    if (floor >= next) corrupt(fmt::format("bad queue floor:{} next:{}", floor, next));
    if (last_ < floor || last_ >= next) return WalkResult::resync;
    generation_ = generation;
